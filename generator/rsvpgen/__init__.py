@@ -1,0 +1,1 @@
+"""The generator of the RSVP model: schema loader, typed model, emitter."""

@@ -1,0 +1,265 @@
+"""Loads and checks the schema files. Every mistake is reported with the file
+and the type or attribute it is in, and nothing is generated from a schema
+that does not pass."""
+
+import os
+import re
+
+import yaml
+
+from .types import ALIASES, Attr, Bound, Enum, Enumerator, Model, Unit, ValueType
+
+IDENT = re.compile(r"^[A-Za-z_][A-Za-z0-9_]*$")
+TRAITS = {"hash", "less"}
+
+UNIT_KEYS = {"unit", "doc", "types"}
+ENUM_KEYS = {"enum", "doc", "values"}
+VALUE_KEYS = {"value", "doc", "strep", "traits", "attrs", "methods"}
+ATTR_KEYS = {"name", "type", "doc", "const", "default", "range"}
+
+
+class SchemaError(Exception):
+    pass
+
+
+def find_schema_files(root):
+    found = []
+    for directory, _, files in os.walk(root):
+        found += [os.path.join(directory, f) for f in files if f.endswith(".yaml")]
+    return sorted(found)
+
+
+def load(root, files):
+    model = Model()
+    pending = []
+    for path in files:
+        rel = os.path.relpath(path, root)
+        with open(path, encoding="utf-8") as f:
+            try:
+                data = yaml.safe_load(f)
+            except yaml.YAMLError as error:
+                raise SchemaError(f"{rel}: not valid YAML: {error}") from None
+        pending.append(_declare_unit(model, rel, data))
+    # Attributes may name types of any unit, so they are read once every type
+    # is declared.
+    for unit, bodies in pending:
+        for type_, body in bodies:
+            where = f"{unit.path}: {type_.name}"
+            if type_.kind == "value":
+                _define_value(model, type_, body, where)
+    for unit in model.units:
+        _check_unit(unit)
+        unit.includes = _unit_includes(unit)
+    return model
+
+
+def _fail(where, message):
+    raise SchemaError(f"{where}: {message}")
+
+
+def _check_keys(where, data, allowed, required=()):
+    if not isinstance(data, dict):
+        _fail(where, "expected a mapping")
+    unknown = sorted(set(data) - allowed)
+    if unknown:
+        _fail(where, f"unknown key '{unknown[0]}' (allowed: {', '.join(sorted(allowed))})")
+    for key in required:
+        if key not in data:
+            _fail(where, f"missing key '{key}'")
+
+
+def _declare_unit(model, rel, data):
+    _check_keys(rel, data, UNIT_KEYS, ("unit", "types"))
+    name = data["unit"]
+    if os.path.splitext(os.path.basename(rel))[0] != name:
+        _fail(rel, f"unit '{name}' must live in a file named {name}.yaml")
+    if any(u.name == name for u in model.units):
+        _fail(rel, f"duplicate unit '{name}'")
+    unit = Unit(name, rel, os.path.dirname(rel), data.get("doc"))
+    model.units.append(unit)
+    bodies = []
+    for body in data["types"] or []:
+        if not isinstance(body, dict):
+            _fail(rel, "each entry of 'types' must be a mapping")
+        kinds = [k for k in ("enum", "value") if k in body]
+        if len(kinds) != 1:
+            _fail(rel, "each type declares exactly one of 'enum' or 'value'")
+        kind = kinds[0]
+        local = body[kind]
+        if not isinstance(local, str) or not all(IDENT.match(p) for p in local.split("::")):
+            _fail(rel, f"bad type name '{local}'")
+        qualified = f"Rsvp::{local}"
+        ns = qualified.rsplit("::", 1)[0]
+        if qualified in model.types:
+            _fail(f"{rel}: {local}", f"duplicate type '{qualified}'")
+        if kind == "enum":
+            type_ = _define_enum(qualified, ns, unit, body, f"{rel}: {qualified}")
+        else:
+            _check_keys(f"{rel}: {qualified}", body, VALUE_KEYS, ("attrs",))
+            type_ = ValueType(qualified, ns, unit, body.get("doc"))
+        model.types[qualified] = type_
+        unit.types.append(type_)
+        bodies.append((type_, body))
+    return unit, bodies
+
+
+def _define_enum(name, ns, unit, body, where):
+    _check_keys(where, body, ENUM_KEYS, ("values",))
+    enumerators = []
+    for item in body["values"] or []:
+        if not isinstance(item, dict) or len(item) != 1:
+            _fail(where, "each enumerator is a one-entry mapping 'name: number'")
+        (ename, value), = item.items()
+        if not isinstance(ename, str) or not IDENT.match(ename):
+            _fail(where, f"bad enumerator name '{ename}'")
+        if not isinstance(value, int) or isinstance(value, bool) or not 0 <= value < 2**32:
+            _fail(where, f"enumerator '{ename}' needs a number from 0 to 4294967295")
+        for other in enumerators:
+            if other.name == ename:
+                _fail(where, f"duplicate enumerator '{ename}'")
+            if other.value == value:
+                _fail(where, f"duplicate value {value} for '{ename}' and '{other.name}'")
+        enumerators.append(Enumerator(ename, value))
+    if not enumerators:
+        _fail(where, "an enumeration needs at least one enumerator")
+    return Enum(name, ns, unit, enumerators, body.get("doc"))
+
+
+def resolve_type(model, spelling, context_ns, where):
+    """The type that `spelling` names, seen from namespace `context_ns`."""
+    if not isinstance(spelling, str):
+        _fail(where, f"bad type '{spelling}'")
+    spelling = ALIASES.get(spelling, spelling)
+    candidates = [spelling]
+    ns = context_ns
+    while ns:
+        candidates.insert(-1, f"{ns}::{spelling}")
+        ns = ns.rpartition("::")[0]
+    for candidate in candidates:
+        if candidate in model.types:
+            return model.types[candidate]
+    _fail(where, f"unknown type '{spelling}'")
+
+
+def _define_value(model, type_, body, where):
+    strep = body.get("strep", "repr")
+    if strep not in ("repr", "custom"):
+        _fail(where, f"strep must be 'repr' or 'custom', not '{strep}'")
+    type_.strep = strep
+    traits = body.get("traits", []) or []
+    for trait in traits:
+        if trait not in TRAITS:
+            _fail(where, f"unknown trait '{trait}' (known: {', '.join(sorted(TRAITS))})")
+    type_.traits = set(traits)
+    type_.has_hash = "hash" in type_.traits
+    type_.has_less = "less" in type_.traits
+    type_.methods = list(body.get("methods", []) or [])
+    for raw in body["attrs"] or []:
+        _check_keys(where, raw, ATTR_KEYS, ("name", "type"))
+        name = raw["name"]
+        awhere = f"{where}.{name}"
+        if not isinstance(name, str) or not IDENT.match(name):
+            _fail(where, f"bad attribute name '{name}'")
+        if any(a.name == name for a in type_.attrs):
+            _fail(awhere, "duplicate attribute")
+        attr = Attr(name, resolve_type(model, raw["type"], type_.ns, awhere), raw.get("doc"))
+        if "const" in raw:
+            if "default" in raw or "range" in raw:
+                _fail(awhere, "a constant takes neither 'default' nor 'range'")
+            attr.const = _literal(attr, raw["const"], awhere)
+        if "default" in raw:
+            attr.default = _initialiser(type_, attr, raw["default"], awhere)
+        if "range" in raw:
+            _set_range(model, type_, attr, raw["range"], awhere)
+        type_.attrs.append(attr)
+    if not type_.fields and type_.strep == "repr":
+        _fail(where, "a value type needs at least one attribute that is not a constant")
+
+
+def _literal(attr, value, where):
+    """The C++ spelling of a literal of the attribute's type."""
+    category = attr.type.category
+    if category == "int" and isinstance(value, int) and not isinstance(value, bool):
+        bits, signed = attr.type.bits, attr.type.signed
+        low, high = (-(2 ** (bits - 1)), 2 ** (bits - 1) - 1) if signed else (0, 2**bits - 1)
+        if not low <= value <= high:
+            _fail(where, f"{value} does not fit in {attr.type.name}")
+        return f"{value}" if signed or bits < 64 else f"{value}ull"
+    if category == "bool" and isinstance(value, bool):
+        return "true" if value else "false"
+    if category == "float" and isinstance(value, (int, float)) and not isinstance(value, bool):
+        return repr(float(value))
+    if category == "string" and isinstance(value, str):
+        return '"' + value.replace("\\", "\\\\").replace('"', '\\"') + '"'
+    if category == "enum" and isinstance(value, str):
+        if not any(e.name == value for e in attr.type.enumerators):
+            _fail(where, f"'{value}' is not an enumerator of {attr.type.name}")
+        return f"{attr.type.ns}::{value}"
+    _fail(where, f"'{value}' is not a literal of type {attr.type.name}")
+
+
+def _initialiser(type_, attr, value, where):
+    if isinstance(value, dict):
+        _check_keys(where, value, {"cpp"}, ("cpp",))
+        return value["cpp"]
+    if isinstance(value, str) and attr.type.category != "string":
+        own = _own_constant(type_, value)
+        if own is not None:
+            return f"{own.name}()"
+    return _literal(attr, value, where)
+
+
+def _own_constant(type_, name):
+    for a in type_.attrs:
+        if a.name == name and a.is_const:
+            return a
+    return None
+
+
+def _set_range(model, type_, attr, bounds, where):
+    if attr.type.category != "int":
+        _fail(where, "only integer attributes take a range")
+    if not isinstance(bounds, list) or len(bounds) != 2:
+        _fail(where, "a range is [min, max]")
+    attr.min, attr.max = (_bound(model, type_, attr, b, where) for b in bounds)
+
+
+def _bound(model, type_, attr, bound, where):
+    """A bound is a number, a constant of this type (written as
+    Type::constant in error texts) or a qualified constant of another type
+    (written as given)."""
+    if isinstance(bound, int) and not isinstance(bound, bool):
+        return Bound(_literal(attr, bound, where), str(bound), bound)
+    if isinstance(bound, str):
+        own = _own_constant(type_, bound)
+        if own is not None:
+            return Bound(f"{own.name}()", f"{type_.short}::{bound}")
+        owner, _, const = bound.rpartition("::")
+        other = model.types.get(owner)
+        if isinstance(other, ValueType) and any(a.name == const and a.is_const for a in other.attrs):
+            result = Bound(f"{owner}::{const}()", bound)
+            result.owner = other
+            return result
+    _fail(where, f"bad bound '{bound}': a number or a constant of a value type")
+
+
+def _check_unit(unit):
+    for type_ in unit.values:
+        where = f"{unit.path}: {type_.name}"
+        for attr in type_.fields:
+            kinds = attr.type
+            if type_.has_hash and not kinds.has_hash:
+                _fail(f"{where}.{attr.name}", f"{kinds.name} has no hash(), which {type_.short} needs")
+            if type_.has_less and not kinds.has_less:
+                _fail(f"{where}.{attr.name}", f"{kinds.name} has no operator<, which {type_.short} needs")
+
+
+def _unit_includes(unit):
+    """Headers that the unit's header needs for the types its attributes use."""
+    includes = set()
+    for type_ in unit.values:
+        for attr in type_.attrs:
+            used = [attr.type] + [b.owner for b in (attr.min, attr.max) if b and b.owner]
+            includes.update(t.include for t in used if t.include)
+    includes.discard(f"Rsvp/{unit.name}.h")
+    return sorted(includes)

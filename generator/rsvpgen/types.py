@@ -1,0 +1,209 @@
+"""The typed model: the types that attributes can have, and the model's own
+value types and enumerations. Templates only read these objects."""
+
+
+class Type:
+    """Anything an attribute can hold.
+
+    name      canonical schema spelling ("U32", "Lumo::IpGenAddr",
+              "Rsvp::RsvpSpId"); also the type name that reflection shows
+    cpp       C++ spelling
+    ns        namespace whose appendStrep/sequenceToValue serve the type
+    category  int, bool, float, string, enum, lumo or value
+    """
+
+    def __init__(self, name, cpp, ns, category, include=None, bits=0,
+                 signed=False, has_hash=True, has_less=True):
+        self.name = name
+        self.cpp = cpp
+        self.ns = ns
+        self.category = category
+        self.include = include
+        self.bits = bits
+        self.signed = signed
+        self.has_hash = has_hash
+        self.has_less = has_less
+
+    @property
+    def short(self):
+        return self.name.split("::")[-1]
+
+    @property
+    def by_value(self):
+        """Whether parameters of this type are passed by value."""
+        return self.category in ("int", "bool", "float", "enum")
+
+    @property
+    def param(self):
+        return self.cpp if self.by_value else f"{self.cpp} const&"
+
+    def hash_stmt(self, expr):
+        """A statement that mixes `expr` into the accumulator `h`."""
+        c = self.category
+        if c == "int":
+            unsigned = f"Kel::U{self.bits}"
+            value = f"static_cast<{unsigned}>({expr})" if self.signed else expr
+            return f"h.addU{self.bits}({value});"
+        if c == "bool":
+            return f"h.addBool({expr});"
+        if c == "float":
+            return f"h.addF{self.bits}({expr});"
+        if c == "enum":
+            return f"h.addU32(static_cast<Kel::U32>({expr}));"
+        if c == "string":
+            return f"h.addBytes({expr}.data(), {expr}.size());"
+        return f"h.addU32({expr}.hash());"
+
+
+def _builtin_types():
+    out = []
+    for bits in (8, 16, 32, 64):
+        out.append(Type(f"U{bits}", f"Kel::U{bits}", "Kel", "int", bits=bits))
+        out.append(Type(f"S{bits}", f"Kel::S{bits}", "Kel", "int", bits=bits, signed=True))
+    out.append(Type("bool", "bool", "Kel", "bool"))
+    out.append(Type("F32", "Kel::F32", "Kel", "float", bits=32))
+    out.append(Type("F64", "Kel::F64", "Kel", "float", bits=64))
+    out.append(Type("Kel::Seconds", "Kel::Seconds", "Kel", "float", bits=64))
+    out.append(Type("Kel::String", "Kel::String", "Kel", "string"))
+    out.append(Type("Kel::Name", "Kel::Name", "Kel", "string"))
+    for name in ("Ip6Addr", "IpGenAddr", "IpGenPrefix", "MplsLabel", "EthType", "IntfId", "NetU8"):
+        out.append(Type(f"Lumo::{name}", f"Lumo::{name}", "Lumo", "lumo",
+                        include=f"Lumo/{name}.h"))
+    return out
+
+
+BUILTINS = {t.name: t for t in _builtin_types()}
+# Shorter spellings accepted in schema files.
+ALIASES = {"Seconds": "Kel::Seconds", "String": "Kel::String", "Name": "Kel::Name",
+           "Kel::U8": "U8", "Kel::U16": "U16", "Kel::U32": "U32", "Kel::U64": "U64",
+           "Kel::F32": "F32", "Kel::F64": "F64"}
+
+
+class Enumerator:
+    def __init__(self, name, value, doc=None):
+        self.name = name
+        self.value = value
+        self.doc = doc
+
+
+class Enum(Type):
+    def __init__(self, name, ns, unit, enumerators, doc):
+        super().__init__(name, name, ns, "enum", include=f"Rsvp/{unit.name}.h")
+        self.unit = unit
+        self.enumerators = enumerators
+        self.doc = doc
+        self.kind = "enum"
+
+    @property
+    def desc(self):
+        """Name of the function answering the enumeration's descriptor."""
+        return f"{self.short}Desc"
+
+
+class Bound:
+    """One end of an attribute's range: its C++ value and its text in the
+    not-allowed error ("0", "RsvpPathId::invalidLspId")."""
+
+    def __init__(self, cpp, text, value=None):
+        self.cpp = cpp
+        self.text = text
+        self.value = value
+        self.owner = None   # the value type whose constant this is, if another
+
+
+class Attr:
+    def __init__(self, name, type_, doc=None):
+        self.name = name
+        self.type = type_
+        self.doc = doc
+        self.const = None      # C++ value of a constant attribute
+        self.default = None    # C++ initialiser, None for the type's own default
+        self.min = None        # Bound or None
+        self.max = None
+
+    @property
+    def is_const(self):
+        return self.const is not None
+
+    @property
+    def checked(self):
+        return self.min is not None or self.max is not None
+
+    @property
+    def default_init(self):
+        """The member initialiser, or None for value-initialisation. An
+        enumeration defaults to its first declared enumerator."""
+        if self.default is not None:
+            return self.default
+        if self.type.category == "enum":
+            return f"{self.type.ns}::{self.type.enumerators[0].name}"
+        return None
+
+    def range_test(self, v):
+        """A C++ condition true when `v` is out of range. A lower bound of 0
+        on an unsigned attribute is left out, as it cannot fail."""
+        tests = []
+        if self.min is not None and not (self.min.value == 0 and not self.type.signed):
+            tests.append(f"{v} < {self.min.cpp}")
+        if self.max is not None:
+            tests.append(f"{v} > {self.max.cpp}")
+        return " || ".join(tests) or "false"
+
+    @property
+    def member(self):
+        return f"{self.name}_"
+
+    @property
+    def setter(self):
+        return f"{self.name}Is"
+
+
+class ValueType(Type):
+    def __init__(self, name, ns, unit, doc):
+        super().__init__(name, name, ns, "value", include=f"Rsvp/{unit.name}.h")
+        self.unit = unit
+        self.doc = doc
+        self.kind = "value"
+        self.attrs = []
+        self.strep = "repr"
+        self.traits = set()    # hash, less
+        self.has_hash = False
+        self.has_less = False
+        self.methods = []      # declarations of hand-written members
+
+    @property
+    def fields(self):
+        """The stored attributes (constants excluded), in declaration order."""
+        return [a for a in self.attrs if not a.is_const]
+
+    @property
+    def constants(self):
+        return [a for a in self.attrs if a.is_const]
+
+    @property
+    def repr_prefix(self):
+        return f"Value('{self.name}', ** {{"
+
+
+class Unit:
+    def __init__(self, name, path, subsystem, doc):
+        self.name = name
+        self.path = path
+        self.subsystem = subsystem
+        self.doc = doc
+        self.types = []
+        self.includes = []     # headers of other units and of the runtime
+
+    @property
+    def enums(self):
+        return [t for t in self.types if t.kind == "enum"]
+
+    @property
+    def values(self):
+        return [t for t in self.types if t.kind == "value"]
+
+
+class Model:
+    def __init__(self):
+        self.units = []
+        self.types = dict(BUILTINS)

@@ -1,0 +1,114 @@
+"""The schema loader's checks: every mistake is reported with where it is."""
+
+import os
+import tempfile
+import textwrap
+import unittest
+
+from rsvpgen import emit, schema
+
+
+def load_text(files):
+    with tempfile.TemporaryDirectory() as root:
+        paths = []
+        for name, text in files.items():
+            path = os.path.join(root, name)
+            os.makedirs(os.path.dirname(path), exist_ok=True)
+            with open(path, "w", encoding="utf-8") as f:
+                f.write(textwrap.dedent(text))
+            paths.append(path)
+        return schema.load(root, sorted(paths))
+
+
+GOOD = """\
+    unit: Unit
+    types:
+      - enum: Color
+        values: [{red: 2}, {green: 1}]
+      - value: Thing
+        traits: [hash, less]
+        attrs:
+          - {name: maxSize, type: U32, const: 9}
+          - {name: size, type: U32, default: maxSize, range: [1, maxSize]}
+          - {name: color, type: Color}
+          - {name: where, type: Lumo::IpGenAddr}
+    """
+
+
+class LoaderErrors(unittest.TestCase):
+    CASES = [
+        ("unknown key", "unit: Unit\ntypes: []\nextra: 1\n",
+         "Unit.yaml: unknown key 'extra'"),
+        ("file name", "unit: Other\ntypes: []\n",
+         "Unit.yaml: unit 'Other' must live in a file named Other.yaml"),
+        ("duplicate enumerator value",
+         "unit: Unit\ntypes:\n  - enum: E\n    values: [{a: 1}, {b: 1}]\n",
+         "Unit.yaml: Rsvp::E: duplicate value 1 for 'b' and 'a'"),
+        ("duplicate enumerator name",
+         "unit: Unit\ntypes:\n  - enum: E\n    values: [{a: 1}, {a: 2}]\n",
+         "Unit.yaml: Rsvp::E: duplicate enumerator 'a'"),
+        ("unknown type",
+         "unit: Unit\ntypes:\n  - value: V\n    attrs: [{name: x, type: Nope}]\n",
+         "Unit.yaml: Rsvp::V.x: unknown type 'Nope'"),
+        ("literal too wide",
+         "unit: Unit\ntypes:\n  - value: V\n    attrs: [{name: x, type: U8, default: 256}]\n",
+         "Unit.yaml: Rsvp::V.x: 256 does not fit in U8"),
+        ("range on a string",
+         "unit: Unit\ntypes:\n  - value: V\n    attrs: [{name: x, type: String, range: [0, 1]}]\n",
+         "Unit.yaml: Rsvp::V.x: only integer attributes take a range"),
+        ("bad bound",
+         "unit: Unit\ntypes:\n  - value: V\n    attrs: [{name: x, type: U8, range: [0, top]}]\n",
+         "Unit.yaml: Rsvp::V.x: bad bound 'top'"),
+        ("hash needs hashable attributes",
+         "unit: Unit\ntypes:\n  - value: A\n    attrs: [{name: x, type: U8}]\n"
+         "  - value: B\n    traits: [hash]\n    attrs: [{name: a, type: A}]\n",
+         "Unit.yaml: Rsvp::B.a: Rsvp::A has no hash(), which B needs"),
+        ("unknown enumerator default",
+         "unit: Unit\ntypes:\n  - enum: E\n    values: [{a: 1}]\n"
+         "  - value: V\n    attrs: [{name: e, type: E, default: b}]\n",
+         "Unit.yaml: Rsvp::V.e: 'b' is not an enumerator of Rsvp::E"),
+        ("duplicate attribute",
+         "unit: Unit\ntypes:\n  - value: V\n    attrs: [{name: x, type: U8}, {name: x, type: U8}]\n",
+         "Unit.yaml: Rsvp::V.x: duplicate attribute"),
+    ]
+
+    def test_each_mistake_is_reported_precisely(self):
+        for what, text, message in self.CASES:
+            with self.subTest(what):
+                with self.assertRaises(schema.SchemaError) as caught:
+                    load_text({"Unit.yaml": text})
+                self.assertTrue(str(caught.exception).startswith(message),
+                                f"{caught.exception!s} does not start with {message}")
+
+
+class Loading(unittest.TestCase):
+    def test_declaration_order_and_bounds(self):
+        model = load_text({"Unit.yaml": GOOD})
+        unit = model.units[0]
+        enum, value = unit.types
+        self.assertEqual([e.name for e in enum.enumerators], ["red", "green"])
+        self.assertEqual([a.name for a in value.attrs], ["maxSize", "size", "color", "where"])
+        size = value.attrs[1]
+        self.assertEqual((size.min.text, size.max.text), ("1", "Thing::maxSize"))
+        self.assertEqual(size.range_test("v"), "v < 1 || v > maxSize()")
+        self.assertEqual(value.attrs[2].default_init, "Rsvp::red")
+        self.assertEqual(unit.includes, ["Lumo/IpGenAddr.h"])
+
+    def test_outputs_are_named_after_units(self):
+        model = load_text({"Sub/Unit.yaml": GOOD})
+        self.assertEqual(sorted(emit.render(model)),
+                         ["Rsvp/Rsvp.h", "Rsvp/Unit.h", "src/Unit.cpp"])
+
+    def test_unchanged_output_is_not_rewritten(self):
+        with tempfile.TemporaryDirectory() as out:
+            path = os.path.join(out, "x.h")
+            emit.write_if_changed(path, "a")
+            os.utime(path, (1, 1))
+            emit.write_if_changed(path, "a")
+            self.assertEqual(os.stat(path).st_mtime, 1)
+            emit.write_if_changed(path, "b")
+            self.assertNotEqual(os.stat(path).st_mtime, 1)
+
+
+if __name__ == "__main__":
+    unittest.main()

@@ -1,0 +1,83 @@
+// The one-at-a-time hash accumulator that every value type's `hash()` uses,
+// and the bit reversal that hash tables apply to pick a bucket.
+//
+//   Kel::OneAtATime h;
+//   h.addU32(sessionId.hash());
+//   h.addU32(pathId.hash());
+//   return h.finish();
+//
+// Words are mixed low byte first whatever the host's byte order, so a hash is
+// the same on every machine. A finished hash of a nested value is mixed again
+// as a 4-byte word; that nesting decides bucket placement and must be kept.
+#ifndef KEL_HASH_H
+#define KEL_HASH_H
+
+#include <Kel/Types.h>
+
+#include <bit>
+#include <cstring>
+
+namespace Kel {
+
+class OneAtATime {
+ public:
+  constexpr void addByte(U8 byte) noexcept {
+    h_ += byte;
+    h_ += h_ << 10;
+    h_ ^= h_ >> 6;
+  }
+  constexpr void addU8(U8 v) noexcept { addByte(v); }
+  constexpr void addU16(U16 v) noexcept {
+    addByte(static_cast<U8>(v));
+    addByte(static_cast<U8>(v >> 8));
+  }
+  constexpr void addU32(U32 v) noexcept {
+    addByte(static_cast<U8>(v));
+    addByte(static_cast<U8>(v >> 8));
+    addByte(static_cast<U8>(v >> 16));
+    addByte(static_cast<U8>(v >> 24));
+  }
+  constexpr void addU64(U64 v) noexcept {
+    addU32(static_cast<U32>(v));
+    addU32(static_cast<U32>(v >> 32));
+  }
+  constexpr void addBool(bool v) noexcept { addByte(v ? 1 : 0); }
+  // Floating-point values mix their bit pattern; +0.0 and -0.0 are made one.
+  void addF32(F32 v) noexcept { addU32(std::bit_cast<U32>(v == 0.0f ? 0.0f : v)); }
+  void addF64(F64 v) noexcept { addU64(std::bit_cast<U64>(v == 0.0 ? 0.0 : v)); }
+  void addBytes(void const* data, std::size_t size) noexcept {
+    auto const* p = static_cast<U8 const*>(data);
+    for (std::size_t i = 0; i < size; ++i) addByte(p[i]);
+  }
+
+  // The finished hash. The accumulator may go on being used afterwards.
+  [[nodiscard]] constexpr U32 finish() const noexcept {
+    U32 h = h_;
+    h += h << 3;
+    h ^= h >> 11;
+    h += h << 15;
+    return h;
+  }
+
+ private:
+  U32 h_ = 0;
+};
+
+// Reverses the order of the 32 bits of `v` (bit 0 becomes bit 31).
+[[nodiscard]] constexpr U32 bitReverse32(U32 v) noexcept {
+  v = ((v >> 1) & 0x55555555u) | ((v & 0x55555555u) << 1);
+  v = ((v >> 2) & 0x33333333u) | ((v & 0x33333333u) << 2);
+  v = ((v >> 4) & 0x0f0f0f0fu) | ((v & 0x0f0f0f0fu) << 4);
+  v = ((v >> 8) & 0x00ff00ffu) | ((v & 0x00ff00ffu) << 8);
+  return (v >> 16) | (v << 16);
+}
+
+// The bucket of a hash in a table of 2^bits buckets: the top `bits` bits of
+// the bit-reversed hash, that is the low `bits` bits of the hash in reverse.
+[[nodiscard]] constexpr U32 bucketOf(U32 hash, unsigned bits) noexcept {
+  return bits == 0 ? 0 : bitReverse32(hash) >> (32 - bits);
+}
+
+}  // namespace Kel
+
+#endif  // KEL_HASH_H

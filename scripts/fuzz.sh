@@ -1,0 +1,16 @@
+#!/usr/bin/env bash
+# Builds the libFuzzer targets with clang and runs each for a bounded time
+# (seconds per target, 60 unless given), starting from the checked-in corpus.
+set -euo pipefail
+cd "$(dirname "$0")/.."
+seconds=${1:-60}
+cmake --preset fuzz >/dev/null
+cmake --build --preset fuzz
+for target in fuzz/fuzz_*.cpp; do
+  name=$(basename "$target" .cpp)
+  corpus=$(mktemp -d)
+  cp -r "fuzz/corpus/${name#fuzz_}/." "$corpus/" 2>/dev/null || true
+  echo "fuzz: $name for ${seconds}s"
+  "build/fuzz/fuzz/$name" -max_total_time="$seconds" -print_final_stats=1 "$corpus" 2>&1 | tail -n 12
+  rm -rf "$corpus"
+done

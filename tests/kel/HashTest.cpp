@@ -1,0 +1,82 @@
+// The one-at-a-time accumulator against values worked out by hand from the
+// algorithm, and the bucket choice of the hash tables.
+#include <Kel/Hash.h>
+
+#include <gtest/gtest.h>
+
+#include <vector>
+
+namespace {
+
+using Kel::U32;
+using Kel::U8;
+
+U32 hashBytes(std::vector<U8> const& bytes) {
+  Kel::OneAtATime h;
+  for (U8 b : bytes) h.addByte(b);
+  return h.finish();
+}
+
+struct HashCase {
+  char const* what;
+  std::vector<U8> bytes;
+  U32 expected;
+};
+
+class OneAtATimeTest : public testing::TestWithParam<HashCase> {};
+
+TEST_P(OneAtATimeTest, MatchesHandComputedValue) {
+  EXPECT_EQ(hashBytes(GetParam().bytes), GetParam().expected) << GetParam().what;
+}
+
+INSTANTIATE_TEST_SUITE_P(
+    Values, OneAtATimeTest,
+    testing::Values(HashCase{"nothing mixed", {}, 0u}, HashCase{"the letter a", {0x61}, 0xca2e9442u},
+                    HashCase{"U16 7, low byte first", {0x07, 0x00}, 0x24f2c201u},
+                    HashCase{"U32 3", {3, 0, 0, 0}, 0x359a7badu},
+                    HashCase{"U32 65536", {0, 0, 1, 0}, 0x20e9c0b3u},
+                    HashCase{"sixteen zero bytes", std::vector<U8>(16, 0), 0u}));
+
+TEST(OneAtATime, WordsMixLowByteFirst) {
+  Kel::OneAtATime words;
+  words.addU16(0x0102);
+  words.addU32(0x03040506);
+  words.addU64(0x0708090a0b0c0d0eull);
+  EXPECT_EQ(words.finish(), hashBytes({0x02, 0x01, 0x06, 0x05, 0x04, 0x03, 0x0e, 0x0d, 0x0c, 0x0b,
+                                       0x0a, 0x09, 0x08, 0x07}));
+}
+
+TEST(OneAtATime, SignedZeroHashesLikeZero) {
+  Kel::OneAtATime a;
+  Kel::OneAtATime b;
+  a.addF64(0.0);
+  b.addF64(-0.0);
+  EXPECT_EQ(a.finish(), b.finish());
+}
+
+TEST(BitReverse, Table) {
+  struct {
+    U32 in, out;
+  } const cases[] = {{0u, 0u},
+                     {1u, 0x80000000u},
+                     {0x80000000u, 1u},
+                     {0xffffffffu, 0xffffffffu},
+                     {0x12345678u, 0x1e6a2c48u},
+                     {0x0000ffffu, 0xffff0000u}};
+  for (auto const& c : cases) {
+    EXPECT_EQ(Kel::bitReverse32(c.in), c.out) << std::hex << c.in;
+    EXPECT_EQ(Kel::bitReverse32(c.out), c.in) << std::hex << c.out;
+  }
+}
+
+TEST(BucketOf, TakesLowHashBitsReversed) {
+  // With 2^b buckets the bucket is the top b bits of the reversed hash.
+  EXPECT_EQ(Kel::bucketOf(0xdeadbeefu, 0), 0u);
+  EXPECT_EQ(Kel::bucketOf(0x1u, 1), 1u);
+  EXPECT_EQ(Kel::bucketOf(0x2u, 1), 0u);
+  EXPECT_EQ(Kel::bucketOf(0x1u, 4), 8u);  // bit 0 becomes the bucket's top bit
+  EXPECT_EQ(Kel::bucketOf(0x6u, 4), 6u);  // 0110 reversed is 0110
+  EXPECT_EQ(Kel::bucketOf(0xfffffffeu, 32), 0x7fffffffu);
+}
+
+}  // namespace

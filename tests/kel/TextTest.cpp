@@ -1,0 +1,152 @@
+// String forms of the basic types: exact texts, rejected input with its
+// error text, and randomized round trips.
+#include <Kel/Text.h>
+
+#include <gtest/gtest.h>
+
+#include <cmath>
+#include <limits>
+#include <random>
+
+namespace {
+
+using namespace Kel;
+
+template <class T>
+String parseError(std::string_view text) {
+  try {
+    (void)strepToValue<T>(text);
+  } catch (RangeException const& e) {
+    return e.what();
+  }
+  return "no error";
+}
+
+TEST(Integers, PrintAndParseBounds) {
+  EXPECT_EQ(valueToStrep(U8{255}), "255");
+  EXPECT_EQ(valueToStrep(U64{18446744073709551615ull}), "18446744073709551615");
+  EXPECT_EQ(valueToStrep(S64{std::numeric_limits<S64>::min()}), "-9223372036854775808");
+  EXPECT_EQ(valueToStrep(S8{-128}), "-128");
+  EXPECT_EQ(strepToValue<U16>("65535"), 65535);
+  EXPECT_EQ(strepToValue<U16>("007"), 7);
+  EXPECT_EQ(strepToValue<S32>("-2147483648"), std::numeric_limits<S32>::min());
+}
+
+TEST(Integers, RejectedText) {
+  struct {
+    String (*parse)(std::string_view);
+    char const* text;
+    char const* error;
+  } const cases[] = {
+      {parseError<U16>, "65536", "Number 65536 out of range for U16"},
+      {parseError<U8>, "256", "Number 256 out of range for U8"},
+      {parseError<U32>, "-1", "Expected a number but found '-1'"},
+      {parseError<U32>, "", "Expected a number but found end of text"},
+      {parseError<U32>, "+1", "Expected a number but found '+1'"},
+      {parseError<U32>, "12x", "Invalid U32"},
+      {parseError<S8>, "-129", "Number -129 out of range for S8"},
+      {parseError<S64>, "-", "Expected a number but found '-'"},
+      {parseError<U64>, "18446744073709551616", "Number 18446744073709551616 out of range for U64"},
+      {parseError<bool>, "True", "Expected true or false but found 'True'"},
+      {parseError<F64>, "x1", "Expected a number but found 'x1'"},
+      {parseError<F32>, "1e40", "Number 1e40 out of range for F32"},
+  };
+  for (auto const& c : cases) EXPECT_EQ(c.parse(c.text), c.error) << c.text;
+}
+
+TEST(Bool, BothWords) {
+  EXPECT_EQ(valueToStrep(true), "true");
+  EXPECT_EQ(valueToStrep(false), "false");
+  EXPECT_TRUE(strepToValue<bool>("true"));
+  EXPECT_FALSE(strepToValue<bool>("false"));
+}
+
+TEST(Floats, ShortestFormReadsBack) {
+  EXPECT_EQ(valueToStrep(0.5), "0.5");
+  EXPECT_EQ(valueToStrep(F32{0.1f}), "0.1");
+  EXPECT_EQ(valueToStrep(1e20), "1e+20");
+  EXPECT_EQ(valueToStrep(-std::numeric_limits<F64>::infinity()), "-inf");
+  EXPECT_TRUE(std::isnan(strepToValue<F64>("nan")));
+  std::mt19937_64 rng(7);
+  for (int i = 0; i < 2000; ++i) {
+    F64 const d = std::bit_cast<F64>(rng());
+    if (std::isnan(d)) continue;
+    EXPECT_EQ(strepToValue<F64>(valueToStrep(d)), d);
+    F32 const f = std::bit_cast<F32>(static_cast<U32>(rng()));
+    if (std::isnan(f)) continue;
+    EXPECT_EQ(strepToValue<F32>(valueToStrep(f)), f);
+  }
+}
+
+TEST(Strings, QuotingAndEscapes) {
+  EXPECT_EQ(valueToStrep(String("Ethernet1")), "\"Ethernet1\"");
+  EXPECT_EQ(valueToStrep(String("a\"b\\c\n\t\x01\xff", 9)), R"("a\"b\\c\n\t\x01\xff")");
+  EXPECT_EQ(valueToStrep(String("\0", 1)), R"("\x00")");
+  EXPECT_EQ(strepToValue<String>(R"("\x41\x7e")"), "A~");
+  EXPECT_EQ(parseError<String>(R"("abc)"), "Unterminated string");
+  EXPECT_EQ(parseError<String>(R"("abc\)"), "Unterminated string");
+  EXPECT_EQ(parseError<String>(R"("\q")"), "Bad escape \\q in string");
+  EXPECT_EQ(parseError<String>(R"("\x4")"), "Bad \\x escape in string");
+  EXPECT_EQ(parseError<String>("abc"), "Expected a quoted string but found 'abc'");
+}
+
+TEST(Strings, RandomBytesRoundTrip) {
+  std::mt19937 rng(11);
+  for (int i = 0; i < 500; ++i) {
+    String s(rng() % 40, '\0');
+    for (char& c : s) c = static_cast<char>(rng());
+    EXPECT_EQ(strepToValue<String>(valueToStrep(s)), s);
+  }
+}
+
+TEST(Parsers, LeaveTargetUnchangedOnFailure) {
+  U32 n = 42;
+  String text = "99999999999";
+  TextIt it = text.data();
+  EXPECT_THROW(sequenceToValue(it, text.data() + text.size(), &n), RangeException);
+  EXPECT_EQ(n, 42u);
+  String s = "kept";
+  text = "\"unterminated";
+  it = text.data();
+  EXPECT_THROW(sequenceToValue(it, text.data() + text.size(), &s), RangeException);
+  EXPECT_EQ(s, "kept");
+}
+
+TEST(Parsers, StopBehindTheValue) {
+  String const text = "123, 'next'";
+  TextIt it = text.data();
+  U32 n = 0;
+  sequenceToValue(it, text.data() + text.size(), &n);
+  EXPECT_EQ(n, 123u);
+  EXPECT_EQ(String(it), ", 'next'");
+}
+
+TEST(ExpectLiteral, ErrorShowsAShortExcerpt) {
+  String const text = "<lspId3 and a great deal more text after it>";
+  TextIt it = text.data();
+  try {
+    expectLiteral(it, text.data() + text.size(), "<lspId=");
+    FAIL();
+  } catch (RangeException const& e) {
+    EXPECT_STREQ(e.what(), "Expected '<lspId=' but found '<lspId3 and a great deal...'");
+  }
+  EXPECT_EQ(it, text.data());
+}
+
+TEST(RangeException, NamesTheAttributePathOutermostFirst) {
+  try {
+    parseNamed("sessionId", [] { parseNamed("dstIp", [] { throw RangeException("bad"); }); });
+    FAIL();
+  } catch (RangeException const& e) {
+    EXPECT_EQ(e.text(), "bad");
+    EXPECT_EQ(e.attribute(), "sessionId.dstIp");
+    EXPECT_STREQ(e.what(), "bad (attribute 'sessionId.dstIp')");
+  }
+  try {
+    throwOutOfRange("RsvpPathId", "lspId", "0", "RsvpPathId::invalidLspId");
+  } catch (RangeException const& e) {
+    EXPECT_STREQ(e.what(), "RsvpPathId::lspId < 0 or > RsvpPathId::invalidLspId not allowed");
+  }
+}
+
+}  // namespace

@@ -120,8 +120,8 @@ BENCHMARK(BM_SpIdSpread_ManySessions)->Unit(benchmark::kMillisecond)->Iterations
 
 void BM_SpIdSpread_OneSessionManyLsps(benchmark::State& state) {
   spread(state, [](std::size_t i) {
-    RsvpSessionId const s(Lumo::IpGenAddr::ipv4(0x0a000001u + Kel::U32(i >> 16)),
-                          RsvpTunnelId(1), Lumo::IpGenAddr::ipv4(0x0a0000feu));
+    RsvpSessionId const s(Lumo::IpGenAddr::ipv4(0x0a000001u + Kel::U32(i >> 16)), RsvpTunnelId(1),
+                          Lumo::IpGenAddr::ipv4(0x0a0000feu));
     return RsvpSpId(s, RsvpPathId(Kel::U32(i & 0xffff)));
   });
 }

@@ -154,8 +154,7 @@ void sequenceToValue(TextIt& it, TextIt end, String* out) {
         p += 2;
         break;
       }
-      default:
-        throw RangeException(String("Bad escape \\") + e + " in string");
+      default: throw RangeException(String("Bad escape \\") + e + " in string");
     }
   }
   *out = std::move(v);

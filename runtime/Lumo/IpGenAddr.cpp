@@ -41,15 +41,9 @@ IpGenAddr IpGenAddr::fromNetwork(Kel::U8 const* in, std::size_t avail) {
   Kel::U32 const family = detail::loadBe32(in);
   std::size_t used = 0;
   switch (family) {
-    case afUnspecified:
-      used = 0;
-      break;
-    case afIpv4:
-      used = 4;
-      break;
-    case afIpv6:
-      used = Ip6Addr::wireSize;
-      break;
+    case afUnspecified: used = 0; break;
+    case afIpv4: used = 4; break;
+    case afIpv6: used = Ip6Addr::wireSize; break;
     default: {
       char buf[detail::kU32TextMax];
       throw Kel::RangeException("Invalid IpGenAddr family " +
@@ -67,14 +61,9 @@ void appendStrep(Kel::String& out, IpGenAddr const& v) {
   char buf[detail::kIp6TextMax];
   char* e = buf;
   switch (v.family()) {
-    case afIpv4:
-      e = detail::formatIpv4(buf, v.addr().bytes().data());
-      break;
-    case afIpv6:
-      e = detail::formatIp6(buf, v.addr().bytes().data());
-      break;
-    case afUnspecified:
-      break;
+    case afIpv4: e = detail::formatIpv4(buf, v.addr().bytes().data()); break;
+    case afIpv6: e = detail::formatIp6(buf, v.addr().bytes().data()); break;
+    case afUnspecified: break;
   }
   out.append(buf, e);
 }

@@ -11,7 +11,8 @@ int main() {
   id.stringValueIs(text);
   Rsvp::RsvpSpId const copy = Rsvp::strepToValue<Rsvp::RsvpSpId>(id.stringValue());
   std::cout << id << " hash 0x" << std::hex << id.hash() << "\n";
-  bool const ok = id == copy && !(id < copy) && id.stringValue() == text && id.hash() == 0xad695a2au;
+  bool const ok =
+      id == copy && !(id < copy) && id.stringValue() == text && id.hash() == 0xad695a2au;
   std::cout << (ok ? "consumer ok" : "consumer FAILED") << "\n";
   return ok ? 0 : 1;
 }

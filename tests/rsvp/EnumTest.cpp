@@ -14,8 +14,10 @@ using namespace Rsvp;
 TEST(Enum, DeclarationOrderIsKept) {
   std::vector<std::pair<std::string_view, Kel::U32>> styles;
   for (auto const& e : RsvpResvStyleDesc().enumerators()) styles.emplace_back(e.name, e.value);
-  EXPECT_EQ(styles, (std::vector<std::pair<std::string_view, Kel::U32>>{
-                        {"resvStyleUnknown", 32}, {"resvStyleWf", 17}, {"resvStyleFf", 10}, {"resvStyleSe", 18}}));
+  EXPECT_EQ(styles, (std::vector<std::pair<std::string_view, Kel::U32>>{{"resvStyleUnknown", 32},
+                                                                        {"resvStyleWf", 17},
+                                                                        {"resvStyleFf", 10},
+                                                                        {"resvStyleSe", 18}}));
   auto const codes = RsvpErrorCodeDesc().enumerators();
   ASSERT_EQ(codes.size(), 19u);
   EXPECT_EQ(codes.front().name, "rsvpErrorCodeUnknown");
@@ -80,12 +82,24 @@ TEST(Enum, RejectedText) {
 // Every enumerator of every enumeration prints as its name and parses back.
 TEST(Enum, EveryEnumeratorRoundTrips) {
   Kel::EnumDesc const* descs[] = {
-      &Bandwidth::StateDesc(),          &Cli::HmacMethodDesc(),         &Cli::ReversionModeDesc(),
-      &Cli::RefreshMethodDesc(),        &Cli::FrrModeDesc(),            &RsvpAuthTypeDesc(),
-      &RsvpRunningStateDesc(),          &RsvpHistoryEntryTypeDesc(),    &RsvpDeliveryTypeDesc(),
-      &RsvpMsgEqualStatusDesc(),        &RsvpMsgTypeDesc(),             &RsvpResvStyleDesc(),
-      &RsvpAdmissionCtrlErrorValueDesc(), &RsvpErrorCodeDesc(),         &RsvpSessionRoleDesc(),
-      &RsvpSpSmTypeDesc(),              &RsvpSpOperStateActionDesc(),   &RsvpSpOperStateDesc(),
+      &Bandwidth::StateDesc(),
+      &Cli::HmacMethodDesc(),
+      &Cli::ReversionModeDesc(),
+      &Cli::RefreshMethodDesc(),
+      &Cli::FrrModeDesc(),
+      &RsvpAuthTypeDesc(),
+      &RsvpRunningStateDesc(),
+      &RsvpHistoryEntryTypeDesc(),
+      &RsvpDeliveryTypeDesc(),
+      &RsvpMsgEqualStatusDesc(),
+      &RsvpMsgTypeDesc(),
+      &RsvpResvStyleDesc(),
+      &RsvpAdmissionCtrlErrorValueDesc(),
+      &RsvpErrorCodeDesc(),
+      &RsvpSessionRoleDesc(),
+      &RsvpSpSmTypeDesc(),
+      &RsvpSpOperStateActionDesc(),
+      &RsvpSpOperStateDesc(),
       &RsvpTunnelRequestTypeDesc(),
   };
   int count = 0;

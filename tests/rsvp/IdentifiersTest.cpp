@@ -58,9 +58,8 @@ TEST(IdentifierForms, LspIdKeepsLowSixteenBits) {
   struct {
     char const* text;
     Kel::U32 lspId;
-  } const cases[] = {{"<lspId=65536>", 0},        {"<lspId=-1>", 65535},
-                     {"<lspId=65535>", 65535},    {"<lspId=131075>", 3},
-                     {"<lspId=-65536>", 0},       {"<lspId=007>", 7}};
+  } const cases[] = {{"<lspId=65536>", 0},  {"<lspId=-1>", 65535}, {"<lspId=65535>", 65535},
+                     {"<lspId=131075>", 3}, {"<lspId=-65536>", 0}, {"<lspId=007>", 7}};
   for (auto const& c : cases) {
     RsvpPathId p;
     p.stringValueIs(c.text);
@@ -200,8 +199,8 @@ class RandomIds {
     }
   }
   RsvpSpId spId() {
-    RsvpSessionId const s(addr(), RsvpTunnelId(static_cast<Kel::U16>(rng_() % 4 ? rng_() % 3 : rng_())),
-                          addr());
+    RsvpSessionId const s(
+        addr(), RsvpTunnelId(static_cast<Kel::U16>(rng_() % 4 ? rng_() % 3 : rng_())), addr());
     return RsvpSpId(s, RsvpPathId(rng_() % 4 ? rng_() % 3 : rng_() % 65536));
   }
 

@@ -26,8 +26,9 @@ TEST(Repr, ExactText) {
             "Value('Rsvp::RsvpError', ** {'errorCode': rsvpErrorCodeUnknown, 'errorValue': 0})");
   EXPECT_EQ(valueToStrep(RsvpTunnelRequestId(4000000000u, 7)),
             "Value('Rsvp::RsvpTunnelRequestId', ** {'reqId': 4000000000, 'reqSubId': 7})");
-  EXPECT_EQ(valueToStrep(RsvpTunnelConfigId(1, 2, frrReqType)),
-            "Value('Rsvp::RsvpTunnelConfigId', ** {'reqId': 1, 'reqSubId': 2, 'reqType': frrReqType})");
+  EXPECT_EQ(
+      valueToStrep(RsvpTunnelConfigId(1, 2, frrReqType)),
+      "Value('Rsvp::RsvpTunnelConfigId', ** {'reqId': 1, 'reqSubId': 2, 'reqType': frrReqType})");
   EXPECT_EQ(valueToStrep(RsvpMsgIdObj(true, 16777216, 9)),
             "Value('Rsvp::RsvpMsgIdObj', ** {'ackDesired': true, 'epoch': 16777216, 'msgId': 9})");
   std::ostringstream os;
@@ -41,20 +42,29 @@ TEST(Repr, RejectedText) {
     char const* text;
     char const* error;
   } const cases[] = {
-      {parseError<RsvpError>, "Value('Rsvp::RsvpError', ** {'errorValue': 0, 'errorCode': rsvpNotify})",
-       "Expected 'Value('Rsvp::RsvpError', ** {'errorCode': ' but found 'Value('Rsvp::RsvpError',...'"},
+      {parseError<RsvpError>,
+       "Value('Rsvp::RsvpError', ** {'errorValue': 0, 'errorCode': rsvpNotify})",
+       "Expected 'Value('Rsvp::RsvpError', ** {'errorCode': ' but found "
+       "'Value('Rsvp::RsvpError',...'"},
       {parseError<RsvpError>, "Value('Rsvp::RsvpError', ** {'errorCode': bogus, 'errorValue': 0})",
        "Invalid enumerator 'bogus' for Rsvp::RsvpErrorCode (attribute 'errorCode')"},
-      {parseError<RsvpError>, "Value('Rsvp::RsvpError', ** {'errorCode': rsvpNotify, 'errorValue': -1})",
+      {parseError<RsvpError>,
+       "Value('Rsvp::RsvpError', ** {'errorCode': rsvpNotify, 'errorValue': -1})",
        "Expected a number but found '-1})' (attribute 'errorValue')"},
-      {parseError<RsvpError>, "Value('Rsvp::RsvpError', ** {'errorCode': rsvpNotify, 'errorValue': 1}",
+      {parseError<RsvpError>,
+       "Value('Rsvp::RsvpError', ** {'errorCode': rsvpNotify, 'errorValue': 1}",
        "Expected '})' but found '}'"},
-      {parseError<RsvpError>, "Value('Rsvp::RsvpError', ** {'errorCode': rsvpNotify, 'errorValue': 1}) ",
+      {parseError<RsvpError>,
+       "Value('Rsvp::RsvpError', ** {'errorCode': rsvpNotify, 'errorValue': 1}) ",
        "Invalid RsvpError"},
-      {parseError<RsvpMsgIdObj>, "Value('Rsvp::RsvpMsgIdObj', ** {'ackDesired': false, 'epoch': 16777217, 'msgId': 0})",
-       "RsvpMsgIdObj::epoch < 0 or > RsvpMsgIdObj::invalidMsgIdEpochValue not allowed (attribute 'epoch')"},
-      {parseError<RsvpRefreshId>, "Value('Rsvp::RsvpRefreshId', ** {'epoch': 16777217, 'msgId': 0})",
-       "RsvpRefreshId::epoch < 0 or > Rsvp::RsvpMsgIdObj::invalidMsgIdEpochValue not allowed (attribute 'epoch')"},
+      {parseError<RsvpMsgIdObj>,
+       "Value('Rsvp::RsvpMsgIdObj', ** {'ackDesired': false, 'epoch': 16777217, 'msgId': 0})",
+       "RsvpMsgIdObj::epoch < 0 or > RsvpMsgIdObj::invalidMsgIdEpochValue not allowed (attribute "
+       "'epoch')"},
+      {parseError<RsvpRefreshId>,
+       "Value('Rsvp::RsvpRefreshId', ** {'epoch': 16777217, 'msgId': 0})",
+       "RsvpRefreshId::epoch < 0 or > Rsvp::RsvpMsgIdObj::invalidMsgIdEpochValue not allowed "
+       "(attribute 'epoch')"},
   };
   for (auto const& c : cases) EXPECT_EQ(c.parse(c.text), c.error) << c.text;
 }
@@ -73,8 +83,9 @@ TEST(Ranges, ConstructorSetterAndSentinel) {
     r.epochIs(16777217);
     FAIL();
   } catch (Kel::RangeException const& e) {
-    EXPECT_STREQ(e.what(),
-                 "RsvpRefreshId::epoch < 0 or > Rsvp::RsvpMsgIdObj::invalidMsgIdEpochValue not allowed");
+    EXPECT_STREQ(
+        e.what(),
+        "RsvpRefreshId::epoch < 0 or > Rsvp::RsvpMsgIdObj::invalidMsgIdEpochValue not allowed");
   }
   EXPECT_EQ(r, RsvpRefreshId(1, 2));
   EXPECT_THROW(RsvpMsgIdObj(false, 16777217, 0), Kel::RangeException);

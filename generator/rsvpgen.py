@@ -23,17 +23,21 @@ def main(argv):
     parser = argparse.ArgumentParser(description=__doc__.splitlines()[0])
     parser.add_argument("--schema-root", required=True)
     parser.add_argument("--out", required=True)
+    parser.add_argument("--import-root", action="append", default=[],
+                        help="schema whose types the units may use, generated elsewhere")
     group = parser.add_mutually_exclusive_group()
     group.add_argument("--list-inputs", action="store_true")
     group.add_argument("--list-outputs", action="store_true")
     args = parser.parse_args(argv)
 
     schema_files = schema.find_schema_files(args.schema_root)
+    imports = [(root, schema.find_schema_files(root)) for root in args.import_root]
     if args.list_inputs:
-        print("\n".join(schema_files + emit.generator_files()))
+        imported = [f for _, files in imports for f in files]
+        print("\n".join(schema_files + imported + emit.generator_files()))
         return 0
     try:
-        model = schema.load(args.schema_root, schema_files)
+        model = schema.load(args.schema_root, schema_files, imports)
     except schema.SchemaError as error:
         print(f"rsvpgen: {error}", file=sys.stderr)
         return 1

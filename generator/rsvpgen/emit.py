@@ -67,10 +67,13 @@ def render(model):
     env = _environment()
     outputs = {}
     for unit in model.units:
+        if unit.imported:
+            continue
         args = {"unit": unit, "model": model}
         outputs[f"Rsvp/{unit.name}.h"] = env.get_template("unit.h.j2").render(args)
         outputs[f"src/{unit.name}.cpp"] = env.get_template("unit.cpp.j2").render(args)
-    outputs["Rsvp/Rsvp.h"] = env.get_template("umbrella.h.j2").render(model=model)
+    if not any(unit.imported for unit in model.units):
+        outputs["Rsvp/Rsvp.h"] = env.get_template("umbrella.h.j2").render(model=model)
     return outputs
 
 

@@ -7,7 +7,8 @@ import re
 
 import yaml
 
-from .types import ALIASES, Attr, Bound, Enum, Enumerator, Model, Unit, ValueType
+from .types import (ALIASES, ATTR_KINDS, Attr, Bound, Enum, Enumerator, EntityAttr, EntityType,
+                    Model, Unit, ValueType)
 
 IDENT = re.compile(r"^[A-Za-z_][A-Za-z0-9_]*$")
 TRAITS = {"hash", "less"}
@@ -16,6 +17,8 @@ UNIT_KEYS = {"unit", "doc", "types"}
 ENUM_KEYS = {"enum", "doc", "values"}
 VALUE_KEYS = {"value", "doc", "strep", "traits", "attrs", "methods"}
 ATTR_KEYS = {"name", "type", "doc", "const", "default", "range"}
+ENTITY_KEYS = {"entity", "doc", "base", "baseArgs", "named", "key", "methods", "attrs"}
+ENTITY_ATTR_KEYS = {"name", "kind", "type", "key", "doc", "default", "range", "ctor"}
 
 
 class SchemaError(Exception):
@@ -29,17 +32,21 @@ def find_schema_files(root):
     return sorted(found)
 
 
-def load(root, files):
+def load(root, files, imports=()):
+    """The model of the units in `files`. `imports` lists (root, files) of
+    schemas whose types the units may use but that are generated elsewhere."""
     model = Model()
     pending = []
-    for path in files:
-        rel = os.path.relpath(path, root)
+    sources = [(r, f, True) for r, fs in imports for f in fs] + [(root, f, False) for f in files]
+    for source_root, path, imported in sources:
+        rel = os.path.relpath(path, source_root)
         with open(path, encoding="utf-8") as f:
             try:
                 data = yaml.safe_load(f)
             except yaml.YAMLError as error:
                 raise SchemaError(f"{rel}: not valid YAML: {error}") from None
         pending.append(_declare_unit(model, rel, data))
+        model.units[-1].imported = imported
     # Attributes may name types of any unit, so they are read once every type
     # is declared.
     for unit, bodies in pending:
@@ -47,6 +54,8 @@ def load(root, files):
             where = f"{unit.path}: {type_.name}"
             if type_.kind == "value":
                 _define_value(model, type_, body, where)
+            elif type_.kind == "entity":
+                _define_entity(model, type_, body, where)
     for unit in model.units:
         _check_unit(unit)
         unit.includes = _unit_includes(unit)
@@ -81,9 +90,9 @@ def _declare_unit(model, rel, data):
     for body in data["types"] or []:
         if not isinstance(body, dict):
             _fail(rel, "each entry of 'types' must be a mapping")
-        kinds = [k for k in ("enum", "value") if k in body]
+        kinds = [k for k in ("enum", "value", "entity") if k in body]
         if len(kinds) != 1:
-            _fail(rel, "each type declares exactly one of 'enum' or 'value'")
+            _fail(rel, "each type declares exactly one of 'enum', 'value' or 'entity'")
         kind = kinds[0]
         local = body[kind]
         if not isinstance(local, str) or not all(IDENT.match(p) for p in local.split("::")):
@@ -94,6 +103,9 @@ def _declare_unit(model, rel, data):
             _fail(f"{rel}: {local}", f"duplicate type '{qualified}'")
         if kind == "enum":
             type_ = _define_enum(qualified, ns, unit, body, f"{rel}: {qualified}")
+        elif kind == "entity":
+            _check_keys(f"{rel}: {qualified}", body, ENTITY_KEYS)
+            type_ = EntityType(qualified, ns, unit, body.get("doc"))
         else:
             _check_keys(f"{rel}: {qualified}", body, VALUE_KEYS, ("attrs",))
             type_ = ValueType(qualified, ns, unit, body.get("doc"))
@@ -211,7 +223,7 @@ def _initialiser(type_, attr, value, where):
 
 def _own_constant(type_, name):
     for a in type_.attrs:
-        if a.name == name and a.is_const:
+        if a.name == name and getattr(a, "is_const", False):
             return a
     return None
 
@@ -243,6 +255,94 @@ def _bound(model, type_, attr, bound, where):
     _fail(where, f"bad bound '{bound}': a number or a constant of a value type")
 
 
+def _define_entity(model, type_, body, where):
+    if "base" in body:
+        base = resolve_type(model, body["base"], type_.ns, where)
+        if not isinstance(base, EntityType):
+            _fail(where, f"base '{body['base']}' is not an entity")
+        type_.base = base
+    type_.named = bool(body.get("named", False))
+    type_.methods = list(body.get("methods", []) or [])
+    if "key" in body:
+        raw = body["key"]
+        _check_keys(f"{where}.key", raw, {"name", "type", "doc"}, ("name", "type"))
+        key = EntityAttr(raw["name"], "plain", raw.get("doc"))
+        key.type = resolve_type(model, raw["type"], type_.ns, f"{where}.key")
+        key.is_key = key.ctor = True
+        key.owner = type_
+        if type_.named:
+            _fail(where, "a keyed entity takes its name from its key; drop 'named'")
+        type_.key = key
+        type_.attrs.append(key)
+    for raw in body.get("attrs", []) or []:
+        _check_keys(where, raw, ENTITY_ATTR_KEYS, ("name",))
+        name = raw["name"]
+        awhere = f"{where}.{name}"
+        if not isinstance(name, str) or not IDENT.match(name):
+            _fail(where, f"bad attribute name '{name}'")
+        if any(a.name == name for a in type_.attrs):
+            _fail(awhere, "duplicate attribute")
+        kind = raw.get("kind", "plain")
+        if kind not in ATTR_KINDS:
+            _fail(awhere, f"unknown kind '{kind}' (known: {', '.join(ATTR_KINDS)})")
+        attr = EntityAttr(name, kind, raw.get("doc"))
+        attr.owner = type_
+        _define_entity_attr(model, type_, attr, raw, awhere)
+        type_.attrs.append(attr)
+    if "baseArgs" in body:
+        if type_.base is None:
+            _fail(where, "'baseArgs' without a base")
+        wanted = type_.base.all_ctor_attrs
+        given = body["baseArgs"] or []
+        if len(given) != len(wanted):
+            _fail(where, f"the base takes {len(wanted)} constructor arguments, not {len(given)}")
+        type_.base_args = [_literal(a, v, where) for a, v in zip(wanted, given)]
+
+
+def _define_entity_attr(model, type_, attr, raw, where):
+    kind = attr.kind
+    if kind == "hashed-set":
+        if "type" in raw:
+            _fail(where, "a hashed-set has a key and no type")
+    elif "type" not in raw:
+        _fail(where, "missing key 'type'")
+    else:
+        attr.type = resolve_type(model, raw["type"], type_.ns, where)
+    keyed = kind in ("hashed-map", "hashed-set", "ordered-map")
+    if keyed:
+        if "key" not in raw:
+            _fail(where, f"a {kind} needs a 'key'")
+        attr.key = resolve_type(model, raw["key"], type_.ns, where)
+        if attr.key.category == "entity":
+            _fail(where, "a key must be a value, not an entity")
+    elif "key" in raw:
+        _fail(where, f"a {kind} attribute takes no 'key'")
+    if kind in ("child", "ref") and attr.type.category != "entity":
+        _fail(where, f"a {kind} attribute holds an entity, not {attr.type.name}")
+    if kind in ("plain", "derived") and attr.type.category == "entity":
+        _fail(where, f"an entity is held by a child, ref or collection attribute, not '{kind}'")
+    if attr.key is not None and kind != "ordered-map" and not attr.key.has_hash:
+        _fail(where, f"{attr.key.name} has no hash(), which a {kind} needs")
+    if kind == "ordered-map" and not attr.key.has_less:
+        _fail(where, f"{attr.key.name} has no operator<, which an ordered-map needs")
+    if attr.owns_children and kind != "child":
+        child = attr.type
+        if child.key is None or child.key.type is not attr.key:
+            _fail(where, f"{child.name} must be keyed by {attr.key.name} to live in this collection")
+    if raw.get("ctor"):
+        if kind != "plain":
+            _fail(where, "only plain attributes can be constructor arguments")
+        attr.ctor = True
+    if "default" in raw:
+        if kind != "plain":
+            _fail(where, "only plain attributes take a default")
+        attr.default = _initialiser(type_, attr, raw["default"], where)
+    if "range" in raw:
+        if kind != "plain":
+            _fail(where, "only plain attributes take a range")
+        _set_range(model, type_, attr, raw["range"], where)
+
+
 def _check_unit(unit):
     for type_ in unit.values:
         where = f"{unit.path}: {type_.name}"
@@ -257,9 +357,20 @@ def _check_unit(unit):
 def _unit_includes(unit):
     """Headers that the unit's header needs for the types its attributes use."""
     includes = set()
-    for type_ in unit.values:
-        for attr in type_.attrs:
-            used = [attr.type] + [b.owner for b in (attr.min, attr.max) if b and b.owner]
-            includes.update(t.include for t in used if t.include)
+    for type_ in unit.types:
+        if type_.kind == "entity":
+            includes.update(("Kel/Entity.h", "Kel/Exception.h"))
+            if type_.base is not None:
+                includes.add(type_.base.include)
+        for attr in getattr(type_, "attrs", []):
+            used = [attr.type, getattr(attr, "key", None)] + [b.owner for b in (attr.min, attr.max) if b and b.owner]
+            includes.update(t.include for t in used if t and t.include)
+            kind = getattr(attr, "kind", "plain")
+            if kind in ("hashed-map", "hashed-set"):
+                includes.add("Kel/HashTable.h")
+            elif kind == "ordered-map":
+                includes.add("Kel/OrderedMap.h")
+            elif kind == "queue":
+                includes.add("Kel/Queue.h")
     includes.discard(f"Rsvp/{unit.name}.h")
     return sorted(includes)

@@ -193,6 +193,7 @@ class Unit:
         self.doc = doc
         self.types = []
         self.includes = []     # headers of other units and of the runtime
+        self.imported = False  # generated elsewhere; only its types are used
 
     @property
     def enums(self):
@@ -207,3 +208,161 @@ class Model:
     def __init__(self):
         self.units = []
         self.types = dict(BUILTINS)
+
+
+COLLECTION_KINDS = ("hashed-map", "hashed-set", "ordered-map", "queue")
+ATTR_KINDS = ("plain", "derived", "child", "ref") + COLLECTION_KINDS
+
+
+class EntityAttr:
+    """An attribute of an entity: a plain value, a child slot, a reference to
+    a constant entity or a collection."""
+
+    def __init__(self, name, kind, doc=None):
+        self.name = name
+        self.kind = kind
+        self.doc = doc
+        self.type = None      # the value or element type
+        self.key = None       # key type of a map or set
+        self.ctor = False     # fixed at construction (a constructor argument)
+        self.is_key = False   # the entity's own key
+        self.default = None
+        self.min = None
+        self.max = None
+        self.owner = None     # the entity declaring the attribute
+
+    # Names of the generated members.
+    @property
+    def member(self):
+        return f"{self.name}_"
+
+    @property
+    def cap(self):
+        return self.name[0].upper() + self.name[1:]
+
+    @property
+    def setter(self):
+        return f"{self.name}Is"
+
+    @property
+    def checked(self):
+        return self.min is not None or self.max is not None
+
+    def range_test(self, v):
+        return Attr.range_test(self, v)
+
+    @property
+    def default_init(self):
+        return Attr.default_init.fget(self)
+
+    @property
+    def is_collection(self):
+        return self.kind in COLLECTION_KINDS
+
+    @property
+    def of_entities(self):
+        return self.type is not None and self.type.category == "entity"
+
+    @property
+    def owns_children(self):
+        """Whether the attribute holds child entities whose parent it sets."""
+        return self.of_entities and self.kind in ("child", "hashed-map", "ordered-map")
+
+    @property
+    def child_params(self):
+        """Constructor parameters of a child entity besides its key."""
+        return [p for p in self.type.ctor_params if not p.is_key]
+
+    @property
+    def element(self):
+        """C++ type of what the collection or slot stores."""
+        if self.kind == "hashed-set":
+            return "Kel::NoValue"
+        if self.of_entities:
+            const = " const" if self.kind in ("queue", "ref") else ""
+            return f"Kel::Ptr<{self.type.cpp}{const}>"
+        return self.type.cpp
+
+    @property
+    def element_param(self):
+        if self.of_entities:
+            return f"{self.element} const&"
+        return self.type.param
+
+    @property
+    def key_cpp(self):
+        return "Kel::U32" if self.kind == "queue" else self.key.cpp
+
+    @property
+    def key_param(self):
+        return "Kel::U32" if self.kind == "queue" else self.key.param
+
+    @property
+    def container(self):
+        if self.kind in ("hashed-map", "hashed-set"):
+            return f"Kel::HashTable<{self.key.cpp}, {self.element}>"
+        if self.kind == "ordered-map":
+            return f"Kel::OrderedMap<{self.key.cpp}, {self.element}>"
+        if self.kind == "queue":
+            return f"Kel::Queue<{self.element}>"
+        if self.kind in ("child", "ref"):
+            return self.element
+        return self.type.cpp
+
+
+class EntityType(Type):
+    def __init__(self, name, ns, unit, doc):
+        super().__init__(name, name, ns, "entity", include=f"Rsvp/{unit.name}.h",
+                         has_hash=False, has_less=False)
+        self.unit = unit
+        self.doc = doc
+        self.kind = "entity"
+        self.base = None
+        self.base_args = []   # C++ values passed to the base's constructor
+        self.named = False    # whether factories take a name
+        self.key = None       # the EntityAttr holding the key, if keyed
+        self.attrs = []       # own attributes, declaration order
+        self.methods = []
+
+    @property
+    def depth(self):
+        return 0 if self.base is None else self.base.depth + 1
+
+    @property
+    def ctor_attrs(self):
+        """Own attributes fixed at construction, the key excluded."""
+        return [a for a in self.attrs if a.ctor and not a.is_key]
+
+    @property
+    def inherited_params(self):
+        """Constructor parameters passed through to the base."""
+        return [] if self.base is None or self.base_args else self.base.ctor_params
+
+    @property
+    def ctor_params(self):
+        """Every constructor parameter after the name: the base's, the key,
+        then the attributes fixed at construction."""
+        own = ([self.key] if self.key else []) + self.ctor_attrs
+        return self.inherited_params + own
+
+    @property
+    def all_ctor_attrs(self):
+        return self.ctor_params
+
+    @property
+    def children(self):
+        """Attributes whose entities this one owns (their parent is this)."""
+        return [a for a in self.attrs if a.owns_children]
+
+    @property
+    def notified(self):
+        """Attributes that raise notifications."""
+        return [a for a in self.attrs if a.kind != "derived" and not a.ctor]
+
+    @property
+    def factory(self):
+        return self.short[0].lower() + self.short[1:] + "Factory"
+
+    @property
+    def root_base(self):
+        return self if self.base is None else self.base.root_base

@@ -1,0 +1,155 @@
+// Entities: reference-counted objects with a name, a parent and a list of
+// observers (notifiees) that hear of every change of their attributes.
+//
+// Lifetime rules (tests/kel/EntityTest.cpp holds them):
+// - An entity lives while a Ptr refers to it. Its owner's slot or collection
+//   holds one such Ptr and sets the entity's parent; removal clears the
+//   parent. When an owner is destroyed, the parents of its children are
+//   cleared, so a child that lives on elsewhere never sees a dangling parent.
+// - A notifiee registers with one entity at a time. Destroying the notifiee
+//   unregisters it. Destroying the entity first detaches its notifiees: their
+//   notifier becomes null, and they may be destroyed or reused later.
+// - During a notification the entity keeps itself alive, so a callback may
+//   drop the last other reference to it. A callback may unregister itself
+//   or any other notifiee (even destroy it); a notifiee unregistered before
+//   its turn is not called. A notifiee registered during a notification is
+//   called from the next change on.
+#ifndef KEL_ENTITY_H
+#define KEL_ENTITY_H
+
+#include <Kel/Ptr.h>
+#include <Kel/Types.h>
+
+#include <memory>
+#include <string_view>
+#include <vector>
+
+namespace Kel {
+
+class Entity;
+
+// The framework's descriptor of an entity or value type. Entity classes form
+// single-inheritance chains; `depth` is the distance from the chain's root.
+class TypeDesc {
+ public:
+  // `depth` is the base's depth plus one (0 without a base); it is given, not
+  // computed, because a constant expression may not test the address of
+  // another static object under every compiler's sanitizers.
+  constexpr TypeDesc(std::string_view qualifiedName, TypeDesc const* base, U32 depth) noexcept
+      : name_(qualifiedName), base_(base), depth_(depth) {}
+
+  [[nodiscard]] constexpr std::string_view name() const noexcept { return name_; }
+  [[nodiscard]] constexpr TypeDesc const* base() const noexcept { return base_; }
+  [[nodiscard]] constexpr U32 depth() const noexcept { return depth_; }
+  // Whether this type is `other` or derives from it.
+  [[nodiscard]] bool isA(TypeDesc const& other) const noexcept {
+    for (TypeDesc const* t = this; t; t = t->base_) {
+      if (t == &other) return true;
+    }
+    return false;
+  }
+
+ private:
+  std::string_view name_;
+  TypeDesc const* base_;
+  U32 depth_;
+};
+
+// The common base of every entity class's NotifieeConst and Notifiee.
+class NotifieeBase {
+ public:
+  NotifieeBase(NotifieeBase const&) = delete;
+  NotifieeBase& operator=(NotifieeBase const&) = delete;
+  virtual ~NotifieeBase();
+
+  // The entity observed, or null when not registered (or when the entity
+  // has been destroyed).
+  [[nodiscard]] Entity const* notifierBase() const noexcept { return notifier_; }
+
+ protected:
+  // `depth` is the depth of the entity class that the notifiee observes:
+  // it hears of the attributes of that class and of its bases.
+  explicit NotifieeBase(U32 depth) noexcept : depth_(depth) {}
+  // Unregisters from the current entity, if any, and registers with `e`.
+  void notifierBaseIs(Entity const* e);
+
+ private:
+  friend class Entity;
+  Entity const* notifier_ = nullptr;
+  U32 depth_;
+};
+
+class Entity : public PtrInterface {
+ public:
+  Entity(Entity const&) = delete;
+  Entity& operator=(Entity const&) = delete;
+
+  [[nodiscard]] Name const& name() const noexcept { return name_; }
+  // The entity whose slot or collection holds this one, or null.
+  [[nodiscard]] Entity* parent() const noexcept { return parent_; }
+  // The names from the root down to this entity, joined by "/".
+  [[nodiscard]] String fullName() const;
+  [[nodiscard]] virtual TypeDesc const& fwkType() const noexcept = 0;
+  // Whether the type is restored from a backup of the attribute log; no
+  // type of this model is.
+  [[nodiscard]] virtual bool hasBackupSupport() const noexcept { return false; }
+
+  // The registered notifiees, in the order they are called.
+  [[nodiscard]] std::vector<NotifieeBase*> notifieeList() const;
+  [[nodiscard]] bool hasNotifiees() const noexcept { return list_ && list_->live > 0; }
+
+  // For the framework: the owner sets and clears the parent.
+  void parentIs(Entity* parent) noexcept { parent_ = parent; }
+
+ protected:
+  explicit Entity(Name name) : name_(std::move(name)) {}
+  ~Entity() override;
+
+  // Calls `f(notifiee)` for every notifiee that observes a class at `depth`
+  // or deeper (that is, that knows the attribute being changed), in list
+  // order. Cheap when nobody listens.
+  template <class F>
+  void notify(U32 depth, F&& f) const {
+    if (!hasNotifiees()) return;
+    Dispatch const guard(this);
+    std::size_t const n = list_->items.size();
+    for (std::size_t i = 0; i < n; ++i) {
+      NotifieeBase* const nb = list_->items[i];
+      if (nb && nb->depth_ >= depth) f(nb);
+    }
+  }
+
+ private:
+  friend class NotifieeBase;
+
+  struct NotifieeList {
+    std::vector<NotifieeBase*> items;  // null where one left during a dispatch
+    U32 live = 0;
+    U32 dispatching = 0;
+  };
+
+  // Keeps the entity alive and the list's positions stable during a
+  // notification; compacts the list when the outermost one ends.
+  class Dispatch {
+   public:
+    explicit Dispatch(Entity const* e) noexcept;
+    ~Dispatch();
+    Dispatch(Dispatch const&) = delete;
+    Dispatch& operator=(Dispatch const&) = delete;
+
+   private:
+    Entity const* e_;
+    bool kept_;
+  };
+
+  void notifieeAdd(NotifieeBase* n) const;
+  void notifieeRemove(NotifieeBase* n) const;
+
+  Name name_;
+  Entity* parent_ = nullptr;
+  mutable std::unique_ptr<NotifieeList> list_;
+};
+
+}  // namespace Kel
+
+#endif  // KEL_ENTITY_H

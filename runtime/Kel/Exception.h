@@ -1,0 +1,51 @@
+// The errors of the entity frame. Range and parse errors are
+// `Kel::RangeException` (RangeException.h); these report misuse of entities
+// and collections. All carry a fixed text, returned by what().
+#ifndef KEL_EXCEPTION_H
+#define KEL_EXCEPTION_H
+
+#include <Kel/Types.h>
+
+#include <exception>
+#include <string>
+#include <string_view>
+#include <utility>
+
+namespace Kel {
+
+class Exception : public std::exception {
+ public:
+  explicit Exception(std::string text) : text_(std::move(text)) {}
+  [[nodiscard]] char const* what() const noexcept override { return text_.c_str(); }
+
+ private:
+  std::string text_;
+};
+
+// A null pointer given to a mutator of a pointer attribute:
+// "null _<param> parameter to mutator for <Type>::<attr> not allowed" and one
+// double-quote character, which belongs to the text.
+class NullPointerException : public Exception {
+ public:
+  NullPointerException(std::string_view param, std::string_view qualifiedAttr);
+};
+
+// Find-or-create given constructor arguments that differ from those of the
+// entity found: "Reinstantiating the entity with fullName <fullName> where
+// constructor parameter attribute '<attr>' has a different value of <value>".
+class ReinstantiationException : public Exception {
+ public:
+  ReinstantiationException(std::string_view fullName, std::string_view attr,
+                           std::string_view value);
+};
+
+// A write to an attribute fixed at construction:
+// "Attribute <Type>::<attr> is immutable".
+class ImmutableAttributeException : public Exception {
+ public:
+  explicit ImmutableAttributeException(std::string_view qualifiedAttr);
+};
+
+}  // namespace Kel
+
+#endif  // KEL_EXCEPTION_H

@@ -1,0 +1,156 @@
+// Intrusive reference counting: `PtrInterface` carries the count and
+// `Ptr<T>` holds one reference. Entities are owned this way; an entity lives
+// while any `Ptr` refers to it.
+//
+//   Kel::Ptr<RsvpSpIdSet> set = RsvpSpIdSet::newRsvpSpIdSet("set");
+//   Kel::Ptr<RsvpSpIdSet const> view = set;   // pointer to const shares the count
+//
+// The count is updated with atomic operations when the library is built with
+// KEL_THREAD_SAFE_PTR (CMake option RSVP_THREAD_SAFE_PTR) and with plain
+// increments otherwise. Even then, an entity tree is used by one thread at a
+// time; only handing pointers between threads is made safe.
+#ifndef KEL_PTR_H
+#define KEL_PTR_H
+
+#include <Kel/Types.h>
+
+#include <cassert>
+#include <cstddef>
+#include <type_traits>
+#include <utility>
+
+#if KEL_THREAD_SAFE_PTR
+#include <atomic>
+#endif
+
+namespace Kel {
+
+class PtrInterface {
+ public:
+  PtrInterface() = default;
+  // The count belongs to the object, not to its value: copies start at zero.
+  PtrInterface(PtrInterface const&) noexcept {}
+  PtrInterface& operator=(PtrInterface const&) noexcept { return *this; }
+
+  [[nodiscard]] U32 references() const noexcept {
+#if KEL_THREAD_SAFE_PTR
+    return refCount_.load(std::memory_order_relaxed);
+#else
+    return refCount_;
+#endif
+  }
+
+  void newRef() const noexcept {
+#if KEL_THREAD_SAFE_PTR
+    refCount_.fetch_add(1, std::memory_order_relaxed);
+#else
+    ++refCount_;
+#endif
+  }
+
+  // Drops one reference; the last one destroys the object.
+  void deleteRef() const noexcept {
+    assert(references() > 0 && "Reference count is already zero.");
+#if KEL_THREAD_SAFE_PTR
+    if (refCount_.fetch_sub(1, std::memory_order_acq_rel) == 1) onZeroReferences();
+#else
+    if (--refCount_ == 0) onZeroReferences();
+#endif
+  }
+
+ protected:
+  virtual ~PtrInterface() = default;
+  // Called when the last reference goes; destroys the object by default.
+  virtual void onZeroReferences() const noexcept { delete this; }
+
+ private:
+#if KEL_THREAD_SAFE_PTR
+  mutable std::atomic<U32> refCount_{0};
+#else
+  mutable U32 refCount_ = 0;
+#endif
+};
+
+// One counted reference to a T (which may be const). Null by default.
+template <class T>
+class Ptr {
+ public:
+  constexpr Ptr() noexcept = default;
+  constexpr Ptr(std::nullptr_t) noexcept {}  // NOLINT: implicit on purpose, like a raw pointer
+  Ptr(T* p) noexcept : p_(p) {               // NOLINT: implicit on purpose
+    if (p_) p_->newRef();
+  }
+  Ptr(Ptr const& o) noexcept : Ptr(o.p_) {}
+  Ptr(Ptr&& o) noexcept : p_(std::exchange(o.p_, nullptr)) {}
+  // From a pointer to a derived type, or from non-const to const.
+  template <class U, class = std::enable_if_t<std::is_convertible_v<U*, T*>>>
+  Ptr(Ptr<U> const& o) noexcept : Ptr(o.get()) {}  // NOLINT: implicit on purpose
+  template <class U, class = std::enable_if_t<std::is_convertible_v<U*, T*>>>
+  Ptr(Ptr<U>&& o) noexcept : p_(o.release()) {}  // NOLINT: implicit on purpose
+  ~Ptr() {
+    if (p_) p_->deleteRef();
+  }
+
+  Ptr& operator=(Ptr const& o) noexcept {
+    Ptr(o).swap(*this);
+    return *this;
+  }
+  Ptr& operator=(Ptr&& o) noexcept {
+    Ptr(std::move(o)).swap(*this);
+    return *this;
+  }
+  Ptr& operator=(T* p) noexcept {
+    Ptr(p).swap(*this);
+    return *this;
+  }
+
+  [[nodiscard]] T* get() const noexcept { return p_; }
+  [[nodiscard]] T* operator->() const noexcept {
+    assert(p_ && "Dereferencing a null Kel::Ptr.");
+    return p_;
+  }
+  [[nodiscard]] T& operator*() const noexcept {
+    assert(p_ && "Dereferencing a null Kel::Ptr.");
+    return *p_;
+  }
+  explicit operator bool() const noexcept { return p_ != nullptr; }
+  [[nodiscard]] bool operator!() const noexcept { return p_ == nullptr; }
+
+  void swap(Ptr& o) noexcept { std::swap(p_, o.p_); }
+  // Gives up the reference without dropping it; the caller now owns it.
+  [[nodiscard]] T* release() noexcept { return std::exchange(p_, nullptr); }
+
+ private:
+  T* p_ = nullptr;
+};
+
+template <class T, class U>
+bool operator==(Ptr<T> const& a, Ptr<U> const& b) noexcept {
+  return a.get() == b.get();
+}
+template <class T>
+bool operator==(Ptr<T> const& a, std::nullptr_t) noexcept {
+  return !a;
+}
+template <class T, class U>
+bool operator==(Ptr<T> const& a, U const* b) noexcept {
+  return a.get() == b;
+}
+
+// Casts between pointers of the same hierarchy, keeping the count.
+template <class T, class U>
+Ptr<T> ptrStaticCast(Ptr<U> const& p) noexcept {
+  return Ptr<T>(static_cast<T*>(p.get()));
+}
+template <class T, class U>
+Ptr<T> ptrDynamicCast(Ptr<U> const& p) noexcept {
+  return Ptr<T>(dynamic_cast<T*>(p.get()));
+}
+template <class T>
+Ptr<std::remove_const_t<T>> ptrConstCast(Ptr<T> const& p) noexcept {
+  return Ptr<std::remove_const_t<T>>(const_cast<std::remove_const_t<T>*>(p.get()));
+}
+
+}  // namespace Kel
+
+#endif  // KEL_PTR_H

@@ -1,0 +1,578 @@
+// The framework's containers against reference models: the hash table against
+// std::map, the numbered queue against a model written from its numbering
+// rules, and the reference counts of Kel::Ptr.
+#include <Kel/Hash.h>
+#include <Kel/HashTable.h>
+#include <Kel/Ptr.h>
+#include <Kel/Queue.h>
+
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <bit>
+#include <deque>
+#include <map>
+#include <optional>
+#include <ostream>
+#include <random>
+#include <string>
+#include <type_traits>
+#include <utility>
+#include <vector>
+
+namespace {
+
+using Kel::U32;
+using Kel::U64;
+
+// ---- HashTable
+
+// A key whose hash is chosen by `H`, so that tests control collisions.
+template <U32 (*H)(U32)>
+struct ChosenHashKey {
+  U32 v;
+  [[nodiscard]] U32 hash() const noexcept { return H(v); }
+  bool operator==(ChosenHashKey const& o) const noexcept { return v == o.v; }
+  bool operator<(ChosenHashKey const& o) const noexcept { return v < o.v; }
+};
+
+// Only seven distinct hashes: long runs of equal hashes in one chain.
+constexpr U32 hashMod7(U32 v) { return v % 7; }
+// Distinct hashes whose low sixteen bits are zero: every key lands in bucket 0
+// of any table up to 2^16 buckets, so chains are long but sorted by hash.
+constexpr U32 hashHighBits(U32 v) { return (v + 1) << 16; }
+
+using Mod7Key = ChosenHashKey<hashMod7>;
+using HighBitsKey = ChosenHashKey<hashHighBits>;
+
+U32 keyNumber(U32 k) { return k; }
+template <U32 (*H)(U32)>
+U32 keyNumber(ChosenHashKey<H> const& k) {
+  return k.v;
+}
+
+template <class K>
+U32 reversedHash(K const& k) {
+  return Kel::bitReverse32(Kel::KeyTraits<K>::hash(k));
+}
+
+struct Stored {
+  int value;
+  U64 stamp;  // when the key was (last) newly inserted
+};
+
+// Checks everything that the table promises about its present state.
+template <class K>
+void expectAgrees(Kel::HashTable<K, int> const& table, std::map<K, Stored> const& model,
+                  std::size_t expectedBuckets) {
+  ASSERT_EQ(table.size(), model.size());
+  ASSERT_EQ(table.empty(), model.empty());
+  ASSERT_EQ(table.bucketCount(), expectedBuckets);
+  if (expectedBuckets != 0) {
+    ASSERT_TRUE(std::has_single_bit(table.bucketCount()));
+    ASSERT_GE(table.bucketCount(), table.size());
+  }
+
+  // Keys order like their numbers, so the model's last key bounds them all.
+  std::vector<bool> seen(model.empty() ? 0 : keyNumber(model.rbegin()->first) + 1);
+  std::optional<std::pair<U32, U64>> previous;  // reversed hash and stamp
+  std::size_t visited = 0;
+  for (auto it = table.begin(); !it.done(); ++it) {
+    ASSERT_LE(++visited, model.size()) << "iteration does not end";
+    K const& key = it.key();
+    auto const found = model.find(key);
+    ASSERT_NE(found, model.end()) << "iteration visits absent key " << keyNumber(key);
+    ASSERT_FALSE(seen[keyNumber(key)]) << "key " << keyNumber(key) << " visited twice";
+    seen[keyNumber(key)] = true;
+    ASSERT_EQ(it.value(), found->second.value);
+    U32 const rh = reversedHash(key);
+    ASSERT_EQ(it->rhash, rh);
+    if (previous) {
+      ASSERT_LE(previous->first, rh) << "reversed hashes out of order at " << keyNumber(key);
+      if (previous->first == rh) {
+        ASSERT_LT(previous->second, found->second.stamp)
+            << "equal hashes out of insertion order at " << keyNumber(key);
+      }
+    }
+    previous = std::pair(rh, found->second.stamp);
+  }
+  ASSERT_EQ(visited, model.size());
+  ASSERT_EQ(table.begin() == table.end(), model.empty());
+}
+
+// The bucket count that the growth policy dictates: none before the first
+// insertion, then 8 doubled while the peak size since then exceeds it.
+std::size_t policyBuckets(std::size_t peak, bool allocated) {
+  return allocated ? std::max<std::size_t>(8, std::bit_ceil(peak)) : 0;
+}
+
+struct TableCase {
+  char const* what;
+  void (*run)(TableCase const&);
+  unsigned seed;
+  U32 pool;  // keys are drawn from [0, pool)
+  int steps;
+  int clearOneIn;  // a clear() about once in this many steps
+};
+
+template <class K>
+K makeKey(U32 n) {
+  if constexpr (std::is_same_v<K, U32>) {
+    return n;
+  } else {
+    return K{n};
+  }
+}
+
+template <class K>
+void runTableModel(TableCase const& c) {
+  std::mt19937 rng(c.seed);
+  Kel::HashTable<K, int> table;
+  std::map<K, Stored> model;
+  U64 stamp = 0;
+  std::size_t peak = 0;
+  bool allocated = false;
+  auto const pick = [&] { return makeKey<K>(static_cast<U32>(rng() % c.pool)); };
+
+  for (int step = 0; step < c.steps; ++step) {
+    SCOPED_TRACE(testing::Message() << c.what << ", step " << step);
+    U32 const op = rng() % 100;
+    if (static_cast<int>(rng() % static_cast<U32>(c.clearOneIn)) == 0) {
+      table.clear();
+      model.clear();
+      peak = 0;
+      allocated = false;
+    } else if (op < 50) {
+      K const key = pick();
+      int const value = static_cast<int>(rng() % 1000);
+      auto const [stored, added] = table.insert(key, value);
+      auto const [it, modelAdded] = model.try_emplace(key, Stored{value, stamp++});
+      ASSERT_EQ(added, modelAdded) << "insert of " << keyNumber(key);
+      ASSERT_NE(stored, nullptr);
+      ASSERT_EQ(*stored, it->second.value) << "a present key keeps its value";
+      ASSERT_EQ(stored, table.find(key));
+      allocated = true;
+      peak = std::max(peak, model.size());
+    } else if (op < 85) {
+      K const key = pick();
+      ASSERT_EQ(table.erase(key), model.erase(key) == 1) << "erase of " << keyNumber(key);
+      ASSERT_EQ(table.find(key), nullptr);
+    } else {
+      K const key = pick();
+      int const* found = table.find(key);
+      auto const it = model.find(key);
+      ASSERT_EQ(found != nullptr, it != model.end()) << "find of " << keyNumber(key);
+      if (found) {
+        ASSERT_EQ(*found, it->second.value);
+      }
+    }
+    ASSERT_NO_FATAL_FAILURE(expectAgrees(table, model, policyBuckets(peak, allocated)));
+    if (step % 64 == 0 || step + 1 == c.steps) {
+      for (U32 n = 0; n < c.pool; ++n) {
+        K const key = makeKey<K>(n);
+        ASSERT_EQ(table.find(key) != nullptr, model.count(key) == 1) << "find of " << n;
+      }
+    }
+  }
+}
+
+void PrintTo(TableCase const& c, std::ostream* os) { *os << c.what; }
+
+class HashTableModel : public testing::TestWithParam<TableCase> {};
+
+TEST_P(HashTableModel, AgreesWithStdMap) { GetParam().run(GetParam()); }
+
+INSTANTIATE_TEST_SUITE_P(
+    Keys, HashTableModel,
+    testing::Values(TableCase{"U32 keys, few", runTableModel<U32>, 11, 12, 4000, 150},
+                    TableCase{"U32 keys, many", runTableModel<U32>, 12, 200, 10000, 4000},
+                    TableCase{"hash mod 7, few", runTableModel<Mod7Key>, 13, 30, 6000, 400},
+                    TableCase{"hash mod 7, long chains", runTableModel<Mod7Key>, 14, 400, 10000,
+                              5000},
+                    TableCase{"hashes equal in the low 16 bits", runTableModel<HighBitsKey>, 15,
+                              300, 10000, 8000}),
+    [](testing::TestParamInfo<TableCase> const& p) { return "Case" + std::to_string(p.index); });
+
+// Erasing through an iterator while walking the table.
+template <class K>
+void eraseEveryOtherWhileIterating(U32 count) {
+  SCOPED_TRACE(testing::Message() << count << " keys");
+  Kel::HashTable<K, int> table;
+  for (U32 n = 0; n < count; ++n) table.insert(makeKey<K>(n * 3 + 1), static_cast<int>(n));
+  std::size_t const buckets = table.bucketCount();
+
+  std::vector<U32> before;
+  for (auto it = table.begin(); !it.done(); ++it) before.push_back(keyNumber(it.key()));
+
+  std::vector<U32> visited;
+  std::vector<U32> erased;
+  bool erase = true;
+  for (auto it = table.begin(); !it.done(); erase = !erase) {
+    visited.push_back(keyNumber(it.key()));
+    if (erase) {
+      erased.push_back(keyNumber(it.key()));
+      table.erase(it);
+    } else {
+      ++it;
+    }
+  }
+  EXPECT_EQ(visited, before) << "every key visited once, in the original order";
+  EXPECT_EQ(table.size(), count / 2);
+  EXPECT_EQ(table.bucketCount(), buckets) << "erasing never shrinks the table";
+
+  std::vector<U32> kept;
+  for (auto it = table.begin(); !it.done(); ++it) kept.push_back(keyNumber(it.key()));
+  std::vector<U32> expectedKept;
+  for (std::size_t i = 1; i < before.size(); i += 2) expectedKept.push_back(before[i]);
+  EXPECT_EQ(kept, expectedKept);
+  for (U32 n : erased) EXPECT_EQ(table.find(makeKey<K>(n)), nullptr) << n;
+
+  for (auto it = table.begin(); !it.done();) table.erase(it);
+  EXPECT_TRUE(table.empty());
+  EXPECT_TRUE(table.begin().done());
+  EXPECT_EQ(table.bucketCount(), buckets);
+}
+
+TEST(HashTable, EraseWhileIterating) {
+  for (U32 count : {0u, 1u, 2u, 7u, 8u, 9u, 100u, 1000u}) {
+    eraseEveryOtherWhileIterating<U32>(count);
+    eraseEveryOtherWhileIterating<Mod7Key>(count);
+    eraseEveryOtherWhileIterating<HighBitsKey>(count);
+  }
+}
+
+TEST(HashTable, BucketCountBoundaries) {
+  struct {
+    std::size_t inserted;
+    std::size_t buckets;
+  } const cases[] = {{0, 0},   {1, 8},   {8, 8},       {9, 16},
+                     {16, 16}, {17, 32}, {1024, 1024}, {1025, 2048}};
+  for (auto const& c : cases) {
+    Kel::HashTable<U32, int> table;
+    for (U32 n = 0; n < c.inserted; ++n) table.insert(n, 0);
+    EXPECT_EQ(table.bucketCount(), c.buckets) << c.inserted << " keys";
+    table.clear();
+    EXPECT_EQ(table.bucketCount(), 0u) << "clear() frees the buckets";
+  }
+}
+
+// ---- Queue
+
+// The numbering rules of the queue, written out plainly.
+class QueueModel {
+ public:
+  U32 enq(std::string value) {
+    U32 seq = next_;
+    if (!entries_.empty() && !(next_ > entries_.back().first)) seq = entries_.back().first + 1;
+    next_ = seq;
+    entries_.emplace_back(seq, std::move(value));
+    return seq;
+  }
+
+  std::optional<std::pair<U32, std::string>> deq() {
+    if (entries_.empty()) return std::nullopt;
+    auto head = entries_.front();
+    removeAt(0);
+    return head;
+  }
+
+  bool del(U32 seq) {
+    for (std::size_t i = 0; i < entries_.size(); ++i) {
+      if (entries_[i].first == seq) {
+        removeAt(i);
+        return true;
+      }
+    }
+    return false;
+  }
+
+  void clear() { entries_.clear(); }
+
+  [[nodiscard]] std::deque<std::pair<U32, std::string>> const& entries() const { return entries_; }
+  [[nodiscard]] U32 next() const { return next_; }
+  [[nodiscard]] U64 removals() const { return removals_; }
+
+ private:
+  // The tail before the removal decides the raise, so that a number is never
+  // reused while entries remain, even when the tail itself was removed.
+  void removeAt(std::size_t i) {
+    U32 const tailSeq = entries_.back().first;
+    entries_.erase(entries_.begin() + static_cast<std::ptrdiff_t>(i));
+    ++removals_;
+    if (!entries_.empty() && !(next_ > tailSeq)) next_ = tailSeq + 1;
+  }
+
+  std::deque<std::pair<U32, std::string>> entries_;
+  U32 next_ = 0;
+  U64 removals_ = 0;
+};
+
+// With `findEach`, also looks every entry up by its number.
+void expectAgrees(Kel::Queue<std::string> const& q, QueueModel const& model, bool findEach) {
+  auto const& entries = model.entries();
+  ASSERT_EQ(q.size(), entries.size());
+  ASSERT_EQ(q.empty(), entries.empty());
+  ASSERT_EQ(q.nextSeq(), model.next());
+  ASSERT_EQ(q.removals(), model.removals());
+  if (entries.empty()) {
+    ASSERT_EQ(q.head(), nullptr);
+    ASSERT_EQ(q.tail(), nullptr);
+  } else {
+    ASSERT_NE(q.head(), nullptr);
+    ASSERT_NE(q.tail(), nullptr);
+    ASSERT_EQ(q.head()->seq, entries.front().first);
+    ASSERT_EQ(q.tail()->seq, entries.back().first);
+  }
+  std::size_t i = 0;
+  std::optional<U32> previous;
+  for (auto it = q.begin(); !it.done(); ++it, ++i) {
+    ASSERT_LT(i, entries.size()) << "iteration does not end";
+    ASSERT_EQ(it.key(), entries[i].first) << "entry " << i;
+    ASSERT_EQ(it.value(), entries[i].second) << "entry " << i;
+    if (previous) {
+      ASSERT_LT(*previous, it.key()) << "numbers must increase from head to tail";
+    }
+    previous = it.key();
+    if (findEach) {
+      auto const* const found = q.find(it.key());
+      ASSERT_NE(found, nullptr) << "find of " << it.key();
+      ASSERT_EQ(found->seq, it.key());
+      ASSERT_EQ(found->value, entries[i].second);
+    }
+  }
+  ASSERT_EQ(i, entries.size());
+}
+
+struct QueueCase {
+  char const* what;
+  unsigned seed;
+  int steps;
+  // Cumulative weights out of 100: enq, deq, del of a present number, del of
+  // any number up to nextSeq()+2; the rest is find of such a number, and a
+  // clear() comes about once in clearOneIn steps.
+  U32 enqBelow, deqBelow, delPresentBelow, delAnyBelow;
+  U32 clearOneIn;
+};
+
+void PrintTo(QueueCase const& c, std::ostream* os) { *os << c.what; }
+
+class QueueAgainstModel : public testing::TestWithParam<QueueCase> {};
+
+TEST_P(QueueAgainstModel, NumberingAndOrder) {
+  QueueCase const& c = GetParam();
+  std::mt19937 rng(c.seed);
+  Kel::Queue<std::string> q;
+  QueueModel model;
+  int made = 0;
+  auto const anySeq = [&] { return static_cast<U32>(rng() % (model.next() + 3)); };
+
+  for (int step = 0; step < c.steps; ++step) {
+    SCOPED_TRACE(testing::Message() << c.what << ", step " << step);
+    U32 const op = rng() % 100;
+    if (rng() % c.clearOneIn == 0) {
+      q.clear();
+      model.clear();
+    } else if (op < c.enqBelow) {
+      std::string const value = "value " + std::to_string(made++);
+      ASSERT_EQ(q.enq(value), model.enq(value));
+    } else if (op < c.deqBelow) {
+      ASSERT_EQ(q.deq(), model.deq());
+    } else if (op < c.delPresentBelow) {
+      if (!model.entries().empty()) {
+        U32 const seq = model.entries()[rng() % model.entries().size()].first;
+        ASSERT_TRUE(q.del(seq)) << seq;
+        ASSERT_TRUE(model.del(seq));
+        ASSERT_EQ(q.find(seq), nullptr);
+      }
+    } else if (op < c.delAnyBelow) {
+      U32 const seq = anySeq();
+      ASSERT_EQ(q.del(seq), model.del(seq)) << seq;
+    } else {
+      U32 const seq = anySeq();
+      auto const& entries = model.entries();
+      bool const present = std::any_of(entries.begin(), entries.end(),
+                                       [&](auto const& e) { return e.first == seq; });
+      ASSERT_EQ(q.find(seq) != nullptr, present) << seq;
+    }
+    ASSERT_NO_FATAL_FAILURE(expectAgrees(q, model, step % 64 == 0 || step + 1 == c.steps));
+  }
+}
+
+INSTANTIATE_TEST_SUITE_P(
+    Mixes, QueueAgainstModel,
+    testing::Values(QueueCase{"mostly enq, long queue", 21, 6000, 60, 75, 85, 95, 2000},
+                    QueueCase{"balanced, often empty", 22, 20000, 40, 70, 85, 95, 500},
+                    QueueCase{"del-heavy, tail often removed", 23, 20000, 45, 50, 85, 95, 1000},
+                    QueueCase{"frequent clears", 24, 5000, 50, 65, 80, 90, 20}),
+    [](testing::TestParamInfo<QueueCase> const& p) { return "Case" + std::to_string(p.index); });
+
+TEST(Queue, NumbersAfterRemovalBoundaries) {
+  using Q = Kel::Queue<std::string>;
+  struct {
+    char const* what;
+    void (*remove)(Q&);  // applied to a queue holding numbers 0, 1, 2
+    U32 nextSeq;
+    U64 removals;
+    U32 enqueued;  // the number of the next enq
+  } const cases[] = {
+      {"del of the tail while others remain", [](Q& q) { q.del(2); }, 3, 1, 3},
+      {"del of a middle entry", [](Q& q) { q.del(1); }, 3, 1, 3},
+      {"deq of the head", [](Q& q) { q.deq(); }, 3, 1, 3},
+      {"del of an absent number", [](Q& q) { q.del(7); }, 2, 0, 3},
+      {"del from the tail until empty",
+       [](Q& q) {
+         q.del(2);
+         q.del(1);
+         q.del(0);
+       },
+       3, 3, 3},
+      {"deq until empty",
+       [](Q& q) {
+         q.deq();
+         q.deq();
+         q.deq();
+       },
+       3, 3, 3},
+      {"deq of a sole entry keeps the number",
+       [](Q& q) {
+         q.clear();
+         q.enq("x");
+         q.deq();
+       },
+       2, 1, 2},
+      {"clear counts nothing and keeps the number", [](Q& q) { q.clear(); }, 2, 0, 2},
+  };
+  for (auto const& c : cases) {
+    Q q;
+    for (char const* v : {"a", "b", "c"}) q.enq(v);
+    c.remove(q);
+    EXPECT_EQ(q.nextSeq(), c.nextSeq) << c.what;
+    EXPECT_EQ(q.removals(), c.removals) << c.what;
+    EXPECT_EQ(q.enq("d"), c.enqueued) << c.what;
+  }
+}
+
+// ---- Ptr
+
+class Counted : public Kel::PtrInterface {
+ public:
+  explicit Counted(int* destroyed) : destroyed_(destroyed) {}
+  ~Counted() override { ++*destroyed_; }
+
+ private:
+  int* destroyed_;
+};
+
+class Derived : public Counted {
+ public:
+  using Counted::Counted;
+};
+
+class Unrelated : public Kel::PtrInterface {};
+
+struct Holders {
+  Kel::Ptr<Derived> d;
+  Kel::Ptr<Derived> d2;
+  Kel::Ptr<Counted> b;
+  Kel::Ptr<Derived const> c;
+  Kel::Ptr<Counted const> bc;
+  Kel::Ptr<Kel::PtrInterface> unrelated;
+};
+
+TEST(Ptr, ConversionsAndCopiesShareOneCount) {
+  struct Step {
+    char const* what;
+    void (*act)(Holders&);
+    U32 references;  // 0 once the object is gone
+  };
+  Step const steps[] = {
+      {"copy to base", [](Holders& h) { h.b = h.d; }, 2},
+      {"copy to const", [](Holders& h) { h.c = h.d; }, 3},
+      {"move to const base empties the source",
+       [](Holders& h) {
+         h.bc = std::move(h.d);
+         EXPECT_FALSE(h.d);
+       },
+       3},
+      {"static cast back to derived", [](Holders& h) { h.d2 = Kel::ptrStaticCast<Derived>(h.b); },
+       4},
+      {"dynamic cast to an unrelated type is null",
+       [](Holders& h) {
+         h.unrelated = Kel::ptrDynamicCast<Unrelated>(h.b);
+         EXPECT_FALSE(h.unrelated);
+       },
+       4},
+      {"const cast", [](Holders& h) { h.d = Kel::ptrConstCast(h.c); }, 5},
+      {"swap of two holders", [](Holders& h) { h.d.swap(h.d2); }, 5},
+      {"reset by nullptr", [](Holders& h) { h.c = nullptr; }, 4},
+      {"move constructed then dropped",
+       [](Holders& h) { Kel::Ptr<Counted const> const gone(std::move(h.bc)); }, 3},
+      {"copy constructed then dropped", [](Holders& h) { Kel::Ptr<Counted const> const gone(h.b); },
+       3},
+      {"reset by move of a null", [](Holders& h) { h.d2 = Kel::Ptr<Derived>(); }, 2},
+      {"moved to base then dropped",
+       [](Holders& h) { Kel::Ptr<Counted> const gone(std::move(h.d)); }, 1},
+      {"sole holder reassigned its own object", [](Holders& h) { h.b = h.b.get(); }, 1},
+      {"sole holder copy-assigned itself",
+       [](Holders& h) {
+         Kel::Ptr<Counted>& alias = h.b;
+         h.b = alias;
+       },
+       1},
+      {"sole holder move-assigned itself",
+       [](Holders& h) {
+         Kel::Ptr<Counted>& alias = h.b;
+         h.b = std::move(alias);
+         EXPECT_TRUE(h.b);
+       },
+       1},
+      {"last holder dropped", [](Holders& h) { h.b = nullptr; }, 0},
+  };
+
+  int destroyed = 0;
+  Holders h;
+  h.d = new Derived(&destroyed);
+  Counted const* const object = h.d.get();
+  ASSERT_EQ(object->references(), 1u);
+  for (Step const& s : steps) {
+    s.act(h);
+    EXPECT_EQ(destroyed, s.references == 0 ? 1 : 0) << s.what;
+    if (destroyed == 0) {
+      EXPECT_EQ(object->references(), s.references) << s.what;
+    }
+  }
+  h = Holders{};
+  EXPECT_EQ(destroyed, 1) << "destroyed exactly once";
+}
+
+TEST(Ptr, LastOfManyCopiesInAnyOrderDestroys) {
+  std::mt19937 rng(31);
+  for (int round = 0; round < 20; ++round) {
+    int destroyed = 0;
+    std::vector<Kel::Ptr<Counted const>> copies;
+    {
+      Kel::Ptr<Derived> const first(new Derived(&destroyed));
+      for (int i = 0; i < 40; ++i) {
+        if (i % 2) {
+          copies.emplace_back(first);
+        } else {
+          copies.emplace_back(Kel::Ptr<Counted>(first));
+        }
+      }
+    }
+    std::shuffle(copies.begin(), copies.end(), rng);
+    Counted const* const object = copies.front().get();
+    while (!copies.empty()) {
+      ASSERT_EQ(destroyed, 0);
+      ASSERT_EQ(object->references(), copies.size());
+      if (rng() % 2) {
+        copies.pop_back();
+      } else {
+        copies.erase(copies.begin() + static_cast<std::ptrdiff_t>(rng() % copies.size()));
+      }
+    }
+    EXPECT_EQ(destroyed, 1) << "round " << round;
+  }
+}
+
+}  // namespace

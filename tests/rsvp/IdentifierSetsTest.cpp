@@ -1,0 +1,210 @@
+// The three identifier sets of the model (session, state-path and neighbour
+// ids) through one typed suite: which changes notify, how often, and what
+// the sets say about their type.
+#include <Rsvp/Rsvp.h>
+
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <map>
+#include <random>
+#include <set>
+#include <string_view>
+#include <vector>
+
+namespace {
+
+using namespace Rsvp;
+using Kel::U32;
+using Lumo::IpGenAddr;
+
+// Each traits struct names one set: its factory, its accessors, keys to draw
+// from and a notifiee that logs the ids reported.
+struct SessionIdSetTraits {
+  using Set = RsvpSessionIdSet;
+  using Key = RsvpSessionId;
+  static constexpr std::string_view kName = "Rsvp::RsvpSessionIdSet";
+  static Kel::Ptr<Set> make(Kel::Name name) { return rsvpSessionIdSetFactory(std::move(name)); }
+  static Key key(U32 i) {
+    return Key(IpGenAddr::ipv4(0x0a000000u + i % 5), RsvpTunnelId(static_cast<Kel::U16>(i / 5)),
+               IpGenAddr::ipv4(0x0a0000feu));
+  }
+  static void add(Set& s, Key const& k) { s.sessionIdIs(k); }
+  static bool del(Set& s, Key const& k) { return s.sessionIdDel(k); }
+  static void delAll(Set& s) { s.sessionIdDelAll(); }
+  static bool has(Set const& s, Key const& k) { return s.sessionId(k); }
+  static std::size_t size(Set const& s) { return s.sessionIdSize(); }
+  struct Log : Set::NotifieeConst {
+    using Set::NotifieeConst::NotifieeConst;
+    using Set::NotifieeConst::onSessionId;
+    void onSessionId(Key const& k) override { keys.push_back(k); }
+    std::vector<Key> keys;
+  };
+};
+
+struct SpIdSetTraits {
+  using Set = RsvpSpIdSet;
+  using Key = RsvpSpId;
+  static constexpr std::string_view kName = "Rsvp::RsvpSpIdSet";
+  static Kel::Ptr<Set> make(Kel::Name name) { return rsvpSpIdSetFactory(std::move(name)); }
+  static Key key(U32 i) {
+    return Key(SessionIdSetTraits::key(i / 3),
+               RsvpPathId(i % 3 == 2 ? RsvpPathId::maxLspId() : i % 3));
+  }
+  static void add(Set& s, Key const& k) { s.spIdIs(k); }
+  static bool del(Set& s, Key const& k) { return s.spIdDel(k); }
+  static void delAll(Set& s) { s.spIdDelAll(); }
+  static bool has(Set const& s, Key const& k) { return s.spId(k); }
+  static std::size_t size(Set const& s) { return s.spIdSize(); }
+  struct Log : Set::NotifieeConst {
+    using Set::NotifieeConst::NotifieeConst;
+    using Set::NotifieeConst::onSpId;
+    void onSpId(Key const& k) override { keys.push_back(k); }
+    std::vector<Key> keys;
+  };
+};
+
+struct NeighborIdSetTraits {
+  using Set = RsvpNeighborIdSet;
+  using Key = RsvpNeighborId;
+  static constexpr std::string_view kName = "Rsvp::RsvpNeighborIdSet";
+  static Kel::Ptr<Set> make(Kel::Name name) { return rsvpNeighborIdSetFactory(std::move(name)); }
+  // Even numbers are IPv4 addresses; the odd number after each is the IPv6
+  // address with the same sixteen bytes, so the two hash alike.
+  static Key key(U32 i) {
+    U32 const m = i / 2;
+    if (i % 2 == 0) return Key(IpGenAddr::ipv4(0x0a000000u + m));
+    Lumo::Ip6Addr::Bytes b{0x0a, static_cast<Kel::U8>(m >> 16), static_cast<Kel::U8>(m >> 8),
+                           static_cast<Kel::U8>(m)};
+    return Key(IpGenAddr::ipv6(Lumo::Ip6Addr(b)));
+  }
+  static void add(Set& s, Key const& k) { s.neighborIdIs(k); }
+  static bool del(Set& s, Key const& k) { return s.neighborIdDel(k); }
+  static void delAll(Set& s) { s.neighborIdDelAll(); }
+  static bool has(Set const& s, Key const& k) { return s.neighborId(k); }
+  static std::size_t size(Set const& s) { return s.neighborIdSize(); }
+  struct Log : Set::NotifieeConst {
+    using Set::NotifieeConst::NotifieeConst;
+    using Set::NotifieeConst::onNeighborId;
+    void onNeighborId(Key const& k) override { keys.push_back(k); }
+    std::vector<Key> keys;
+  };
+};
+
+template <class T>
+class IdentifierSet : public testing::Test {};
+
+using SetTraits = testing::Types<SessionIdSetTraits, SpIdSetTraits, NeighborIdSetTraits>;
+
+class TraitsName {
+ public:
+  template <class T>
+  static std::string GetName(int) {
+    return std::string(T::kName.substr(T::kName.rfind(':') + 1));
+  }
+};
+
+TYPED_TEST_SUITE(IdentifierSet, SetTraits, TraitsName);
+
+// The keys the tests draw from are distinct.
+TYPED_TEST(IdentifierSet, KeysAreDistinct) {
+  using T = TypeParam;
+  for (U32 i = 0; i < 600; ++i) {
+    for (U32 j = 0; j < i; ++j) ASSERT_FALSE(T::key(i) == T::key(j)) << i << " and " << j;
+  }
+}
+
+TYPED_TEST(IdentifierSet, AddingAPresentIdNotifiesNobody) {
+  using T = TypeParam;
+  auto set = T::make("set");
+  typename T::Log log(set.get());
+  T::add(*set, T::key(1));
+  T::add(*set, T::key(2));
+  T::add(*set, T::key(1));
+  T::add(*set, T::key(2));
+  EXPECT_EQ(log.keys, (std::vector<typename T::Key>{T::key(1), T::key(2)}));
+  EXPECT_EQ(T::size(*set), 2u);
+}
+
+TYPED_TEST(IdentifierSet, DeletingAnAbsentIdAnswersFalseAndNotifiesNobody) {
+  using T = TypeParam;
+  auto set = T::make("set");
+  typename T::Log log(set.get());
+  EXPECT_FALSE(T::del(*set, T::key(0))) << "empty set";
+  T::add(*set, T::key(0));
+  EXPECT_FALSE(T::del(*set, T::key(1))) << "another id present";
+  EXPECT_TRUE(T::del(*set, T::key(0)));
+  EXPECT_FALSE(T::del(*set, T::key(0))) << "deleted twice";
+  EXPECT_EQ(log.keys, (std::vector<typename T::Key>{T::key(0), T::key(0)}));
+  EXPECT_EQ(T::size(*set), 0u);
+}
+
+TYPED_TEST(IdentifierSet, DelAllNotifiesOncePerMember) {
+  using T = TypeParam;
+  for (U32 n : {0u, 1u, 2u, 8u, 9u, 100u}) {
+    auto set = T::make("set");
+    std::vector<typename T::Key> added;
+    for (U32 i = 0; i < n; ++i) {
+      added.push_back(T::key(i * 7));
+      T::add(*set, added.back());
+    }
+    typename T::Log log(set.get());
+    T::delAll(*set);
+    EXPECT_EQ(log.keys.size(), n);
+    EXPECT_EQ(T::size(*set), 0u) << n;
+    std::sort(added.begin(), added.end());
+    std::sort(log.keys.begin(), log.keys.end());
+    EXPECT_EQ(log.keys, added) << "each member reported once, " << n << " members";
+    T::delAll(*set);
+    EXPECT_EQ(log.keys.size(), n) << "an empty set notifies nobody";
+  }
+}
+
+TYPED_TEST(IdentifierSet, TypeDescription) {
+  using T = TypeParam;
+  auto const set = T::make("ids");
+  EXPECT_FALSE(set->hasBackupSupport());
+  EXPECT_EQ(set->fwkType().name(), T::kName);
+  EXPECT_EQ(set->fwkType().base(), nullptr);
+  EXPECT_TRUE(set->fwkType().isA(T::Set::kelType));
+  EXPECT_EQ(set->name(), "ids");
+  EXPECT_EQ(set->parent(), nullptr);
+}
+
+// Random adds and deletes against std::set: membership, size and the exact
+// sequence of notifications, each change reported once and nothing else.
+TYPED_TEST(IdentifierSet, AgreesWithAModel) {
+  using T = TypeParam;
+  std::mt19937 rng(41);
+  auto set = T::make("set");
+  typename T::Log log(set.get());
+  std::set<typename T::Key> model;
+  for (int step = 0; step < 4000; ++step) {
+    SCOPED_TRACE(testing::Message() << "step " << step);
+    typename T::Key const k = T::key(rng() % 40);
+    U32 const op = rng() % 100;
+    std::size_t const before = log.keys.size();
+    std::vector<typename T::Key> expected;
+    if (op == 0) {
+      expected.assign(model.begin(), model.end());  // ascending, like the sorted log below
+      model.clear();
+      T::delAll(*set);
+      std::sort(log.keys.begin() + static_cast<std::ptrdiff_t>(before), log.keys.end());
+    } else if (op < 55) {
+      if (model.insert(k).second) expected.push_back(k);
+      T::add(*set, k);
+    } else {
+      bool const present = model.erase(k) == 1;
+      if (present) expected.push_back(k);
+      ASSERT_EQ(T::del(*set, k), present);
+    }
+    ASSERT_EQ(std::vector<typename T::Key>(log.keys.begin() + static_cast<std::ptrdiff_t>(before),
+                                           log.keys.end()),
+              expected);
+    ASSERT_EQ(T::size(*set), model.size());
+    ASSERT_EQ(T::has(*set, k), model.count(k) == 1);
+  }
+  for (U32 i = 0; i < 40; ++i) EXPECT_EQ(T::has(*set, T::key(i)), model.count(T::key(i)) == 1);
+}
+
+}  // namespace

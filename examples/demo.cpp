@@ -1,5 +1,6 @@
 // A walk through the library as an agent uses it: identifiers and values are
-// built, printed, parsed back, compared and hashed.
+// built, printed, parsed back, compared and hashed; an entity notifies its
+// observers and the state browser prints it by reflection.
 #include <Rsvp/Rsvp.h>
 
 #include <iostream>
@@ -62,5 +63,19 @@ int main() {
   } catch (Kel::RangeException const& e) {
     std::cout << "rejected epoch: " << e.what() << "\n";
   }
+
+  section("Entities, notification and the state browser");
+  struct Watcher : RsvpSpIdSet::NotifieeConst {
+    using RsvpSpIdSet::NotifieeConst::NotifieeConst;
+    using RsvpSpIdSet::NotifieeConst::onSpId;
+    void onSpId(RsvpSpId const& id) override { std::cout << "  changed: " << id.pathId() << "\n"; }
+  };
+  Kel::Ptr<RsvpSpIdSet> const paths = rsvpSpIdSetFactory("activePaths");
+  Watcher const watcher(paths.get());
+  paths->spIdIs(sp);
+  paths->spIdIs(sp);  // already there: nobody hears of it
+  paths->spIdIs(RsvpSpId(session, RsvpPathId(4)));
+  paths->spIdDel(RsvpSpId(session, RsvpPathId(9)));  // absent: nothing happens
+  Kel::browse(std::cout, *paths);
   return 0;
 }

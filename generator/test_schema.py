@@ -97,7 +97,8 @@ class Loading(unittest.TestCase):
     def test_outputs_are_named_after_units(self):
         model = load_text({"Sub/Unit.yaml": GOOD})
         self.assertEqual(sorted(emit.render(model)),
-                         ["Rsvp/Rsvp.h", "Rsvp/Unit.h", "src/Unit.cpp"])
+                         ["Rsvp/Rsvp.h", "Rsvp/RsvpTypes.h", "Rsvp/Unit.h", "src/RsvpTypes.cpp",
+                          "src/Unit.cpp"])
 
     def test_unchanged_output_is_not_rewritten(self):
         with tempfile.TemporaryDirectory() as out:

@@ -74,6 +74,8 @@ def render(model):
         outputs[f"src/{unit.name}.cpp"] = env.get_template("unit.cpp.j2").render(args)
     if not any(unit.imported for unit in model.units):
         outputs["Rsvp/Rsvp.h"] = env.get_template("umbrella.h.j2").render(model=model)
+        outputs["Rsvp/RsvpTypes.h"] = env.get_template("registry.h.j2").render(model=model)
+        outputs["src/RsvpTypes.cpp"] = env.get_template("registry.cpp.j2").render(model=model)
     return outputs
 
 

@@ -29,6 +29,13 @@ class Type:
         return self.name.split("::")[-1]
 
     @property
+    def desc(self):
+        """The C++ object that describes the type for reflection."""
+        if self.category == "lumo":
+            return f"Lumo::type{self.short}"
+        return "Kel::typeBool" if self.name == "bool" else f"Kel::type{self.short}"
+
+    @property
     def by_value(self):
         """Whether parameters of this type are passed by value."""
         return self.category in ("int", "bool", "float", "enum")
@@ -95,9 +102,13 @@ class Enum(Type):
         self.kind = "enum"
 
     @property
-    def desc(self):
-        """Name of the function answering the enumeration's descriptor."""
+    def enum_desc(self):
+        """Name of the function answering the enumeration's table."""
         return f"{self.short}Desc"
+
+    @property
+    def desc(self):
+        return f"{self.ns}::{self.short}TypeDesc"
 
 
 class Bound:
@@ -181,6 +192,15 @@ class ValueType(Type):
         return [a for a in self.attrs if a.is_const]
 
     @property
+    def desc(self):
+        return f"{self.cpp}::kelType"
+
+    @property
+    def indexed_attrs(self):
+        """(index, attribute) in declaration order, from 2, constants included."""
+        return list(enumerate(self.attrs, start=2))
+
+    @property
     def repr_prefix(self):
         return f"Value('{self.name}', ** {{"
 
@@ -260,6 +280,29 @@ class EntityAttr:
         return self.kind in COLLECTION_KINDS
 
     @property
+    def attr_kind(self):
+        """The Kel::AttrKind enumerator."""
+        if self.kind == "plain":
+            return "fixed" if self.ctor else "plain"
+        return {"hashed-map": "hashedMap", "hashed-set": "hashedSet",
+                "ordered-map": "orderedMap"}.get(self.kind, self.kind)
+
+    @property
+    def type_name(self):
+        """The type name that reflection shows for the attribute."""
+        return (self.key if self.kind == "hashed-set" else self.type).name
+
+    @property
+    def elem_desc(self):
+        return "&Kel::typeBool" if self.kind == "hashed-set" else f"&{self.type.desc}"
+
+    @property
+    def key_desc(self):
+        if self.kind == "queue":
+            return "&Kel::typeU32"
+        return f"&{self.key.desc}" if self.key is not None else "nullptr"
+
+    @property
     def of_entities(self):
         return self.type is not None and self.type.category == "entity"
 
@@ -327,6 +370,25 @@ class EntityType(Type):
     @property
     def depth(self):
         return 0 if self.base is None else self.base.depth + 1
+
+    @property
+    def desc(self):
+        return f"{self.cpp}::kelType"
+
+    @property
+    def first_index(self):
+        """Reflection index of the first own attribute: 258, after the base's."""
+        return 258 if self.base is None else self.base.first_index + len(self.base.attrs)
+
+    @property
+    def indexed_attrs(self):
+        return list(enumerate(self.attrs, start=self.first_index))
+
+    @property
+    def chain_attrs(self):
+        """(owner, index, attribute) of every attribute, the bases' first."""
+        inherited = [] if self.base is None else self.base.chain_attrs
+        return inherited + [(self, i, a) for i, a in self.indexed_attrs]
 
     @property
     def ctor_attrs(self):

@@ -18,6 +18,7 @@
 #define KEL_ENTITY_H
 
 #include <Kel/Ptr.h>
+#include <Kel/TypeDesc.h>
 #include <Kel/Types.h>
 
 #include <memory>
@@ -27,33 +28,6 @@
 namespace Kel {
 
 class Entity;
-
-// The framework's descriptor of an entity or value type. Entity classes form
-// single-inheritance chains; `depth` is the distance from the chain's root.
-class TypeDesc {
- public:
-  // `depth` is the base's depth plus one (0 without a base); it is given, not
-  // computed, because a constant expression may not test the address of
-  // another static object under every compiler's sanitizers.
-  constexpr TypeDesc(std::string_view qualifiedName, TypeDesc const* base, U32 depth) noexcept
-      : name_(qualifiedName), base_(base), depth_(depth) {}
-
-  [[nodiscard]] constexpr std::string_view name() const noexcept { return name_; }
-  [[nodiscard]] constexpr TypeDesc const* base() const noexcept { return base_; }
-  [[nodiscard]] constexpr U32 depth() const noexcept { return depth_; }
-  // Whether this type is `other` or derives from it.
-  [[nodiscard]] bool isA(TypeDesc const& other) const noexcept {
-    for (TypeDesc const* t = this; t; t = t->base_) {
-      if (t == &other) return true;
-    }
-    return false;
-  }
-
- private:
-  std::string_view name_;
-  TypeDesc const* base_;
-  U32 depth_;
-};
 
 // The common base of every entity class's NotifieeConst and Notifiee.
 class NotifieeBase {

@@ -85,7 +85,9 @@ class HashTable {
 
   [[nodiscard]] std::size_t size() const noexcept { return size_; }
   [[nodiscard]] bool empty() const noexcept { return size_ == 0; }
-  [[nodiscard]] std::size_t bucketCount() const noexcept { return buckets_ ? std::size_t{1} << bits_ : 0; }
+  [[nodiscard]] std::size_t bucketCount() const noexcept {
+    return buckets_ ? std::size_t{1} << bits_ : 0;
+  }
 
   // The value stored under `key`, or null.
   [[nodiscard]] V* find(K const& key) const noexcept {
@@ -107,7 +109,8 @@ class HashTable {
       for (; *link && (*link)->rhash <= rh; link = &(*link)->next) {
         if ((*link)->rhash == rh && (*link)->key == key) return {&(*link)->value, false};
       }
-      if (size_ < (std::size_t{1} << bits_)) return {&link_(link, rh, key, std::forward<Args>(args)...)->value, true};
+      if (size_ < (std::size_t{1} << bits_))
+        return {&link_(link, rh, key, std::forward<Args>(args)...)->value, true};
     }
     grow();
     Node** link = &buckets_[rh >> shift()];
@@ -119,7 +122,8 @@ class HashTable {
   bool erase(K const& key) noexcept {
     if (!buckets_) return false;
     U32 const rh = bitReverse32(KeyTraits<K>::hash(key));
-    for (Node** link = &buckets_[rh >> shift()]; *link && (*link)->rhash <= rh; link = &(*link)->next) {
+    for (Node** link = &buckets_[rh >> shift()]; *link && (*link)->rhash <= rh;
+         link = &(*link)->next) {
       Node* const n = *link;
       if (n->rhash == rh && n->key == key) {
         *link = n->next;

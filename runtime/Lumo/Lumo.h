@@ -10,5 +10,6 @@
 #include <Lumo/IpGenPrefix.h>
 #include <Lumo/MplsLabel.h>
 #include <Lumo/NetU8.h>
+#include <Lumo/TypeDescs.h>
 
 #endif  // LUMO_LUMO_H

@@ -18,9 +18,9 @@ using Sample::Leaf;
 using Sample::Root;
 
 RsvpSpId spId(Kel::U32 lsp) {
-  return RsvpSpId(RsvpSessionId(Lumo::IpGenAddr("10.0.0.2"), RsvpTunnelId(7),
-                                Lumo::IpGenAddr("10.0.0.1")),
-                  RsvpPathId(lsp));
+  return RsvpSpId(
+      RsvpSessionId(Lumo::IpGenAddr("10.0.0.2"), RsvpTunnelId(7), Lumo::IpGenAddr("10.0.0.1")),
+      RsvpPathId(lsp));
 }
 
 // Records every callback as "attribute" or "attribute(key)".
@@ -167,9 +167,10 @@ TEST(FindOrCreate, ReinstantiationWithOtherArgumentsIsRefused) {
     root->pathIs(spId(3), false);
     FAIL();
   } catch (Kel::ReinstantiationException const& e) {
-    EXPECT_EQ(std::string(e.what()),
-              "Reinstantiating the entity with fullName root/" + spId(3).stringValue() +
-                  " where constructor parameter attribute 'isBypass' has a different value of false");
+    EXPECT_EQ(
+        std::string(e.what()),
+        "Reinstantiating the entity with fullName root/" + spId(3).stringValue() +
+            " where constructor parameter attribute 'isBypass' has a different value of false");
   }
   EXPECT_TRUE(root->path(spId(3))->isBypass());
 }

@@ -1,0 +1,419 @@
+// Reflection: descriptor tables and indices, generic reads and writes with
+// the typed setters' checks, whole-value operations, generic value methods,
+// generic iteration, the generic notifiee and the state browser.
+#include <Rsvp/FrameTestModel.h>
+#include <Rsvp/Rsvp.h>
+
+#include <gtest/gtest.h>
+
+#include <map>
+#include <random>
+#include <sstream>
+#include <vector>
+
+namespace {
+
+using namespace Rsvp;
+using Sample::Root;
+
+RsvpSpId spId(Kel::U32 lsp) {
+  return RsvpSpId(
+      RsvpSessionId(Lumo::IpGenAddr("10.0.0.2"), RsvpTunnelId(7), Lumo::IpGenAddr("10.0.0.1")),
+      RsvpPathId(lsp));
+}
+
+template <class T>
+int op(T& object, char const* attr, Kel::U32 code, void* result, void const* arg1 = nullptr,
+       void const* arg2 = nullptr) {
+  Kel::TypeDesc const& type = [&]() -> Kel::TypeDesc const& {
+    if constexpr (std::is_base_of_v<Kel::Entity, T>) {
+      return object.fwkType();
+    } else {
+      return T::kelType;
+    }
+  }();
+  Kel::KelAttr const* a = attr ? type.attr(attr) : nullptr;
+  if (attr && !a) ADD_FAILURE() << "no attribute " << attr;
+  return type.attributeOp(result, static_cast<void*>(&object), a, code, arg1, arg2);
+}
+
+TEST(Descriptors, IndicesOfSampleTypes) {
+  struct {
+    Kel::TypeDesc const* type;
+    char const* attr;
+    Kel::U32 index;
+    char const* typeName;
+  } const cases[] = {
+      {&RsvpPathId::kelType, "maxLspId", 2, "U32"},
+      {&RsvpPathId::kelType, "invalidLspId", 3, "U32"},
+      {&RsvpPathId::kelType, "lspId", 4, "U32"},
+      {&RsvpSpId::kelType, "pathId", 3, "Rsvp::RsvpPathId"},
+      {&RsvpNeighborId::kelType, "neighborIp", 2, "Lumo::IpGenAddr"},
+      {&RsvpError::kelType, "errorCode", 2, "Rsvp::RsvpErrorCode"},
+      {&RsvpSpIdSet::kelType, "spId", 258, "Rsvp::RsvpSpId"},
+      {&Sample::Path::kelType, "spId", 258, "Rsvp::RsvpSpId"},
+      {&Sample::Path::kelType, "isBypass", 259, "bool"},
+      {&Sample::Special::kelType, "count", 258, "U32"},
+      {&Sample::Special::kelType, "extra", 258 + 14, "bool"},
+  };
+  for (auto const& c : cases) {
+    Kel::KelAttr const* a = c.type->attr(c.attr);
+    ASSERT_NE(a, nullptr) << c.attr;
+    EXPECT_EQ(a->index, c.index) << c.type->name() << "::" << c.attr;
+    EXPECT_EQ(a->typeName, c.typeName) << c.attr;
+    EXPECT_EQ(c.type->attr(c.index), a);
+  }
+}
+
+// Every type of the model: indices run on from 2 (values) or 258 (entities,
+// after the base's), in declaration order, and names are unique.
+TEST(Descriptors, EveryTypeNumbersItsAttributesInOrder) {
+  ASSERT_FALSE(allTypes().empty());
+  std::string_view previous;
+  for (Kel::TypeDesc const* t : allTypes()) {
+    EXPECT_LT(previous, t->name()) << "the registry is sorted";
+    previous = t->name();
+    EXPECT_EQ(typeByName(t->name()), t);
+    Kel::U32 expected = t->kind() == Kel::TypeKind::entity ? 258 : 2;
+    std::vector<std::string_view> names;
+    t->forEachAttr([&](Kel::KelAttr const& a) {
+      EXPECT_EQ(a.index, expected++) << t->name() << "::" << a.name;
+      EXPECT_EQ(std::count(names.begin(), names.end(), a.name), 0) << a.name;
+      names.push_back(a.name);
+      EXPECT_NE(a.type, nullptr);
+    });
+  }
+  EXPECT_EQ(typeByName("Rsvp::Nothing"), nullptr);
+}
+
+TEST(GenericOp, ConstantsUnknownAndUnsupported) {
+  RsvpPathId p(3);
+  Kel::U32 v = 0;
+  EXPECT_EQ(op(p, "maxLspId", Kel::attrOpRead, &v), Kel::attrDone);
+  EXPECT_EQ(v, 65535u);
+  EXPECT_EQ(op(p, "invalidLspId", Kel::attrOpRead, &v), Kel::attrDone);
+  EXPECT_EQ(v, 65536u);
+  EXPECT_EQ(op(p, "maxLspId", Kel::attrOpWrite, nullptr, &v), Kel::attrUnsupported);
+  Kel::KelAttr const foreign{"x", "U32", 99, Kel::AttrKind::plain, &Kel::typeU32, nullptr};
+  EXPECT_EQ(RsvpPathId::kelType.attributeOp(&v, &p, &foreign, Kel::attrOpRead), Kel::attrUnknown);
+  auto root = Sample::rootFactory("r");
+  EXPECT_EQ(root->fwkType().attributeOp(&v, root.get(), &foreign, Kel::attrOpRead),
+            Kel::attrUnknown);
+  EXPECT_EQ(op(*root, "count", Kel::attrOpIterate, &v), Kel::attrUnsupported);
+}
+
+TEST(GenericOp, WritesCheckLikeTheSetters) {
+  RsvpPathId p(3);
+  Kel::U32 const tooBig = 65537;
+  try {
+    op(p, "lspId", Kel::attrOpWrite, nullptr, &tooBig);
+    FAIL();
+  } catch (Kel::RangeException const& e) {
+    EXPECT_STREQ(e.what(), "RsvpPathId::lspId < 0 or > RsvpPathId::invalidLspId not allowed");
+  }
+  EXPECT_EQ(p.lspId(), 3u);
+  Kel::U32 const ok = 7;
+  EXPECT_EQ(op(p, "lspId", Kel::attrOpWrite, nullptr, &ok), Kel::attrDone);
+  EXPECT_EQ(p.lspId(), 7u);
+
+  auto root = Sample::rootFactory("r");
+  Kel::U32 const epoch = 16777217;
+  EXPECT_THROW(op(*root, "epoch", Kel::attrOpWrite, nullptr, &epoch), Kel::RangeException);
+  auto path = root->pathIs(spId(1), true);
+  bool const flag = false;
+  try {
+    op(*path, "isBypass", Kel::attrOpWrite, nullptr, &flag);
+    FAIL();
+  } catch (Kel::ImmutableAttributeException const& e) {
+    EXPECT_STREQ(e.what(), "Attribute Rsvp::Sample::Path::isBypass is immutable");
+  }
+}
+
+TEST(GenericOp, WholeValueOperations) {
+  RsvpTunnelId const seven(7), eight(8), none;
+  struct {
+    RsvpTunnelId value;
+    Kel::U32 op;
+    RsvpTunnelId arg;
+    bool expected;
+  } const cases[] = {
+      {none, Kel::valueOpIsNull, none, true},  {seven, Kel::valueOpIsNull, none, false},
+      {seven, Kel::valueOpEqual, seven, true}, {seven, Kel::valueOpEqual, eight, false},
+      {seven, Kel::valueOpLess, eight, true},  {eight, Kel::valueOpLess, seven, false},
+  };
+  for (auto const& c : cases) {
+    bool result = !c.expected;
+    RsvpTunnelId v = c.value;
+    EXPECT_EQ(RsvpTunnelId::kelType.attributeOp(&result, &v, nullptr, c.op, &c.arg), 0);
+    EXPECT_EQ(result, c.expected) << c.op;
+  }
+  bool result = false;
+  RsvpTunnelId v;
+  EXPECT_EQ(RsvpTunnelId::kelType.attributeOp(&result, &v, nullptr, 12), Kel::attrUnsupported);
+  RsvpError e;
+  EXPECT_EQ(RsvpError::kelType.attributeOp(&result, &e, nullptr, Kel::valueOpLess, &e),
+            Kel::attrUnsupported)
+      << "RsvpError has no order";
+}
+
+TEST(GenericValue, MethodsAgreeWithTheTypedOnes) {
+  Kel::ValueOps const& ops = *RsvpSpId::kelType.ops();
+  RsvpSpId const a = spId(4);
+  EXPECT_EQ(ops.hash(&a), a.hash());
+  Kel::GenericValue v(RsvpSpId::kelType);
+  ops.assign(v.get(), &a);
+  EXPECT_EQ(v.strep(), a.stringValue());
+  v.strepIs(spId(5).stringValue());
+  EXPECT_EQ(*static_cast<RsvpSpId const*>(v.get()), spId(5));
+  EXPECT_THROW(v.strepIs("<lspId=1>"), Kel::RangeException);
+  EXPECT_EQ(*static_cast<RsvpSpId const*>(v.get()), spId(5));
+
+  Kel::U32 const lsp = 65537;
+  void const* args[] = {&lsp};
+  alignas(RsvpPathId) unsigned char at[sizeof(RsvpPathId)];
+  EXPECT_THROW(RsvpPathId::kelType.constructFromArgs()(at, args), Kel::RangeException);
+  RsvpSessionId const s = spId(1).sessionId();
+  RsvpPathId const p(9);
+  void const* spArgs[] = {&s, &p};
+  alignas(RsvpSpId) unsigned char spAt[sizeof(RsvpSpId)];
+  RsvpSpId::kelType.constructFromArgs()(spAt, spArgs);
+  auto* built = std::launder(reinterpret_cast<RsvpSpId*>(spAt));
+  EXPECT_EQ(*built, spId(9));
+  built->~RsvpSpId();
+}
+
+// Every value type and enumeration: the default value prints and parses back,
+// but for the invalid path id, which text never produces (deliberately).
+TEST(GenericValue, EveryDefaultRoundTrips) {
+  for (Kel::TypeDesc const* t : allTypes()) {
+    if (!t->ops() || t == &RsvpPathId::kelType || t == &RsvpSpId::kelType) continue;
+    Kel::GenericValue v(*t);
+    Kel::String const text = v.strep();
+    Kel::GenericValue back(*t);
+    back.strepIs(text);
+    EXPECT_TRUE(t->ops()->equal(v.get(), back.get())) << t->name() << " " << text;
+  }
+}
+
+std::vector<std::string> genericKeys(Kel::Entity& e, char const* attr) {
+  std::unique_ptr<Kel::GenericIter> it;
+  EXPECT_EQ(op(e, attr, Kel::attrOpIterate, &it), Kel::attrDone);
+  std::vector<std::string> keys;
+  Kel::KelAttr const* a = e.fwkType().attr(attr);
+  for (; !it->done(); it->next()) {
+    Kel::String k;
+    a->keyType->ops()->appendStrep(k, it->key());
+    keys.push_back(k);
+  }
+  return keys;
+}
+
+TEST(GenericIteration, VisitsEveryMemberInOrder) {
+  auto root = Sample::rootFactory("r");
+  std::mt19937 rng(9);
+  for (int i = 0; i < 40; ++i) {
+    root->idsIs(spId(rng() % 100));
+    root->weightsIs(spId(rng() % 100), rng());
+    root->leafIs(rng() % 100);
+    root->hopIs(rng() % 100, Lumo::IpGenAddr::ipv4(rng()));
+    root->newPoints(rng(), rng());
+  }
+  std::vector<std::string> typed;
+  for (auto it = root->idsIter(); !it.done(); ++it) typed.push_back(valueToStrep(it.key()));
+  EXPECT_EQ(genericKeys(*root, "ids"), typed);
+  typed.clear();
+  for (auto it = root->leafIter(); !it.done(); ++it) typed.push_back(std::to_string(it.key()));
+  EXPECT_EQ(genericKeys(*root, "leaf"), typed);
+  typed.clear();
+  for (auto it = root->hopIter(); !it.done(); ++it) typed.push_back(std::to_string(it.key()));
+  EXPECT_EQ(genericKeys(*root, "hop"), typed);
+  typed.clear();
+  for (auto it = root->pointsIter(); !it.done(); ++it) typed.push_back(std::to_string(it.key()));
+  EXPECT_EQ(genericKeys(*root, "points"), typed);
+
+  // Elements: a flag for sets, the value for maps, the entity for children.
+  std::unique_ptr<Kel::GenericIter> it;
+  op(*root, "ids", Kel::attrOpIterate, &it);
+  EXPECT_TRUE(*static_cast<bool const*>(it->element()));
+  op(*root, "weights", Kel::attrOpIterate, &it);
+  EXPECT_EQ(*static_cast<Kel::U32 const*>(it->element()),
+            root->weights(*static_cast<RsvpSpId const*>(it->key())));
+  op(*root, "leaf", Kel::attrOpIterate, &it);
+  EXPECT_EQ(it->entity(), root->leaf(*static_cast<Kel::U32 const*>(it->key())).get());
+}
+
+TEST(GenericIteration, DeleteCurrentRemovesEachMemberOnce) {
+  auto root = Sample::rootFactory("r");
+  for (Kel::U32 i = 0; i < 30; ++i) root->leafIs(i);
+  struct Count : Root::NotifieeConst {
+    using NotifieeConst::NotifieeConst;
+    using NotifieeConst::onLeaf;
+    void onLeaf(Kel::U32) override { ++n; }
+    int n = 0;
+  } count(root.get());
+  std::unique_ptr<Kel::GenericIter> it;
+  op(*root, "leaf", Kel::attrOpIterate, &it);
+  int visited = 0;
+  while (!it->done()) {
+    if (*static_cast<Kel::U32 const*>(it->key()) % 2 == 0) {
+      it->delCurrent();
+    } else {
+      it->next();
+    }
+    ++visited;
+  }
+  EXPECT_EQ(visited, 30);
+  EXPECT_EQ(root->leafSize(), 15u);
+  EXPECT_EQ(count.n, 15);
+}
+
+TEST(GenericOp, MemberOperations) {
+  auto root = Sample::rootFactory("r");
+  RsvpSpId const k = spId(2);
+  Kel::U32 const w = 9;
+  EXPECT_EQ(op(*root, "weights", Kel::attrOpMemberWrite, nullptr, &k, &w), Kel::attrDone);
+  Kel::U32 got = 0;
+  EXPECT_EQ(op(*root, "weights", Kel::attrOpMemberRead, &got, &k), Kel::attrDone);
+  EXPECT_EQ(got, 9u);
+  std::size_t size = 0;
+  op(*root, "weights", Kel::attrOpSize, &size);
+  EXPECT_EQ(size, 1u);
+  bool was = false;
+  op(*root, "weights", Kel::attrOpMemberDel, &was, &k);
+  EXPECT_TRUE(was);
+  EXPECT_EQ(op(*root, "weights", Kel::attrOpMemberRead, &got, &k), Kel::attrUnsupported);
+  Sample::Point const pt(1, 2);
+  Kel::U32 seq = 99;
+  EXPECT_EQ(op(*root, "points", Kel::attrOpEnq, &seq, &pt), Kel::attrDone);
+  EXPECT_EQ(seq, 0u);
+  Sample::Point out;
+  EXPECT_EQ(op(*root, "points", Kel::attrOpDeq, &out), Kel::attrDone);
+  EXPECT_EQ(out, pt);
+  EXPECT_EQ(op(*root, "points", Kel::attrOpDeq, &out), Kel::attrUnsupported);
+  Kel::U32 const leafKey = 4;
+  EXPECT_EQ(op(*root, "leaf", Kel::attrOpMemberWrite, nullptr, &leafKey), Kel::attrDone);
+  Kel::Ptr<Kel::Entity const> leaf;
+  EXPECT_EQ(op(*root, "leaf", Kel::attrOpMemberRead, &leaf, &leafKey), Kel::attrDone);
+  EXPECT_EQ(leaf.get(), root->leaf(4).get());
+  Kel::Ptr<Kel::Entity const> wrong = Sample::rootFactory("other");
+  EXPECT_EQ(op(*root, "shared", Kel::attrOpWrite, nullptr, &wrong), Kel::attrUnsupported);
+  EXPECT_EQ(op(*root, "shared", Kel::attrOpWrite, nullptr, &leaf), Kel::attrDone);
+  EXPECT_EQ(root->shared().get(), leaf.get());
+}
+
+TEST(GenericNotifiee, ForwardsEveryCallbackWithAttributeAndKey) {
+  struct Sink : Kel::GenericNotifiee {
+    void onAttribute(Kel::Entity const&, Kel::KelAttr const& a, void const* key) override {
+      std::string line(a.name);
+      if (key) {
+        Kel::String k;
+        a.keyType->ops()->appendStrep(k, key);
+        line += "[" + k + "]";
+      }
+      log.push_back(line);
+    }
+    std::vector<std::string> log;
+  } sink;
+  auto special = Sample::specialFactory("s");
+  auto adapter = special->fwkType().genericNotifiee(special.get(), &sink);
+  special->countIs(2);
+  special->extraIs(true);
+  special->leafIs(3);
+  special->newPoints(1, 1);
+  special->slotIs();
+  EXPECT_EQ(sink.log, (std::vector<std::string>{"count", "extra", "leaf[3]", "points[0]", "slot"}));
+  adapter.reset();
+  special->countIs(3);
+  EXPECT_EQ(sink.log.size(), 5u);
+}
+
+TEST(Browser, PrintsTheTreeOnceWithSharedAndCyclicEntities) {
+  auto root = Sample::rootFactory("root");
+  root->countIs(3);
+  root->labelIs("a \"b\"");
+  root->idsIs(spId(1));
+  auto const leaf = root->leafIs(4);
+  leaf->weightIs(2);
+  leaf->nextIs(leaf);  // a cycle
+  root->sharedIs(leaf);
+  root->slotIs()->backIs(leaf);
+  root->newPoints(5, 6);
+  EXPECT_EQ(Kel::browseText(*root),
+            "root: Rsvp::Sample::Root\n"
+            "  count: 3\n"
+            "  label: \"a \\\"b\\\"\"\n"
+            "  style: resvStyleUnknown\n"
+            "  epoch: 16777216\n"
+            "  ids:\n"
+            "    [" +
+                spId(1).stringValue() +
+                "]\n"
+                "  weights: {}\n"
+                "  leaf:\n"
+                "    [4]: Rsvp::Sample::Leaf\n"
+                "      id: 4\n"
+                "      weight: 2\n"
+                "      next: -> root/4\n"
+                "  path: {}\n"
+                "  hop: {}\n"
+                "  branch: {}\n"
+                "  points:\n"
+                "    [0]: Value('Rsvp::Sample::Point', ** {'x': 5, 'y': 6})\n"
+                "  events: {}\n"
+                "  slot: Rsvp::Sample::Slot\n"
+                "    level: 1\n"
+                "    back: -> root/4\n"
+                "  shared: -> root/4\n");
+  leaf->nextIs(nullptr);  // reference counts never free a cycle by themselves
+}
+
+// Reads the browser's lines back: "label: value" under the path of labels
+// above it.
+std::map<std::string, std::string> readBack(std::string const& text) {
+  std::map<std::string, std::string> out;
+  std::vector<std::string> path;
+  std::istringstream in(text);
+  for (std::string line; std::getline(in, line);) {
+    std::size_t const depth = line.find_first_not_of(' ') / 2;
+    line = line.substr(depth * 2);
+    std::size_t const colon =
+        line.rfind(']') == std::string::npos ? line.find(": ") : line.find(": ", line.rfind(']'));
+    std::string const label =
+        line.substr(0, colon == std::string::npos ? line.size() - (line.back() == ':') : colon);
+    path.resize(depth);
+    path.push_back(label);
+    std::string key;
+    for (auto const& p : path) key += (key.empty() ? "" : "/") + p;
+    out[key] = colon == std::string::npos ? "" : line.substr(colon + 2);
+  }
+  return out;
+}
+
+TEST(Browser, RandomTreesReadBack) {
+  std::mt19937 rng(4);
+  for (int round = 0; round < 20; ++round) {
+    auto root = Sample::rootFactory("root");
+    root->countIs(rng());
+    for (int i = 0; i < 10; ++i) {
+      root->weightsIs(spId(rng() % 50), rng() % 1000);
+      root->branchIs(rng() % 50)->weightIs(rng() % 9);
+      root->hopIs(rng() % 50, Lumo::IpGenAddr::ipv4(rng()));
+    }
+    auto const lines = readBack(Kel::browseText(*root));
+    EXPECT_EQ(lines.at("root/count"), std::to_string(root->count()));
+    for (auto it = root->weightsIter(); !it.done(); ++it) {
+      EXPECT_EQ(lines.at("root/weights/[" + it.key().stringValue() + "]"),
+                std::to_string(it.value()));
+    }
+    for (auto it = root->branchIter(); !it.done(); ++it) {
+      std::string const at = "root/branch/[" + std::to_string(it.key()) + "]";
+      EXPECT_EQ(lines.at(at), "Rsvp::Sample::Leaf");
+      EXPECT_EQ(lines.at(at + "/weight"), std::to_string(it.value()->weight()));
+    }
+    for (auto it = root->hopIter(); !it.done(); ++it) {
+      EXPECT_EQ(lines.at("root/hop/[" + std::to_string(it.key()) + "]"), it.value().stringValue());
+    }
+  }
+}
+
+}  // namespace

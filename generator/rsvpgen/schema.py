@@ -167,13 +167,7 @@ def _define_value(model, type_, body, where):
     type_.has_less = "less" in type_.traits
     type_.methods = list(body.get("methods", []) or [])
     for raw in body["attrs"] or []:
-        _check_keys(where, raw, ATTR_KEYS, ("name", "type"))
-        name = raw["name"]
-        awhere = f"{where}.{name}"
-        if not isinstance(name, str) or not IDENT.match(name):
-            _fail(where, f"bad attribute name '{name}'")
-        if any(a.name == name for a in type_.attrs):
-            _fail(awhere, "duplicate attribute")
+        name, awhere = _new_attr_name(type_, raw, where, ATTR_KEYS, ("name", "type"))
         attr = Attr(name, resolve_type(model, raw["type"], type_.ns, awhere), raw.get("doc"))
         if "const" in raw:
             if "default" in raw or "range" in raw:
@@ -255,6 +249,22 @@ def _bound(model, type_, attr, bound, where):
     _fail(where, f"bad bound '{bound}': a number or a constant of a value type")
 
 
+def _new_attr_name(type_, raw, where, allowed, required):
+    """The checked name of an attribute about to be added to `type_`, and
+    where it is for messages. Names are unique along a chain of bases."""
+    _check_keys(where, raw, allowed, required)
+    name = raw["name"]
+    if not isinstance(name, str) or not IDENT.match(name):
+        _fail(where, f"bad attribute name '{name}'")
+    awhere = f"{where}.{name}"
+    t = type_
+    while t is not None:
+        if any(a.name == name for a in t.attrs):
+            _fail(awhere, "duplicate attribute" if t is type_ else f"already an attribute of {t.name}")
+        t = getattr(t, "base", None)
+    return name, awhere
+
+
 def _define_entity(model, type_, body, where):
     if "base" in body:
         base = resolve_type(model, body["base"], type_.ns, where)
@@ -275,13 +285,7 @@ def _define_entity(model, type_, body, where):
         type_.key = key
         type_.attrs.append(key)
     for raw in body.get("attrs", []) or []:
-        _check_keys(where, raw, ENTITY_ATTR_KEYS, ("name",))
-        name = raw["name"]
-        awhere = f"{where}.{name}"
-        if not isinstance(name, str) or not IDENT.match(name):
-            _fail(where, f"bad attribute name '{name}'")
-        if any(a.name == name for a in type_.attrs):
-            _fail(awhere, "duplicate attribute")
+        name, awhere = _new_attr_name(type_, raw, where, ENTITY_ATTR_KEYS, ("name",))
         kind = raw.get("kind", "plain")
         if kind not in ATTR_KINDS:
             _fail(awhere, f"unknown kind '{kind}' (known: {', '.join(ATTR_KINDS)})")

@@ -18,7 +18,7 @@ ENUM_KEYS = {"enum", "doc", "values"}
 VALUE_KEYS = {"value", "doc", "strep", "traits", "attrs", "methods"}
 ATTR_KEYS = {"name", "type", "doc", "const", "default", "range"}
 ENTITY_KEYS = {"entity", "doc", "base", "baseArgs", "named", "key", "methods", "attrs"}
-ENTITY_ATTR_KEYS = {"name", "kind", "type", "key", "doc", "default", "range", "ctor"}
+ENTITY_ATTR_KEYS = {"name", "kind", "type", "key", "doc", "default", "range", "ctor", "const"}
 
 
 class SchemaError(Exception):
@@ -289,6 +289,10 @@ def _define_entity(model, type_, body, where):
         kind = raw.get("kind", "plain")
         if kind not in ATTR_KINDS:
             _fail(awhere, f"unknown kind '{kind}' (known: {', '.join(ATTR_KINDS)})")
+        if "const" in raw:
+            if kind != "plain" or set(raw) & {"default", "range", "ctor"}:
+                _fail(awhere, "a constant is a plain value without 'default', 'range' or 'ctor'")
+            kind = "constant"
         attr = EntityAttr(name, kind, raw.get("doc"))
         attr.owner = type_
         _define_entity_attr(model, type_, attr, raw, awhere)
@@ -323,6 +327,9 @@ def _define_entity_attr(model, type_, attr, raw, where):
         _fail(where, f"a {kind} attribute takes no 'key'")
     if kind in ("child", "ref") and attr.type.category != "entity":
         _fail(where, f"a {kind} attribute holds an entity, not {attr.type.name}")
+    if kind == "constant":
+        attr.const = _literal(attr, raw["const"], where)
+        return
     if kind in ("plain", "derived") and attr.type.category == "entity":
         _fail(where, f"an entity is held by a child, ref or collection attribute, not '{kind}'")
     if attr.key is not None and kind != "ordered-map" and not attr.key.has_hash:

@@ -232,6 +232,7 @@ class Model:
 
 COLLECTION_KINDS = ("hashed-map", "hashed-set", "ordered-map", "queue")
 ATTR_KINDS = ("plain", "derived", "child", "ref") + COLLECTION_KINDS
+# A constant is declared with `const:`, not with `kind:`.
 
 
 class EntityAttr:
@@ -250,6 +251,11 @@ class EntityAttr:
         self.min = None
         self.max = None
         self.owner = None     # the entity declaring the attribute
+        self.const = None     # the C++ value of a constant
+
+    @property
+    def is_const(self):
+        return self.kind == "constant"
 
     # Names of the generated members.
     @property
@@ -419,7 +425,7 @@ class EntityType(Type):
     @property
     def notified(self):
         """Attributes that raise notifications."""
-        return [a for a in self.attrs if a.kind != "derived" and not a.ctor]
+        return [a for a in self.attrs if a.kind not in ("derived", "constant") and not a.ctor]
 
     @property
     def factory(self):

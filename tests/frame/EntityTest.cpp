@@ -152,6 +152,8 @@ TEST(Parents, SetOnInsertClearedOnRemoval) {
   Kel::Ptr<Leaf> kept = root->leafIs(5);
   Kel::Ptr<Sample::Slot> slot = root->slotIs();
   Kel::Ptr<Leaf> spare = root->newBranch(9);
+  EXPECT_EQ(root->newSlot()->parent(), root.get());
+  EXPECT_EQ(root->slot(), slot) << "newX leaves the slot alone";
   EXPECT_EQ(spare->parent(), root.get());
   EXPECT_FALSE(root->branchHas(9)) << "newX makes a child without storing it";
   root = nullptr;

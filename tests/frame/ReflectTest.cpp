@@ -53,8 +53,9 @@ TEST(Descriptors, IndicesOfSampleTypes) {
       {&RsvpSpIdSet::kelType, "spId", 258, "Rsvp::RsvpSpId"},
       {&Sample::Path::kelType, "spId", 258, "Rsvp::RsvpSpId"},
       {&Sample::Path::kelType, "isBypass", 259, "bool"},
-      {&Sample::Special::kelType, "count", 258, "U32"},
-      {&Sample::Special::kelType, "extra", 258 + 14, "bool"},
+      {&Sample::Special::kelType, "mountPath", 258, "Kel::String"},
+      {&Sample::Special::kelType, "count", 259, "U32"},
+      {&Sample::Special::kelType, "extra", 258 + 15, "bool"},
   };
   for (auto const& c : cases) {
     Kel::KelAttr const* a = c.type->attr(c.attr);
@@ -87,6 +88,11 @@ TEST(Descriptors, EveryTypeNumbersItsAttributesInOrder) {
 }
 
 TEST(GenericOp, ConstantsUnknownAndUnsupported) {
+  auto special = Sample::specialFactory("s");
+  Kel::String mount;
+  EXPECT_EQ(op(*special, "mountPath", Kel::attrOpRead, &mount), Kel::attrDone);
+  EXPECT_EQ(mount, "sample/root");
+  EXPECT_EQ(op(*special, "mountPath", Kel::attrOpWrite, nullptr, &mount), Kel::attrUnsupported);
   RsvpPathId p(3);
   Kel::U32 v = 0;
   EXPECT_EQ(op(p, "maxLspId", Kel::attrOpRead, &v), Kel::attrDone);
@@ -340,6 +346,7 @@ TEST(Browser, PrintsTheTreeOnceWithSharedAndCyclicEntities) {
   root->newPoints(5, 6);
   EXPECT_EQ(Kel::browseText(*root),
             "root: Rsvp::Sample::Root\n"
+            "  mountPath: \"sample/root\"\n"
             "  count: 3\n"
             "  label: \"a \\\"b\\\"\"\n"
             "  style: resvStyleUnknown\n"

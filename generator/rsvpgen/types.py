@@ -29,6 +29,11 @@ class Type:
         return self.name.split("::")[-1]
 
     @property
+    def log_ns(self):
+        """Namespace of the type's attribute-log codec (kelLogWrite, kelLogRead)."""
+        return self.ns if self.category in ("value", "entity") else "Kel"
+
+    @property
     def desc(self):
         """The C++ object that describes the type for reflection."""
         if self.category == "lumo":

@@ -78,6 +78,19 @@ class Queue {
     return seq;
   }
 
+  // Appends `value` under the given number, as a replica does to follow its
+  // source; refused (false) unless `seq` is above the tail's number. The
+  // stored next number becomes `seq`, as after an ordinary enqueue.
+  bool enqAt(U32 seq, V value) {
+    if (tail_ && !(seq > tail_->seq)) return false;
+    nextSeq_ = seq;
+    Node* n = new Node{nullptr, seq, std::move(value)};
+    (tail_ ? tail_->next : head_) = n;
+    tail_ = n;
+    ++size_;
+    return true;
+  }
+
   // Removes the head; answers its number and value, or nothing when empty.
   std::optional<std::pair<U32, V>> deq() {
     if (!head_) return std::nullopt;

@@ -6,6 +6,7 @@
 
 #include <Kel/Hash.h>
 #include <Kel/HashTable.h>
+#include <Kel/LogCodec.h>
 #include <Kel/Ptr.h>
 #include <Kel/Text.h>
 #include <Kel/TypeDesc.h>
@@ -87,6 +88,8 @@ inline constexpr ValueOps valueOpsOf{
     reflect_internal::hashFn<T>(),
     [](String& out, void const* v) { appendStrep(out, *static_cast<T const*>(v)); },
     [](TextIt& it, TextIt end, void* out) { sequenceToValue(it, end, static_cast<T*>(out)); },
+    [](LogOut& out, void const* v) { kelLogWrite(out, *static_cast<T const*>(v)); },
+    [](LogIn& in, void* out) { kelLogRead(in, static_cast<T*>(out)); },
 };
 
 // Descriptors of the basic types.

@@ -22,6 +22,8 @@ namespace Kel {
 
 class Entity;
 class EnumDesc;
+class LogIn;
+class LogOut;
 class NotifieeBase;
 class TypeDesc;
 using TextIt = char const*;
@@ -82,6 +84,10 @@ enum AttrOp : U32 {
   valueOpLess = 11,       // *(bool*)result = the whole value is less than *arg1
   attrOpEnq = 12,         // queue: *(U32*)result = sequence number of *arg1, appended
   attrOpDeq = 13,         // queue: *result = the oldest element, removed (status 1 when empty)
+  attrOpCheck = 14,       // raises what a write of *arg1 would raise; changes nothing
+  attrOpEnqAt = 15,   // queue: appends *arg2 under number *arg1 (status 1 unless above the tail)
+  attrOpCreate = 16,  // child slot: *(Ptr<Entity>*)result = the child, made if absent
+                      // (status 1 when it needs constructor arguments)
 };
 
 // A generic walk over one collection attribute of one entity.
@@ -123,6 +129,9 @@ struct ValueOps {
   U32 (*hash)(void const* v);                  // null without hash()
   void (*appendStrep)(String& out, void const* v);
   void (*parse)(TextIt& it, TextIt end, void* out);
+  void (*logWrite)(LogOut& out, void const* v);
+  // Raises Kel::RangeException on truncation or a value out of range.
+  void (*logRead)(LogIn& in, void* out);
 };
 
 using AttributeOpFn = int (*)(void* result, void* object, KelAttr const* attr, U32 op,

@@ -1,0 +1,654 @@
+#include <Kel/AttrLog.h>
+#include <Kel/Reflect.h>
+
+#include <array>
+#include <cerrno>
+#include <tuple>
+#include <utility>
+
+#include <unistd.h>
+
+namespace Kel {
+
+namespace {
+
+constexpr U32 kMagic = 0x4b454c31;   // "KEL1"
+constexpr std::size_t kHeader = 24;  // the last 4 bytes: CRC-32 of the first 20
+constexpr std::size_t kTrailer = 4;
+constexpr U32 kMaxPayload = 64u << 20;
+
+enum FrameKind : U8 { frameChanges = 1, frameSnapshot = 2, frameInSync = 3 };
+
+// Writes a record's header; the value follows and closeRecord() fills in its
+// length.
+std::size_t openRecord(LogOut& out, U32 ref, S32 id) {
+  out.u32(ref);
+  out.u32(static_cast<U32>(id));
+  std::size_t const at = out.size();
+  out.u32(0);
+  return at;
+}
+
+void closeRecord(LogOut& out, std::size_t lengthAt) {
+  U32 const n = static_cast<U32>(out.size() - lengthAt - 4);
+  String& b = out.buffer();
+  for (int i = 0; i < 4; ++i)
+    b[lengthAt + static_cast<std::size_t>(i)] = static_cast<char>(n >> (24 - 8 * i));
+}
+
+String encode(TypeDesc const& type, void const* v) {
+  String s;
+  LogOut out(s);
+  type.ops()->logWrite(out, v);
+  return s;
+}
+
+}  // namespace
+
+U32 crc32(std::string_view bytes) noexcept {
+  static auto const table = [] {
+    std::array<U32, 256> t{};
+    for (U32 i = 0; i < 256; ++i) {
+      U32 c = i;
+      for (int k = 0; k < 8; ++k) c = (c & 1) ? 0xedb88320u ^ (c >> 1) : c >> 1;
+      t[i] = c;
+    }
+    return t;
+  }();
+  U32 c = 0xffffffffu;
+  for (char const ch : bytes) c = table[(c ^ static_cast<U8>(ch)) & 0xff] ^ (c >> 8);
+  return c ^ 0xffffffffu;
+}
+
+// ---- sinks
+
+bool MemorySink::write(std::string_view bytes) {
+  bytes_.append(bytes);
+  return true;
+}
+
+String MemorySink::take() { return std::exchange(bytes_, String()); }
+
+FdSink::FdSink(int fd) : fd_(fd) {}
+
+bool FdSink::write(std::string_view bytes) {
+  if (broken_) return false;
+  buffer_.append(bytes);
+  return flush();
+}
+
+bool FdSink::flush() {
+  std::size_t done = 0;
+  while (done < buffer_.size()) {
+    ssize_t const n = ::write(fd_, buffer_.data() + done, buffer_.size() - done);
+    if (n > 0) {
+      done += static_cast<std::size_t>(n);
+    } else if (n < 0 && errno == EINTR) {
+      continue;
+    } else if (n < 0 && (errno == EAGAIN || errno == EWOULDBLOCK)) {
+      break;
+    } else {
+      broken_ = true;
+      return false;
+    }
+  }
+  buffer_.erase(0, done);
+  return true;
+}
+
+// ---- writer
+
+struct LogWriter::Tracked {
+  Ptr<Entity> entity;
+  U32 ref = 0;
+  std::unique_ptr<NotifieeBase> notifiee;
+  std::set<U32> dirtyAttrs;                   // attribute indices
+  std::map<U32, std::set<String>> dirtyKeys;  // attribute index -> encoded keys
+  bool queued = false;
+  bool dead = false;  // no longer tracked; skipped by the flush that meets it
+  // Tracked children by (attribute index, encoded key; empty for a slot).
+  std::map<std::pair<U32, String>, Entity*> children;
+};
+
+class LogWriter::Tracker : public GenericNotifiee {
+ public:
+  explicit Tracker(LogWriter* w) : w_(w) {}
+  void onAttribute(Entity const& e, KelAttr const& attr, void const* key) override {
+    w_->changed(e, attr, key);
+  }
+
+ private:
+  LogWriter* w_;
+};
+
+LogWriter::LogWriter(Entity& root) : root_(&root), tracker_(std::make_unique<Tracker>(this)) {
+  track(root);
+}
+
+LogWriter::~LogWriter() = default;
+
+LogWriter::Tracked& LogWriter::track(Entity& e) {
+  auto& slot = tracked_[&e];
+  if (!slot) {
+    slot = std::make_unique<Tracked>();
+    slot->entity = &e;
+    slot->ref = nextRef_++;
+    slot->notifiee = e.fwkType().genericNotifiee(&e, tracker_.get());
+  }
+  return *slot;
+}
+
+void LogWriter::untrack(Entity& e) {
+  auto it = tracked_.find(&e);
+  if (it == tracked_.end()) return;
+  Tracked* const gone = it->second.get();
+  gone->dead = true;
+  gone->notifiee.reset();
+  graveyard_.push_back(std::move(it->second));
+  tracked_.erase(it);
+  for (auto& [where, child] : gone->children) untrack(*child);
+}
+
+void LogWriter::changed(Entity const& e, KelAttr const& attr, void const* key) {
+  auto it = tracked_.find(&e);
+  if (it == tracked_.end()) return;
+  Tracked& t = *it->second;
+  if (key) {
+    t.dirtyKeys[attr.index].insert(encode(*attr.keyType, key));
+  } else {
+    t.dirtyAttrs.insert(attr.index);
+  }
+  if (!t.queued) {
+    t.queued = true;
+    dirty_.push_back(&t);
+  }
+}
+
+void LogWriter::writeAttr(LogOut& out, Tracked& t, KelAttr const& attr) {
+  Entity& e = *t.entity;
+  TypeDesc const& type = e.fwkType();
+  S32 const id = static_cast<S32>(attr.index);
+  switch (attr.kind) {
+    case AttrKind::plain: {
+      GenericValue v(*attr.type);
+      type.attributeOp(v.get(), &e, &attr, attrOpRead);
+      std::size_t const at = openRecord(out, t.ref, id);
+      attr.type->ops()->logWrite(out, v.get());
+      closeRecord(out, at);
+      ++records_;
+      return;
+    }
+    case AttrKind::child: {
+      Ptr<Entity const> child;
+      type.attributeOp(&child, &e, &attr, attrOpRead);
+      auto const key = std::make_pair(attr.index, String());
+      auto const old = t.children.find(key);
+      if (old != t.children.end() && old->second != child.get()) {
+        untrack(*old->second);
+        t.children.erase(old);
+      }
+      if (!child) {
+        closeRecord(out, openRecord(out, t.ref, -id));
+        ++records_;
+        return;
+      }
+      Entity* const c = const_cast<Entity*>(child.get());
+      bool const fresh = snapshotting_ || !tracked_.count(c);
+      Tracked& ct = track(*c);
+      t.children[key] = c;
+      std::size_t const at = openRecord(out, t.ref, id);
+      out.u32(ct.ref);
+      closeRecord(out, at);
+      ++records_;
+      if (fresh) writeEntity(out, ct);
+      return;
+    }
+    case AttrKind::ref: {
+      if (!writingRefs_) {
+        // After every announcement of the frame, so that the target is known.
+        deferredRefs_.emplace_back(&t, &attr);
+        return;
+      }
+      Ptr<Entity const> target;
+      type.attributeOp(&target, &e, &attr, attrOpRead);
+      auto const found = target ? tracked_.find(target.get()) : tracked_.end();
+      std::size_t const at = openRecord(out, t.ref, id);
+      out.u32(found == tracked_.end() ? 0 : found->second->ref);
+      closeRecord(out, at);
+      ++records_;
+      return;
+    }
+    default: return;  // constants, derived and fixed attributes are not state to send
+  }
+}
+
+void LogWriter::writeMember(LogOut& out, Tracked& t, KelAttr const& attr, String const& key) {
+  Entity& e = *t.entity;
+  TypeDesc const& type = e.fwkType();
+  S32 const id = static_cast<S32>(attr.index);
+  GenericValue k(*attr.keyType);
+  LogIn in(key);
+  attr.keyType->ops()->logRead(in, k.get());
+  bool present = false;
+  std::size_t at = 0;
+  if (attr.kind == AttrKind::hashedSet) {
+    type.attributeOp(&present, &e, &attr, attrOpMemberRead, k.get());
+    if (present) {
+      at = openRecord(out, t.ref, id);
+      out.bytes(key.data(), key.size());
+    }
+  } else if (attr.type->kind() == TypeKind::entity) {
+    if (attr.kind == AttrKind::queue) return;  // shared entities are not replicated
+    Ptr<Entity const> child;
+    present = type.attributeOp(&child, &e, &attr, attrOpMemberRead, k.get()) == attrDone;
+    auto const where = std::make_pair(attr.index, key);
+    auto const old = t.children.find(where);
+    if (old != t.children.end() && (!present || old->second != child.get())) {
+      untrack(*old->second);
+      t.children.erase(old);
+    }
+    if (present) {
+      Entity* const c = const_cast<Entity*>(child.get());
+      bool const fresh = snapshotting_ || !tracked_.count(c);
+      Tracked& ct = track(*c);
+      t.children[where] = c;
+      at = openRecord(out, t.ref, id);
+      out.bytes(key.data(), key.size());
+      out.u32(ct.ref);
+      closeRecord(out, at);
+      ++records_;
+      if (fresh) writeEntity(out, ct);
+      return;
+    }
+  } else {
+    GenericValue v(*attr.type);
+    present = type.attributeOp(v.get(), &e, &attr, attrOpMemberRead, k.get()) == attrDone;
+    if (present) {
+      at = openRecord(out, t.ref, id);
+      out.bytes(key.data(), key.size());
+      attr.type->ops()->logWrite(out, v.get());
+    }
+  }
+  if (!present) {
+    at = openRecord(out, t.ref, -id);
+    out.bytes(key.data(), key.size());
+  }
+  closeRecord(out, at);
+  ++records_;
+}
+
+void LogWriter::writeEntity(LogOut& out, Tracked& t) {
+  TypeDesc const& type = t.entity->fwkType();
+  type.forEachAttr([&](KelAttr const& attr) {
+    if (!isCollection(attr.kind)) {
+      writeAttr(out, t, attr);
+      return;
+    }
+    std::unique_ptr<GenericIter> it;
+    if (type.attributeOp(&it, t.entity.get(), &attr, attrOpIterate) != attrDone) return;
+    std::vector<String> keys;
+    for (; !it->done(); it->next()) keys.push_back(encode(*attr.keyType, it->key()));
+    for (String const& key : keys) writeMember(out, t, attr, key);
+  });
+}
+
+void LogWriter::writeDeferredRefs(LogOut& out) {
+  writingRefs_ = true;
+  for (auto const& [t, attr] : deferredRefs_) {
+    if (!t->dead) writeAttr(out, *t, *attr);
+  }
+  writingRefs_ = false;
+  deferredRefs_.clear();
+}
+
+void LogWriter::frame(String& out, U8 kind, U64 seq, std::string_view payload) {
+  std::size_t const start = out.size();
+  LogOut o(out);
+  o.u32(kMagic);
+  o.u8(kind);
+  o.u8(0);
+  o.u16(0);
+  o.u64(seq);
+  o.u32(static_cast<U32>(payload.size()));
+  o.u32(crc32(std::string_view(out).substr(start, 20)));
+  o.bytes(payload.data(), payload.size());
+  o.u32(crc32(payload));
+}
+
+void LogWriter::subscriberNew(std::unique_ptr<LogSink> sink) {
+  flush();  // the others get what is pending; the newcomer starts clean
+  String payload;
+  LogOut out(payload);
+  snapshotting_ = true;
+  writeEntity(out, *tracked_.at(root_));
+  snapshotting_ = false;
+  writeDeferredRefs(out);
+  graveyard_.clear();
+  Subscriber s{std::move(sink), 0};
+  String bytes;
+  frame(bytes, frameSnapshot, ++s.seq, payload);
+  frame(bytes, frameInSync, ++s.seq, {});
+  if (s.sink->write(bytes)) sinks_.push_back(std::move(s));
+}
+
+void LogWriter::flush() {
+  if (!dirty_.empty()) {
+    String payload;
+    LogOut out(payload);
+    // Entities announced while writing join the end of the list.
+    for (std::size_t i = 0; i < dirty_.size(); ++i) {
+      Tracked& t = *dirty_[i];
+      t.queued = false;
+      if (t.dead) continue;
+      auto const attrs = std::exchange(t.dirtyAttrs, {});
+      auto const keys = std::exchange(t.dirtyKeys, {});
+      TypeDesc const& type = t.entity->fwkType();
+      for (U32 index : attrs) writeAttr(out, t, *type.attr(index));
+      for (auto const& [index, members] : keys) {
+        KelAttr const& attr = *type.attr(index);
+        for (String const& key : members) {
+          if (t.dead) break;
+          writeMember(out, t, attr, key);
+        }
+      }
+    }
+    dirty_.clear();
+    writeDeferredRefs(out);
+    graveyard_.clear();
+    if (!payload.empty()) {
+      for (Subscriber& s : sinks_) {
+        String bytes;
+        frame(bytes, frameChanges, ++s.seq, payload);
+        if (!s.sink->write(bytes)) s.sink.reset();
+      }
+    }
+  }
+  for (Subscriber& s : sinks_) {
+    if (s.sink && !s.sink->flush()) s.sink.reset();
+  }
+  std::erase_if(sinks_, [](Subscriber const& s) { return !s.sink; });
+}
+
+bool LogWriter::pending() const {
+  for (Subscriber const& s : sinks_) {
+    if (s.sink->pending()) return true;
+  }
+  return false;
+}
+
+// ---- reader
+
+struct LogReader::Decoded {
+  U32 ref;
+  KelAttr const* attr;
+  bool del;
+  String key;  // encoded, for the snapshot's record of members met
+  std::unique_ptr<GenericValue> keyValue;
+  std::unique_ptr<GenericValue> value;
+  U32 childRef = 0;
+};
+
+LogReader::LogReader(Entity& replica) : replica_(&replica) { reset(); }
+
+LogReader::~LogReader() = default;
+
+void LogReader::reset() {
+  pending_.clear();
+  expectedSeq_ = 1;
+  inSync_ = false;
+  snapshot_ = false;
+  broken_ = false;
+  refs_.clear();
+  refs_[1] = replica_;
+  seen_.clear();
+}
+
+void LogReader::bytesIs(std::string_view bytes) {
+  if (broken_) throw LogException("The attribute log reader needs a new connection");
+  pending_.append(bytes);
+  std::size_t done = 0;
+  try {
+    for (;;) {
+      std::string_view const rest = std::string_view(pending_).substr(done);
+      if (rest.size() < kHeader) break;
+      LogIn head(rest.substr(0, kHeader));
+      if (head.u32() != kMagic) throw LogException("Bad frame in the attribute log");
+      // The header's own checksum first, so that a garbled length is not
+      // waited for.
+      if (LogIn(rest.substr(20, 4)).u32() != crc32(rest.substr(0, 20))) {
+        throw LogException("Bad checksum in the attribute log");
+      }
+      U8 const kind = head.u8();
+      if (kind < frameChanges || kind > frameInSync || head.u8() != 0 || head.u16() != 0) {
+        throw LogException("Bad frame in the attribute log");
+      }
+      U64 const seq = head.u64();
+      U32 const length = head.u32();
+      (void)head.u32();
+      if (length > kMaxPayload) throw LogException("Bad frame in the attribute log");
+      if (rest.size() < kHeader + length + kTrailer) break;
+      LogIn trailer(rest.substr(kHeader + length, kTrailer));
+      if (trailer.u32() != crc32(rest.substr(kHeader, length))) {
+        throw LogException("Bad checksum in the attribute log");
+      }
+      frameIs(kind, seq, LogIn(rest.substr(kHeader, length)));
+      done += kHeader + length + kTrailer;
+    }
+  } catch (...) {
+    broken_ = true;
+    inSync_ = false;
+    pending_.clear();
+    throw;
+  }
+  pending_.erase(0, done);
+}
+
+bool LogReader::readFrom(int fd) {
+  char buf[65536];
+  for (;;) {
+    ssize_t const n = ::read(fd, buf, sizeof buf);
+    if (n > 0) {
+      bytesIs(std::string_view(buf, static_cast<std::size_t>(n)));
+    } else if (n < 0 && errno == EINTR) {
+      continue;
+    } else if (n < 0 && (errno == EAGAIN || errno == EWOULDBLOCK)) {
+      return true;
+    } else {
+      inSync_ = false;
+      return false;
+    }
+  }
+}
+
+void LogReader::frameIs(U8 kind, U64 seq, LogIn payload) {
+  if (seq != expectedSeq_) {
+    throw LogException("Gap in the attribute log: frame " + std::to_string(seq) + " where " +
+                       std::to_string(expectedSeq_) + " was due");
+  }
+  ++expectedSeq_;
+  ++frames_;
+  if (kind == frameInSync) {
+    if (!snapshot_ || !payload.atEnd()) throw LogException("Unexpected in-sync marker");
+    sweep();
+    snapshot_ = false;
+    inSync_ = true;
+    return;
+  }
+  if (kind == frameSnapshot) {
+    snapshot_ = true;
+    inSync_ = false;
+    refs_.clear();
+    refs_[1] = replica_;
+    seen_.clear();
+  } else if (!inSync_) {
+    throw LogException("Changes before the snapshot in the attribute log");
+  }
+  std::vector<Decoded> records;
+  decode(payload, records);
+  try {
+    for (Decoded& d : records) apply(d);
+  } catch (LogException const&) {
+    throw;
+  } catch (std::exception const& e) {
+    throw LogException(std::string("Attribute log record refused: ") + e.what());
+  }
+  records_ += records.size();
+}
+
+// Reads every record of a frame, checking them against the replica's types
+// before anything is applied.
+void LogReader::decode(LogIn& in, std::vector<Decoded>& out) {
+  std::unordered_map<U32, TypeDesc const*> announced;
+  auto typeOf = [&](U32 ref) -> TypeDesc const* {
+    if (auto const a = announced.find(ref); a != announced.end()) return a->second;
+    if (auto const r = refs_.find(ref); r != refs_.end()) return &r->second->fwkType();
+    return nullptr;
+  };
+  try {
+    while (!in.atEnd()) {
+      Decoded d;
+      d.ref = in.u32();
+      S32 const id = static_cast<S32>(in.u32());
+      U32 const length = in.u32();
+      LogIn value(in.bytes(length), length);
+      TypeDesc const* type = typeOf(d.ref);
+      if (!type)
+        throw LogException("Unknown entity " + std::to_string(d.ref) + " in the attribute log");
+      d.del = id < 0;
+      U32 const index = static_cast<U32>(d.del ? -static_cast<S64>(id) : id);
+      d.attr = type->attr(index);
+      if (!d.attr) {
+        throw LogException("Unknown attribute " + std::to_string(id) + " of " +
+                           String(type->name()));
+      }
+      KelAttr const& a = *d.attr;
+      bool const entities = a.type->kind() == TypeKind::entity;
+      if (isCollection(a.kind)) {
+        U8 const* const keyAt = value.position();
+        d.keyValue = std::make_unique<GenericValue>(*a.keyType);
+        a.keyType->ops()->logRead(value, d.keyValue->get());
+        d.key.assign(reinterpret_cast<char const*>(keyAt),
+                     static_cast<std::size_t>(value.position() - keyAt));
+        if (!d.del) {
+          if (a.kind == AttrKind::queue && entities)
+            throw LogException("Queue of entities in the attribute log");
+          if (entities) {
+            d.childRef = value.u32();
+          } else if (a.kind != AttrKind::hashedSet) {
+            d.value = std::make_unique<GenericValue>(*a.type);
+            a.type->ops()->logRead(value, d.value->get());
+          }
+        }
+      } else if (a.kind == AttrKind::plain && !d.del) {
+        d.value = std::make_unique<GenericValue>(*a.type);
+        a.type->ops()->logRead(value, d.value->get());
+        type->attributeOp(nullptr, nullptr, &a, attrOpCheck, d.value->get());
+      } else if ((a.kind == AttrKind::child || a.kind == AttrKind::ref) && !d.del) {
+        d.childRef = value.u32();
+        if (a.kind == AttrKind::ref && d.childRef != 0) {
+          TypeDesc const* target = typeOf(d.childRef);
+          if (!target || !target->isA(*a.type))
+            throw LogException("Bad reference in the attribute log");
+        }
+      } else if (!(a.kind == AttrKind::child && d.del)) {
+        throw LogException("Attribute " + String(a.name) +
+                           " cannot be written from the attribute log");
+      }
+      if (!value.atEnd()) throw LogException("Bad record length in the attribute log");
+      if (d.childRef != 0 && a.kind != AttrKind::ref) {
+        if (d.childRef == 1 || refs_.count(d.childRef) || announced.count(d.childRef)) {
+          if (!snapshot_ || d.childRef == 1)
+            throw LogException("Entity announced twice in the attribute log");
+        }
+        announced[d.childRef] = a.type;
+      }
+      out.push_back(std::move(d));
+    }
+  } catch (RangeException const& e) {
+    throw LogException(std::string("Bad value in the attribute log: ") + e.what());
+  }
+}
+
+void LogReader::apply(Decoded& d) {
+  Entity* const e = refs_.at(d.ref).get();
+  TypeDesc const& type = e->fwkType();
+  KelAttr const& a = *d.attr;
+  auto refuse = [&] {
+    throw LogException("Attribute log record for " + String(a.name) + " refused");
+  };
+  if (snapshot_ && isCollection(a.kind) && !d.del) seen_.insert({e, a.index, d.key});
+  switch (a.kind) {
+    case AttrKind::plain: type.attributeOp(nullptr, e, &a, attrOpWrite, d.value->get()); return;
+    case AttrKind::child: {
+      if (d.del) {
+        type.attributeOp(nullptr, e, &a, attrOpDelAll);
+        return;
+      }
+      Ptr<Entity> child;
+      if (type.attributeOp(&child, e, &a, attrOpCreate) != attrDone || !child) refuse();
+      refs_[d.childRef] = child;
+      return;
+    }
+    case AttrKind::ref: {
+      Ptr<Entity const> target;
+      if (d.childRef != 0) target = refs_.at(d.childRef);
+      if (type.attributeOp(nullptr, e, &a, attrOpWrite, &target) != attrDone) refuse();
+      return;
+    }
+    case AttrKind::queue: {
+      bool was = false;
+      if (d.del) {
+        type.attributeOp(&was, e, &a, attrOpMemberDel, d.keyValue->get());
+        return;
+      }
+      GenericValue existing(*a.type);
+      if (type.attributeOp(existing.get(), e, &a, attrOpMemberRead, d.keyValue->get()) ==
+          attrDone) {
+        if (a.type->ops()->equal(existing.get(), d.value->get())) return;
+        type.attributeOp(&was, e, &a, attrOpMemberDel, d.keyValue->get());
+      }
+      if (type.attributeOp(nullptr, e, &a, attrOpEnqAt, d.keyValue->get(), d.value->get()) !=
+          attrDone)
+        refuse();
+      return;
+    }
+    default: break;
+  }
+  if (d.del) {
+    bool was = false;
+    type.attributeOp(&was, e, &a, attrOpMemberDel, d.keyValue->get());
+    return;
+  }
+  void const* value = d.value ? d.value->get() : nullptr;
+  if (type.attributeOp(nullptr, e, &a, attrOpMemberWrite, d.keyValue->get(), value) != attrDone)
+    refuse();
+  if (d.childRef != 0) {
+    Ptr<Entity const> child;
+    if (type.attributeOp(&child, e, &a, attrOpMemberRead, d.keyValue->get()) != attrDone) refuse();
+    refs_[d.childRef] = ptrConstCast(child);
+  }
+}
+
+// After a snapshot: removes every member that the snapshot did not name.
+void LogReader::sweep() {
+  for (auto const& known : refs_) {
+    Entity* const entity = known.second.get();
+    TypeDesc const& type = entity->fwkType();
+    type.forEachAttr([&](KelAttr const& a) {
+      if (!isCollection(a.kind)) return;
+      if (a.kind == AttrKind::queue && a.type->kind() == TypeKind::entity) return;
+      std::unique_ptr<GenericIter> it;
+      if (type.attributeOp(&it, entity, &a, attrOpIterate) != attrDone) return;
+      while (!it->done()) {
+        if (seen_.count({entity, a.index, encode(*a.keyType, it->key())})) {
+          it->next();
+        } else {
+          it->delCurrent();
+        }
+      }
+    });
+  }
+  seen_.clear();
+}
+
+}  // namespace Kel

@@ -1,0 +1,186 @@
+// The attribute log: a mounted entity tree written as a stream of frames of
+// attribute records, and a replica rebuilt from that stream in another
+// process. docs/LOG_FORMAT.md gives the bytes.
+//
+//   Kel::LogWriter writer(*status);            // the source tree
+//   writer.subscriberNew(std::make_unique<Kel::FdSink>(fd));  // gets a snapshot first
+//   status->countIs(3);
+//   writer.flush();                            // one frame with every change since the last
+//
+//   Kel::LogReader reader(*replica);           // in the other process
+//   reader.readFrom(fd);                       // applies what has arrived
+//
+// No threads and no event loop of its own: the writer writes when asked
+// (flush()), and the reader applies what arrived when asked. Changes between
+// two flushes are coalesced: each attribute and each collection member is
+// written once, with its value at the flush.
+#ifndef KEL_ATTRLOG_H
+#define KEL_ATTRLOG_H
+
+#include <Kel/Entity.h>
+#include <Kel/Exception.h>
+#include <Kel/LogCodec.h>
+#include <Kel/TypeDesc.h>
+
+#include <map>
+#include <memory>
+#include <set>
+#include <string_view>
+#include <unordered_map>
+#include <vector>
+
+namespace Kel {
+
+// A stream that is corrupt, out of order or inconsistent with the replica.
+// The reader applies nothing of the frame at fault; the caller drops the
+// connection and subscribes again, which starts with a snapshot.
+class LogException : public Exception {
+ public:
+  using Exception::Exception;
+};
+
+// Where a writer's bytes go.
+class LogSink {
+ public:
+  virtual ~LogSink() = default;
+  // Accepts the bytes (buffering what cannot be written yet); answers false
+  // once the sink is broken, after which the writer drops it.
+  virtual bool write(std::string_view bytes) = 0;
+  // Tries again to write buffered bytes; answers false once broken.
+  virtual bool flush() { return true; }
+  // Whether bytes wait for the descriptor to become writable.
+  [[nodiscard]] virtual bool pending() const { return false; }
+};
+
+// Collects the bytes in memory (tests, and replicas in the same process).
+class MemorySink : public LogSink {
+ public:
+  bool write(std::string_view bytes) override;
+  [[nodiscard]] String take();
+  [[nodiscard]] String const& bytes() const noexcept { return bytes_; }
+
+ private:
+  String bytes_;
+};
+
+// Writes to a file descriptor (a Unix or TCP socket, a pipe) without
+// blocking; what the descriptor does not take waits for the next flush().
+// Does not close the descriptor.
+class FdSink : public LogSink {
+ public:
+  explicit FdSink(int fd);
+  bool write(std::string_view bytes) override;
+  bool flush() override;
+  [[nodiscard]] bool pending() const override { return !buffer_.empty(); }
+  [[nodiscard]] int fd() const noexcept { return fd_; }
+
+ private:
+  int fd_;
+  String buffer_;
+  bool broken_ = false;
+};
+
+class LogWriter {
+ public:
+  // Mounts `root`: from now on its changes and those of every entity it owns
+  // are tracked.
+  explicit LogWriter(Entity& root);
+  ~LogWriter();
+  LogWriter(LogWriter const&) = delete;
+  LogWriter& operator=(LogWriter const&) = delete;
+
+  // A new subscriber: it receives a snapshot of the whole tree and an
+  // in-sync marker at once, then every later flush.
+  void subscriberNew(std::unique_ptr<LogSink> sink);
+  [[nodiscard]] std::size_t subscribers() const noexcept { return sinks_.size(); }
+  // Writes one frame with every change since the last flush to every
+  // subscriber, and retries pending bytes. Drops broken subscribers.
+  void flush();
+  // Whether some subscriber waits for its descriptor to become writable.
+  [[nodiscard]] bool pending() const;
+
+  // Frames and records written, for statistics.
+  [[nodiscard]] U64 records() const noexcept { return records_; }
+
+ private:
+  class Tracker;
+  struct Tracked;
+
+  Tracked& track(Entity& e);
+  void untrack(Entity& e);
+  void changed(Entity const& e, KelAttr const& attr, void const* key);
+  void writeEntity(LogOut& out, Tracked& t);
+  void writeAttr(LogOut& out, Tracked& t, KelAttr const& attr);
+  void writeMember(LogOut& out, Tracked& t, KelAttr const& attr, String const& key);
+  void writeDeferredRefs(LogOut& out);
+  void frame(String& out, U8 kind, U64 seq, std::string_view payload);
+
+  Entity* root_;
+  std::unique_ptr<GenericNotifiee> tracker_;
+  std::unordered_map<Entity const*, std::unique_ptr<Tracked>> tracked_;
+  std::vector<Tracked*> dirty_;
+  // Entities no longer tracked, kept until the flush that met them ends.
+  std::vector<std::unique_ptr<Tracked>> graveyard_;
+  U32 nextRef_ = 1;
+  bool snapshotting_ = false;  // every child is written in full
+  bool writingRefs_ = false;
+  std::vector<std::pair<Tracked*, KelAttr const*>> deferredRefs_;
+  struct Subscriber {
+    std::unique_ptr<LogSink> sink;
+    U64 seq = 0;
+  };
+  std::vector<Subscriber> sinks_;
+  U64 records_ = 0;
+};
+
+class LogReader {
+ public:
+  // Keeps `replica` equal to the tree the stream comes from. The replica
+  // must be of the same type as the source's root.
+  explicit LogReader(Entity& replica);
+  ~LogReader();
+  LogReader(LogReader const&) = delete;
+  LogReader& operator=(LogReader const&) = delete;
+
+  // Applies every complete frame in `bytes` (and in what came before).
+  // Raises LogException for a corrupt stream, a gap in the sequence numbers
+  // or a record the replica cannot take; the frame at fault is not applied
+  // and the reader wants a new connection (reset()).
+  void bytesIs(std::string_view bytes);
+  // Reads what is available on a non-blocking descriptor and applies it;
+  // answers false at the end of the stream or when the connection broke.
+  bool readFrom(int fd);
+  // Forgets the connection's state, for a new subscription.
+  void reset();
+
+  // Whether the replica has received a whole snapshot and follows since.
+  [[nodiscard]] bool inSync() const noexcept { return inSync_; }
+  [[nodiscard]] U64 frames() const noexcept { return frames_; }
+  [[nodiscard]] U64 records() const noexcept { return records_; }
+
+ private:
+  struct Decoded;
+  void frameIs(U8 kind, U64 seq, LogIn payload);
+  void decode(LogIn& in, std::vector<Decoded>& out);
+  void apply(Decoded& d);
+  void sweep();
+
+  Entity* replica_;
+  String pending_;
+  U64 expectedSeq_ = 1;
+  bool inSync_ = false;
+  bool snapshot_ = false;
+  bool broken_ = false;
+  std::unordered_map<U32, Ptr<Entity>> refs_;
+  // Members met during a snapshot, by entity and attribute index.
+  std::set<std::tuple<Entity const*, U32, String>> seen_;
+  U64 frames_ = 0;
+  U64 records_ = 0;
+};
+
+// CRC-32 (IEEE 802.3) of `bytes`, as the frames carry it.
+[[nodiscard]] U32 crc32(std::string_view bytes) noexcept;
+
+}  // namespace Kel
+
+#endif  // KEL_ATTRLOG_H

@@ -17,7 +17,9 @@ constexpr std::size_t kHeader = 24;  // the last 4 bytes: CRC-32 of the first 20
 constexpr std::size_t kTrailer = 4;
 constexpr U32 kMaxPayload = 64u << 20;
 
-enum FrameKind : U8 { frameChanges = 1, frameSnapshot = 2, frameInSync = 3 };
+constexpr U8 frameChanges = logFrameChanges;
+constexpr U8 frameSnapshot = logFrameSnapshot;
+constexpr U8 frameInSync = logFrameInSync;
 
 // Writes a record's header; the value follows and closeRecord() fills in its
 // length.
@@ -301,7 +303,7 @@ void LogWriter::writeDeferredRefs(LogOut& out) {
   deferredRefs_.clear();
 }
 
-void LogWriter::frame(String& out, U8 kind, U64 seq, std::string_view payload) {
+void logFrame(String& out, U8 kind, U64 seq, std::string_view payload) {
   std::size_t const start = out.size();
   LogOut o(out);
   o.u32(kMagic);
@@ -326,8 +328,8 @@ void LogWriter::subscriberNew(std::unique_ptr<LogSink> sink) {
   graveyard_.clear();
   Subscriber s{std::move(sink), 0};
   String bytes;
-  frame(bytes, frameSnapshot, ++s.seq, payload);
-  frame(bytes, frameInSync, ++s.seq, {});
+  logFrame(bytes, frameSnapshot, ++s.seq, payload);
+  logFrame(bytes, frameInSync, ++s.seq, {});
   if (s.sink->write(bytes)) sinks_.push_back(std::move(s));
 }
 
@@ -358,7 +360,7 @@ void LogWriter::flush() {
     if (!payload.empty()) {
       for (Subscriber& s : sinks_) {
         String bytes;
-        frame(bytes, frameChanges, ++s.seq, payload);
+        logFrame(bytes, frameChanges, ++s.seq, payload);
         if (!s.sink->write(bytes)) s.sink.reset();
       }
     }

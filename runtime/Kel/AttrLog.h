@@ -113,7 +113,6 @@ class LogWriter {
   void writeAttr(LogOut& out, Tracked& t, KelAttr const& attr);
   void writeMember(LogOut& out, Tracked& t, KelAttr const& attr, String const& key);
   void writeDeferredRefs(LogOut& out);
-  void frame(String& out, U8 kind, U64 seq, std::string_view payload);
 
   Entity* root_;
   std::unique_ptr<GenericNotifiee> tracker_;
@@ -177,6 +176,12 @@ class LogReader {
   U64 frames_ = 0;
   U64 records_ = 0;
 };
+
+// Frame kinds.
+enum LogFrameKind : U8 { logFrameChanges = 1, logFrameSnapshot = 2, logFrameInSync = 3 };
+
+// Appends one frame holding `payload` (records) to `out`.
+void logFrame(String& out, U8 kind, U64 seq, std::string_view payload);
 
 // CRC-32 (IEEE 802.3) of `bytes`, as the frames carry it.
 [[nodiscard]] U32 crc32(std::string_view bytes) noexcept;

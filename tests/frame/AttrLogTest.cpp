@@ -6,6 +6,7 @@
 #include <Rsvp/Rsvp.h>
 
 #include <Kel/AttrLog.h>
+#include <Kel/ReadOnlyProxy.h>
 
 #include <gtest/gtest.h>
 
@@ -217,6 +218,34 @@ TEST(AttrLog, RandomChangesReplicaFollows) {
       }
     }
   }
+}
+
+}  // namespace
+
+namespace {
+
+TEST(ReadOnlyProxy, ReadsPassWritesRaise) {
+  Link link;
+  link.source->countIs(4);
+  link.source->leafIs(1);
+  link.connect();
+  Kel::ReadOnlyProxy const proxy(*link.replica);
+  Kel::KelAttr const* count = Root::kelType.attr("count");
+  Kel::U32 value = 0;
+  EXPECT_EQ(proxy.attributeOp(&value, count, Kel::attrOpRead), Kel::attrDone);
+  EXPECT_EQ(value, 4u);
+  try {
+    proxy.attributeOp(nullptr, count, Kel::attrOpWrite, &value);
+    FAIL();
+  } catch (Kel::ReadOnlyProxyException const& e) {
+    EXPECT_STREQ(e.what(), "Attribute Rsvp::Sample::Root::count is read-only through this proxy");
+  }
+  Kel::KelAttr const* leaf = Root::kelType.attr("leaf");
+  EXPECT_THROW(proxy.attributeOp(nullptr, leaf, Kel::attrOpDelAll), Kel::ReadOnlyProxyException);
+  std::unique_ptr<Kel::GenericIter> it;
+  ASSERT_EQ(proxy.attributeOp(&it, leaf, Kel::attrOpIterate), Kel::attrDone);
+  EXPECT_THROW(it->delCurrent(), Kel::ReadOnlyProxyException);
+  EXPECT_EQ(link.replica->leafSize(), 1u) << "nothing was changed";
 }
 
 }  // namespace

@@ -67,6 +67,17 @@ class LoaderErrors(unittest.TestCase):
          "unit: Unit\ntypes:\n  - enum: E\n    values: [{a: 1}]\n"
          "  - value: V\n    attrs: [{name: e, type: E, default: b}]\n",
          "Unit.yaml: Rsvp::V.e: 'b' is not an enumerator of Rsvp::E"),
+        ("attribute-log id below 256",
+         "unit: Unit\ntypes:\n  - entity: E\n    attrs: [{name: x, type: U8, id: 12}]\n",
+         "Unit.yaml: Rsvp::E.x: an attribute-log id is a number from 256 up"),
+        ("attribute-log id used twice",
+         "unit: Unit\ntypes:\n  - entity: E\n    attrs: [{name: x, type: U8, id: 300},"
+         " {name: y, type: U8, id: 300}]\n",
+         "Unit.yaml: Rsvp::E.y: attribute-log id 300 already used by x"),
+        ("entity attribute shadowing the base's",
+         "unit: Unit\ntypes:\n  - entity: B\n    attrs: [{name: x, type: U8}]\n"
+         "  - entity: D\n    base: B\n    attrs: [{name: x, type: U8}]\n",
+         "Unit.yaml: Rsvp::D.x: already an attribute of Rsvp::B"),
         ("duplicate attribute",
          "unit: Unit\ntypes:\n  - value: V\n    attrs: [{name: x, type: U8}, {name: x, type: U8}]\n",
          "Unit.yaml: Rsvp::V.x: duplicate attribute"),

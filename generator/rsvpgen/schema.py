@@ -18,7 +18,8 @@ ENUM_KEYS = {"enum", "doc", "values"}
 VALUE_KEYS = {"value", "doc", "strep", "traits", "attrs", "methods"}
 ATTR_KEYS = {"name", "type", "doc", "const", "default", "range"}
 ENTITY_KEYS = {"entity", "doc", "base", "baseArgs", "named", "key", "methods", "attrs"}
-ENTITY_ATTR_KEYS = {"name", "kind", "type", "key", "doc", "default", "range", "ctor", "const"}
+ENTITY_ATTR_KEYS = {"name", "kind", "type", "key", "doc", "default", "range", "ctor", "const",
+                    "id", "logged"}
 
 
 class SchemaError(Exception):
@@ -58,6 +59,7 @@ def load(root, files, imports=()):
                 _define_entity(model, type_, body, where)
     for unit in model.units:
         _check_unit(unit)
+        _check_log_ids(unit)
         unit.includes = _unit_includes(unit)
     return model
 
@@ -327,6 +329,12 @@ def _define_entity_attr(model, type_, attr, raw, where):
         _fail(where, f"a {kind} attribute takes no 'key'")
     if kind in ("child", "ref") and attr.type.category != "entity":
         _fail(where, f"a {kind} attribute holds an entity, not {attr.type.name}")
+    if "id" in raw:
+        log_id = raw["id"]
+        if not isinstance(log_id, int) or isinstance(log_id, bool) or not 256 <= log_id < 2**31:
+            _fail(where, "an attribute-log id is a number from 256 up")
+        attr.log_id = log_id
+    attr.logged = bool(raw.get("logged", True))
     if kind == "constant":
         attr.const = _literal(attr, raw["const"], where)
         return
@@ -352,6 +360,20 @@ def _define_entity_attr(model, type_, attr, raw, where):
         if kind != "plain":
             _fail(where, "only plain attributes take a range")
         _set_range(model, type_, attr, raw["range"], where)
+
+
+def _check_log_ids(unit):
+    """Attribute-log identifiers are unique along a chain of bases."""
+    for type_ in unit.types:
+        if type_.kind != "entity":
+            continue
+        seen = {}
+        for owner, index, attr in type_.chain_attrs:
+            log_id = attr.log_id_or(index)
+            if log_id and log_id in seen:
+                _fail(f"{unit.path}: {type_.name}.{attr.name}",
+                      f"attribute-log id {log_id} already used by {seen[log_id]}")
+            seen[log_id] = attr.name
 
 
 def _check_unit(unit):

@@ -257,6 +257,15 @@ class EntityAttr:
         self.max = None
         self.owner = None     # the entity declaring the attribute
         self.const = None     # the C++ value of a constant
+        self.log_id = None    # declared attribute-log identifier
+        self.logged = True
+
+    def log_id_or(self, index):
+        """The attribute-log identifier: declared, else the index; 0 when the
+        log does not carry the attribute."""
+        if not self.logged or self.kind in ("constant", "derived"):
+            return 0
+        return self.log_id if self.log_id is not None else index
 
     @property
     def is_const(self):

@@ -152,13 +152,14 @@ void LogWriter::untrack(Entity& e) {
 }
 
 void LogWriter::changed(Entity const& e, KelAttr const& attr, void const* key) {
+  if (attr.logId == 0) return;
   auto it = tracked_.find(&e);
   if (it == tracked_.end()) return;
   Tracked& t = *it->second;
   if (key) {
-    t.dirtyKeys[attr.index].insert(encode(*attr.keyType, key));
+    t.dirtyKeys[attr.logId].insert(encode(*attr.keyType, key));
   } else {
-    t.dirtyAttrs.insert(attr.index);
+    t.dirtyAttrs.insert(attr.logId);
   }
   if (!t.queued) {
     t.queued = true;
@@ -169,7 +170,7 @@ void LogWriter::changed(Entity const& e, KelAttr const& attr, void const* key) {
 void LogWriter::writeAttr(LogOut& out, Tracked& t, KelAttr const& attr) {
   Entity& e = *t.entity;
   TypeDesc const& type = e.fwkType();
-  S32 const id = static_cast<S32>(attr.index);
+  S32 const id = static_cast<S32>(attr.logId);
   switch (attr.kind) {
     case AttrKind::plain: {
       GenericValue v(*attr.type);
@@ -227,7 +228,7 @@ void LogWriter::writeAttr(LogOut& out, Tracked& t, KelAttr const& attr) {
 void LogWriter::writeMember(LogOut& out, Tracked& t, KelAttr const& attr, String const& key) {
   Entity& e = *t.entity;
   TypeDesc const& type = e.fwkType();
-  S32 const id = static_cast<S32>(attr.index);
+  S32 const id = static_cast<S32>(attr.logId);
   GenericValue k(*attr.keyType);
   LogIn in(key);
   attr.keyType->ops()->logRead(in, k.get());
@@ -282,6 +283,7 @@ void LogWriter::writeMember(LogOut& out, Tracked& t, KelAttr const& attr, String
 void LogWriter::writeEntity(LogOut& out, Tracked& t) {
   TypeDesc const& type = t.entity->fwkType();
   type.forEachAttr([&](KelAttr const& attr) {
+    if (attr.logId == 0) return;
     if (!isCollection(attr.kind)) {
       writeAttr(out, t, attr);
       return;
@@ -345,9 +347,9 @@ void LogWriter::flush() {
       auto const attrs = std::exchange(t.dirtyAttrs, {});
       auto const keys = std::exchange(t.dirtyKeys, {});
       TypeDesc const& type = t.entity->fwkType();
-      for (U32 index : attrs) writeAttr(out, t, *type.attr(index));
-      for (auto const& [index, members] : keys) {
-        KelAttr const& attr = *type.attr(index);
+      for (U32 id : attrs) writeAttr(out, t, *type.attrByLogId(id));
+      for (auto const& [id, members] : keys) {
+        KelAttr const& attr = *type.attrByLogId(id);
         for (String const& key : members) {
           if (t.dead) break;
           writeMember(out, t, attr, key);
@@ -517,8 +519,8 @@ void LogReader::decode(LogIn& in, std::vector<Decoded>& out) {
       if (!type)
         throw LogException("Unknown entity " + std::to_string(d.ref) + " in the attribute log");
       d.del = id < 0;
-      U32 const index = static_cast<U32>(d.del ? -static_cast<S64>(id) : id);
-      d.attr = type->attr(index);
+      U32 const logId = static_cast<U32>(d.del ? -static_cast<S64>(id) : id);
+      d.attr = type->attrByLogId(logId);
       if (!d.attr) {
         throw LogException("Unknown attribute " + std::to_string(id) + " of " +
                            String(type->name()));
@@ -637,7 +639,7 @@ void LogReader::sweep() {
     Entity* const entity = known.second.get();
     TypeDesc const& type = entity->fwkType();
     type.forEachAttr([&](KelAttr const& a) {
-      if (!isCollection(a.kind)) return;
+      if (!isCollection(a.kind) || a.logId == 0) return;
       if (a.kind == AttrKind::queue && a.type->kind() == TypeKind::entity) return;
       std::unique_ptr<GenericIter> it;
       if (type.attributeOp(&it, entity, &a, attrOpIterate) != attrDone) return;

@@ -48,6 +48,16 @@ KelAttr const* TypeDesc::attr(U32 index) const noexcept {
   return nullptr;
 }
 
+KelAttr const* TypeDesc::attrByLogId(U32 logId) const noexcept {
+  if (logId == 0) return nullptr;
+  for (TypeDesc const* t = this; t; t = t->base_) {
+    for (KelAttr const& a : t->parts_.attrs) {
+      if (a.logId == logId) return &a;
+    }
+  }
+  return nullptr;
+}
+
 int TypeDesc::attributeOp(void* result, void* object, KelAttr const* attr, U32 op, void const* arg1,
                           void const* arg2) const {
   if (parts_.attributeOp) return parts_.attributeOp(result, object, attr, op, arg1, arg2);

@@ -59,6 +59,9 @@ struct KelAttr {
   AttrKind kind;
   TypeDesc const* type;     // the value's or element's type
   TypeDesc const* keyType;  // the key's type in a map or set, else null
+  // The attribute-log identifier: declared in the schema, else the index;
+  // 0 for an attribute the log does not carry.
+  U32 logId = 0;
 };
 
 // Status of a generic operation.
@@ -191,6 +194,8 @@ class TypeDesc {
   // The attribute with this name or index, searching the bases too; or null.
   [[nodiscard]] KelAttr const* attr(std::string_view name) const noexcept;
   [[nodiscard]] KelAttr const* attr(U32 index) const noexcept;
+  // The attribute with this attribute-log identifier, searching the bases; or null.
+  [[nodiscard]] KelAttr const* attrByLogId(U32 logId) const noexcept;
   // Every attribute, the bases' first.
   template <class F>
   void forEachAttr(F&& f) const {

@@ -99,7 +99,8 @@ TEST(AttrLog, DeletionCarriesTheNegatedIdentifier) {
   Link link;
   link.source->idsIs(spId(1));
   link.connect();
-  Kel::S32 const ids = static_cast<Kel::S32>(Root::kelType.attr("ids")->index);
+  Kel::S32 const ids = 400;  // declared in the schema
+  ASSERT_EQ(Root::kelType.attr("ids")->logId, 400u);
   link.source->idsDel(spId(1));
   link.writer.flush();
   std::string const removal = link.sink->take();
@@ -111,6 +112,16 @@ TEST(AttrLog, DeletionCarriesTheNegatedIdentifier) {
   EXPECT_EQ(records(addition), (std::vector<std::pair<Kel::U32, Kel::S32>>{{1, ids}}));
   link.reader.bytesIs(addition);
   EXPECT_TRUE(link.replica->ids(spId(1)));
+}
+
+TEST(AttrLog, UnloggedAttributesStayLocal) {
+  Link link;
+  link.connect();
+  Kel::U64 const before = link.writer.records();
+  link.source->localOnlyIs(5);
+  link.sync();
+  EXPECT_EQ(link.writer.records(), before);
+  EXPECT_EQ(link.replica->localOnly(), 0u);
 }
 
 TEST(AttrLog, ReaderAppliesThroughTheSetters) {

@@ -55,7 +55,7 @@ TEST(Descriptors, IndicesOfSampleTypes) {
       {&Sample::Path::kelType, "isBypass", 259, "bool"},
       {&Sample::Special::kelType, "mountPath", 258, "Kel::String"},
       {&Sample::Special::kelType, "count", 259, "U32"},
-      {&Sample::Special::kelType, "extra", 258 + 15, "bool"},
+      {&Sample::Special::kelType, "extra", 258 + 16, "bool"},
   };
   for (auto const& c : cases) {
     Kel::KelAttr const* a = c.type->attr(c.attr);
@@ -370,7 +370,8 @@ TEST(Browser, PrintsTheTreeOnceWithSharedAndCyclicEntities) {
                 "  slot: Rsvp::Sample::Slot\n"
                 "    level: 1\n"
                 "    back: -> root/4\n"
-                "  shared: -> root/4\n");
+                "  shared: -> root/4\n"
+            "  localOnly: 0\n");
   leaf->nextIs(nullptr);  // reference counts never free a cycle by themselves
 }
 

@@ -1,19 +1,340 @@
 // A walk through the library as an agent uses it: identifiers and values are
 // built, printed, parsed back, compared and hashed; an entity notifies its
-// observers and the state browser prints it by reflection.
+// observers, the state browser prints it, and a replica in a forked process
+// follows it over a Unix socket. `--check-replica` runs only the last part.
+#include <Kel/AttrLog.h>
 #include <Rsvp/Rsvp.h>
 
+#include <cerrno>
+#include <chrono>
+#include <csignal>
+#include <cstdlib>
+#include <cstring>
+#include <exception>
 #include <iostream>
 #include <map>
+#include <memory>
+#include <sstream>
+#include <stdexcept>
+#include <string>
+#include <string_view>
+#include <system_error>
+
+#include <fcntl.h>
+#include <poll.h>
+#include <sys/socket.h>
+#include <sys/un.h>
+#include <sys/wait.h>
+#include <unistd.h>
 
 namespace {
 
 void section(char const* title) { std::cout << "\n== " << title << "\n"; }
 
+// ---- Plumbing for the replica section: descriptors, waiting, the socket.
+// Every wait has a deadline, so a lost peer ends the demo with an error
+// rather than a hang.
+
+using Clock = std::chrono::steady_clock;
+constexpr auto kGiveUpAfter = std::chrono::seconds(10);
+// The replica's one-byte answer once it holds a whole snapshot.
+constexpr char kInSync = '!';
+
+[[noreturn]] void sysFail(char const* what) {
+  throw std::system_error(errno, std::generic_category(), what);
+}
+
+class Fd {
+ public:
+  explicit Fd(int fd) noexcept : fd_(fd) {}
+  ~Fd() { reset(); }
+  Fd(Fd const&) = delete;
+  Fd& operator=(Fd const&) = delete;
+  [[nodiscard]] int get() const noexcept { return fd_; }
+  void reset() noexcept {
+    if (fd_ >= 0) ::close(fd_);
+    fd_ = -1;
+  }
+
+ private:
+  int fd_;
+};
+
+void nonBlockingIs(int fd) {
+  int const flags = ::fcntl(fd, F_GETFL);
+  if (flags < 0 || ::fcntl(fd, F_SETFL, flags | O_NONBLOCK) < 0) sysFail("fcntl");
+}
+
+// Waits until `fd` reports one of `events` (or an error or hang-up, which
+// the next read or write tells apart); throws once the deadline has passed.
+short waitFor(int fd, short events, Clock::time_point deadline) {
+  for (;;) {
+    auto const left = std::chrono::ceil<std::chrono::milliseconds>(deadline - Clock::now());
+    if (left.count() <= 0) throw std::runtime_error("gave up waiting for the other process");
+    pollfd p{fd, events, 0};
+    int const n = ::poll(&p, 1, static_cast<int>(left.count()));
+    if (n > 0) return p.revents;
+    if (n < 0 && errno != EINTR) sysFail("poll");
+  }
+}
+
+// Appends what is available on a non-blocking `fd` to `into`; answers false
+// at the end of the stream.
+bool readSome(int fd, std::string& into) {
+  char buf[4096];
+  for (;;) {
+    ssize_t const n = ::read(fd, buf, sizeof buf);
+    if (n > 0) {
+      into.append(buf, static_cast<std::size_t>(n));
+    } else if (n == 0) {
+      return false;
+    } else if (errno == EAGAIN || errno == EWOULDBLOCK) {
+      return true;
+    } else if (errno != EINTR) {
+      sysFail("read");
+    }
+  }
+}
+
+void writeAll(int fd, std::string_view bytes, Clock::time_point deadline) {
+  while (!bytes.empty()) {
+    ssize_t const n = ::write(fd, bytes.data(), bytes.size());
+    if (n >= 0) {
+      bytes.remove_prefix(static_cast<std::size_t>(n));
+    } else if (errno == EAGAIN || errno == EWOULDBLOCK) {
+      waitFor(fd, POLLOUT, deadline);
+    } else if (errno != EINTR) {
+      sysFail("write");
+    }
+  }
+}
+
+// A socket path in a fresh private directory; both go away with the object.
+class SocketPath {
+ public:
+  SocketPath() {
+    char const* const tmp = std::getenv("TMPDIR");
+    std::string dir = std::string(tmp && *tmp ? tmp : "/tmp") + "/rsvp-demo-XXXXXX";
+    if (!::mkdtemp(dir.data())) sysFail("mkdtemp");
+    dir_ = dir;
+    path_ = dir_ + "/replica.sock";
+    if (path_.size() >= sizeof(sockaddr_un::sun_path)) {
+      ::rmdir(dir_.c_str());
+      throw std::runtime_error("socket path too long: " + path_);
+    }
+  }
+  ~SocketPath() {
+    ::unlink(path_.c_str());
+    ::rmdir(dir_.c_str());
+  }
+  SocketPath(SocketPath const&) = delete;
+  SocketPath& operator=(SocketPath const&) = delete;
+  [[nodiscard]] std::string const& path() const noexcept { return path_; }
+
+  [[nodiscard]] sockaddr_un address() const {
+    sockaddr_un a{};
+    a.sun_family = AF_UNIX;
+    std::memcpy(a.sun_path, path_.c_str(), path_.size() + 1);
+    return a;
+  }
+
+ private:
+  std::string dir_;
+  std::string path_;
+};
+
+// A forked process; killed and reaped if it is not waited for.
+class Child {
+ public:
+  explicit Child(pid_t pid) noexcept : pid_(pid) {}
+  ~Child() {
+    if (pid_ > 0) {
+      ::kill(pid_, SIGKILL);
+      while (::waitpid(pid_, nullptr, 0) < 0 && errno == EINTR) {
+      }
+    }
+  }
+  Child(Child const&) = delete;
+  Child& operator=(Child const&) = delete;
+
+  // The exit status; throws if the child has not ended by the deadline.
+  int wait(Clock::time_point deadline) {
+    for (;;) {
+      int status = 0;
+      pid_t const r = ::waitpid(pid_, &status, WNOHANG);
+      if (r == pid_) {
+        pid_ = -1;
+        return WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
+      }
+      if (r < 0 && errno != EINTR) sysFail("waitpid");
+      if (Clock::now() >= deadline) throw std::runtime_error("the replica process did not end");
+      ::poll(nullptr, 0, 10);  // no descriptor to wait on: a short sleep
+    }
+  }
+
+ private:
+  pid_t pid_;
+};
+
+void printPrefixed(char const* prefix, std::string const& text) {
+  std::istringstream lines(text);
+  for (std::string line; std::getline(lines, line);) std::cout << prefix << line << "\n";
+}
+
+// The replica process: follows the publisher until it closes the stream,
+// prints its tree and sends it back for comparison. Answers the exit status.
+int replicaProcess(SocketPath const& where, Clock::time_point deadline) {
+  try {
+    Fd fd(::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0));
+    if (fd.get() < 0) sysFail("socket");
+    sockaddr_un const addr = where.address();
+    while (::connect(fd.get(), reinterpret_cast<sockaddr const*>(&addr), sizeof addr) < 0) {
+      if (errno == EISCONN) break;
+      if (errno != EINTR) sysFail("connect");
+    }
+    nonBlockingIs(fd.get());
+
+    Kel::Ptr<Rsvp::RsvpSpIdSet> const replica = Rsvp::rsvpSpIdSetFactory("activePaths");
+    Kel::LogReader reader(*replica);
+    // readFrom() forgets being in sync at the end of the stream, so the
+    // replica says so as soon as it is, and the publisher changes its tree
+    // only then: the rest of the stream is changes the replica follows.
+    bool told = false;
+    for (bool open = true; open;) {
+      waitFor(fd.get(), POLLIN, deadline);
+      open = reader.readFrom(fd.get());
+      if (reader.inSync() && !told) {
+        writeAll(fd.get(), std::string_view(&kInSync, 1), deadline);
+        told = true;
+      }
+    }
+    if (!told) throw std::runtime_error("the stream ended before a whole snapshot");
+    std::string const tree = Kel::browseText(*replica);
+    printPrefixed("replica: ", tree);
+    std::cout << "replica: " << reader.frames() << " frames, " << reader.records()
+              << " records applied\n";
+    writeAll(fd.get(), tree, deadline);
+    return 0;
+  } catch (std::exception const& e) {
+    std::cerr << "replica: " << e.what() << "\n";
+    return 1;
+  }
+}
+
+// The publisher: serves its tree to a replica in a child process over a Unix
+// socket, changes it, and compares the replica's tree with its own.
+bool replicaSection() {
+  using namespace Rsvp;
+  section("A replica in another process");
+  Clock::time_point const deadline = Clock::now() + kGiveUpAfter;
+  // A peer that went away must show as EPIPE from write(), not end the process.
+  std::signal(SIGPIPE, SIG_IGN);
+  try {
+    SocketPath const where;
+    Fd listener(::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0));
+    if (listener.get() < 0) sysFail("socket");
+    sockaddr_un const addr = where.address();
+    if (::bind(listener.get(), reinterpret_cast<sockaddr const*>(&addr), sizeof addr) < 0) {
+      sysFail("bind");
+    }
+    // Listening before the fork: the child's connect() cannot come too early.
+    if (::listen(listener.get(), 1) < 0) sysFail("listen");
+
+    // Nothing buffered may be printed twice, once by each process.
+    std::cout.flush();
+    std::cerr.flush();
+    pid_t const pid = ::fork();
+    if (pid < 0) sysFail("fork");
+    if (pid == 0) {
+      listener.reset();
+      int const code = replicaProcess(where, deadline);
+      std::cout.flush();
+      // Leaves the parent's objects (the socket file above all) to the parent.
+      ::_exit(code);
+    }
+    Child child(pid);
+
+    waitFor(listener.get(), POLLIN, deadline);
+    int accepted;
+    while ((accepted = ::accept(listener.get(), nullptr, nullptr)) < 0) {
+      if (errno != EINTR) sysFail("accept");
+    }
+    Fd const conn(accepted);
+    nonBlockingIs(conn.get());
+
+    RsvpSessionId const session(Lumo::IpGenAddr("10.0.0.2"), RsvpTunnelId(7),
+                                Lumo::IpGenAddr("10.0.0.1"));
+    auto const path = [&](Kel::U32 lsp) { return RsvpSpId(session, RsvpPathId(lsp)); };
+    Kel::Ptr<RsvpSpIdSet> const source = rsvpSpIdSetFactory("activePaths");
+    for (Kel::U32 lsp = 1; lsp <= 3; ++lsp) source->spIdIs(path(lsp));
+    Kel::LogWriter writer(*source);
+    writer.subscriberNew(std::make_unique<Kel::FdSink>(conn.get()));
+
+    // Sends what waits for the socket and collects what the replica says,
+    // until `done`.
+    std::string back;
+    bool open = true;
+    auto const pump = [&](auto done) {
+      while (!done()) {
+        if (writer.subscribers() == 0) throw std::runtime_error("the replica connection broke");
+        if (!open) throw std::runtime_error("the replica closed the connection early");
+        short const want = static_cast<short>(POLLIN | (writer.pending() ? POLLOUT : 0));
+        short const got = waitFor(conn.get(), want, deadline);
+        if (got & POLLOUT) writer.flush();
+        if (got & (POLLIN | POLLHUP | POLLERR)) open = readSome(conn.get(), back);
+      }
+    };
+
+    std::cout << "publisher: snapshot of " << source->spIdSize() << " paths sent\n";
+    pump([&] { return !back.empty() && !writer.pending(); });
+    if (back.front() != kInSync) throw std::runtime_error("unexpected answer from the replica");
+    std::cout << "publisher: the replica is in sync\n";
+
+    source->spIdIs(path(4));
+    writer.flush();
+    std::cout << "publisher: added LSP 4, flushed\n";
+    source->spIdIs(path(5));
+    source->spIdDel(path(2));
+    writer.flush();
+    std::cout << "publisher: added LSP 5, deleted LSP 2, flushed\n";
+    // Added and deleted between two flushes: the frame carries one record,
+    // that LSP 6 is absent.
+    source->spIdIs(path(6));
+    source->spIdDel(path(6));
+    writer.flush();
+    std::cout << "publisher: added and deleted LSP 6, flushed\n";
+    pump([&] { return !writer.pending(); });
+    std::cout << "publisher: " << writer.records() << " records written; closing\n";
+    std::cout.flush();  // before the replica's lines
+    if (::shutdown(conn.get(), SHUT_WR) < 0) sysFail("shutdown");
+
+    pump([&] { return !open; });
+    int const status = child.wait(deadline);
+    std::string const sourceTree = Kel::browseText(*source);
+    std::string const replicaTree = back.substr(1);
+    printPrefixed("source:  ", sourceTree);
+    bool const equal = status == 0 && replicaTree == sourceTree;
+    std::cout << "replica equals source: " << std::boolalpha << equal << "\n";
+    return equal;
+  } catch (std::exception const& e) {
+    std::cout.flush();
+    std::cerr << "replica section failed: " << e.what() << "\n";
+    return false;
+  }
+}
+
 }  // namespace
 
-int main() {
+int main(int argc, char** argv) {
   using namespace Rsvp;
+
+  if (argc == 2 && std::string_view(argv[1]) == "--check-replica") {
+    return replicaSection() ? 0 : 1;
+  }
+  if (argc != 1) {
+    std::cerr << "usage: " << argv[0] << " [--check-replica]\n";
+    return 2;
+  }
 
   section("Identifiers");
   RsvpSessionId const session(Lumo::IpGenAddr("10.0.0.2"), RsvpTunnelId(7),
@@ -77,5 +398,6 @@ int main() {
   paths->spIdIs(RsvpSpId(session, RsvpPathId(4)));
   paths->spIdDel(RsvpSpId(session, RsvpPathId(9)));  // absent: nothing happens
   Kel::browse(std::cout, *paths);
-  return 0;
+
+  return replicaSection() ? 0 : 1;
 }

@@ -22,11 +22,13 @@
 #include <Kel/LogCodec.h>
 #include <Kel/TypeDesc.h>
 
+#include <deque>
 #include <map>
 #include <memory>
 #include <set>
 #include <string_view>
 #include <unordered_map>
+#include <unordered_set>
 #include <vector>
 
 namespace Kel {
@@ -160,7 +162,7 @@ class LogReader {
  private:
   struct Decoded;
   void frameIs(U8 kind, U64 seq, LogIn payload);
-  void decode(LogIn& in, std::vector<Decoded>& out);
+  void decode(LogIn& in, std::deque<Decoded>& out);
   void apply(Decoded& d);
   void sweep();
 
@@ -171,8 +173,22 @@ class LogReader {
   bool snapshot_ = false;
   bool broken_ = false;
   std::unordered_map<U32, Ptr<Entity>> refs_;
-  // Members met during a snapshot, by entity and attribute index.
-  std::set<std::tuple<Entity const*, U32, String>> seen_;
+  // Members met during a snapshot (encoded keys), by entity and attribute.
+  struct SeenKey {
+    Entity const* entity;
+    U32 attr;
+    bool operator==(SeenKey const&) const = default;
+  };
+  struct SeenHash {
+    std::size_t operator()(SeenKey const& k) const noexcept {
+      return std::hash<Entity const*>()(k.entity) * 31 + k.attr;
+    }
+  };
+  struct Named {
+    bool wasEmpty = false;
+    std::unordered_set<String> keys;  // only when it was not empty
+  };
+  std::unordered_map<SeenKey, Named, SeenHash> seen_;
   U64 frames_ = 0;
   U64 records_ = 0;
 };

@@ -93,13 +93,15 @@ int valueOp(TypeDesc const& type, void* result, void const* object, U32 op, void
 GenericValue::GenericValue(TypeDesc const& type) : type_(&type) {
   ValueOps const* ops = type.ops();
   assert(ops && "GenericValue needs a type with value methods.");
-  data_ = ::operator new(ops->size, std::align_val_t(ops->align));
+  data_ = ops->size <= kInline && ops->align <= 16
+              ? static_cast<void*>(inline_)
+              : ::operator new(ops->size, std::align_val_t(ops->align));
   ops->construct(data_);
 }
 
 GenericValue::~GenericValue() {
   type_->ops()->destroy(data_);
-  ::operator delete(data_, std::align_val_t(type_->ops()->align));
+  if (!inlined()) ::operator delete(data_, std::align_val_t(type_->ops()->align));
 }
 
 String GenericValue::strep() const {

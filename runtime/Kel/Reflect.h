@@ -161,7 +161,8 @@ std::unique_ptr<GenericIter> collectionIter(Container const& c, Del del) {
   return std::make_unique<CollectionIter<Container, Del>>(c, std::move(del));
 }
 
-// A value of a type known only by its descriptor.
+// A value of a type known only by its descriptor. Values of up to 64 bytes
+// live inside the object; larger ones on the heap.
 class GenericValue {
  public:
   explicit GenericValue(TypeDesc const& type);
@@ -177,8 +178,12 @@ class GenericValue {
   void strepIs(std::string_view text);
 
  private:
+  static constexpr std::size_t kInline = 64;
+  [[nodiscard]] bool inlined() const noexcept { return data_ == inline_; }
+
   TypeDesc const* type_;
   void* data_;
+  alignas(16) unsigned char inline_[kInline];
 };
 
 }  // namespace Kel

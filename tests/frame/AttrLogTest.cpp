@@ -260,3 +260,18 @@ TEST(ReadOnlyProxy, ReadsPassWritesRaise) {
 }
 
 }  // namespace
+
+namespace {
+
+TEST(AttrLog, ChecksumIsCrc32) {
+  struct {
+    char const* text;
+    Kel::U32 crc;
+  } const cases[] = {{"", 0u},
+                     {"a", 0xe8b7be43u},
+                     {"123456789", 0xcbf43926u},
+                     {"The quick brown fox jumps over the lazy dog", 0x414fa339u}};
+  for (auto const& c : cases) EXPECT_EQ(Kel::crc32(c.text), c.crc) << c.text;
+}
+
+}  // namespace

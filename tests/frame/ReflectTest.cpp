@@ -371,7 +371,7 @@ TEST(Browser, PrintsTheTreeOnceWithSharedAndCyclicEntities) {
                 "    level: 1\n"
                 "    back: -> root/4\n"
                 "  shared: -> root/4\n"
-            "  localOnly: 0\n");
+                "  localOnly: 0\n");
   leaf->nextIs(nullptr);  // reference counts never free a cycle by themselves
 }
 

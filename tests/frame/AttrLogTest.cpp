@@ -10,6 +10,8 @@
 
 #include <gtest/gtest.h>
 
+#include "SampleIds.h"
+
 #include <random>
 #include <vector>
 
@@ -18,11 +20,7 @@ namespace {
 using namespace Rsvp;
 using Sample::Root;
 
-RsvpSpId spId(Kel::U32 lsp) {
-  return RsvpSpId(
-      RsvpSessionId(Lumo::IpGenAddr("10.0.0.2"), RsvpTunnelId(7), Lumo::IpGenAddr("10.0.0.1")),
-      RsvpPathId(lsp));
-}
+using SampleIds::spId;
 
 // The records of a stream of frames, as (entity reference, attribute id).
 std::vector<std::pair<Kel::U32, Kel::S32>> records(std::string const& bytes) {

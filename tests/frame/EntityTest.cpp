@@ -6,6 +6,8 @@
 
 #include <gtest/gtest.h>
 
+#include "SampleIds.h"
+
 #include <functional>
 #include <map>
 #include <string>
@@ -17,11 +19,7 @@ using namespace Rsvp;
 using Sample::Leaf;
 using Sample::Root;
 
-RsvpSpId spId(Kel::U32 lsp) {
-  return RsvpSpId(
-      RsvpSessionId(Lumo::IpGenAddr("10.0.0.2"), RsvpTunnelId(7), Lumo::IpGenAddr("10.0.0.1")),
-      RsvpPathId(lsp));
-}
+using SampleIds::spId;
 
 // Records every callback as "attribute" or "attribute(key)".
 class Recorder : public Root::NotifieeConst {

@@ -6,6 +6,8 @@
 
 #include <gtest/gtest.h>
 
+#include "SampleIds.h"
+
 #include <map>
 #include <random>
 #include <sstream>
@@ -16,11 +18,7 @@ namespace {
 using namespace Rsvp;
 using Sample::Root;
 
-RsvpSpId spId(Kel::U32 lsp) {
-  return RsvpSpId(
-      RsvpSessionId(Lumo::IpGenAddr("10.0.0.2"), RsvpTunnelId(7), Lumo::IpGenAddr("10.0.0.1")),
-      RsvpPathId(lsp));
-}
+using SampleIds::spId;
 
 template <class T>
 int op(T& object, char const* attr, Kel::U32 code, void* result, void const* arg1 = nullptr,

@@ -1,0 +1,63 @@
+// Tracing: levels per facility, the replaceable sink, formatting only when
+// enabled, and the errors of the setup.
+#include <Rsvp/Rsvp.h>
+#include <Rsvp/RsvpTrace.h>
+
+#include <gtest/gtest.h>
+
+#include <string>
+#include <vector>
+
+namespace {
+
+struct Captured {
+  std::vector<std::string> lines;
+  Captured() {
+    Rsvp::traceSinkIs([this](std::string_view f, int level, std::string_view line) {
+      lines.push_back(std::string(f) + "[" + std::to_string(level) + "] " + std::string(line));
+    });
+  }
+  ~Captured() {
+    Rsvp::traceSinkIs(nullptr);
+    for (Rsvp::TraceFacility* f : Rsvp::traceFacilities()) f->levelIs(-1);
+  }
+};
+
+TEST(Trace, LevelsPerFacility) {
+  Captured c;
+  Rsvp::traceLevelIs("RsvpRawData", 8);
+  int formatted = 0;
+  auto count = [&] {
+    ++formatted;
+    return "x";
+  };
+  RSVP_TRACE(Rsvp::rawDataTrace(), 8, "entry " << count());
+  RSVP_TRACE(Rsvp::rawDataTrace(), 9, "decision " << count());
+  RSVP_TRACE(Rsvp::msgTrace(), 0, "other facility " << count());
+  EXPECT_EQ(c.lines, std::vector<std::string>{"RsvpRawData[8] entry x"});
+  EXPECT_EQ(formatted, 1) << "a disabled line is never formatted";
+  Rsvp::traceLevelIs("RsvpRawData", 9);
+  RSVP_TRACE(Rsvp::rawDataTrace(), 9, "len=" << 3);
+  EXPECT_EQ(c.lines.back(), "RsvpRawData[9] len=3");
+}
+
+TEST(Trace, SetupErrors) {
+  try {
+    Rsvp::traceLevelIs("Nope", 1);
+    FAIL();
+  } catch (Kel::RangeException const& e) {
+    EXPECT_STREQ(e.what(), "Unknown trace facility 'Nope'");
+  }
+  try {
+    Rsvp::rawDataTrace().levelIs(10);
+    FAIL();
+  } catch (Kel::RangeException const& e) {
+    EXPECT_STREQ(e.what(), "TraceFacility::level < -1 or > 9 not allowed");
+  }
+  EXPECT_EQ(Rsvp::rawDataTrace().level(), -1);
+  for (Rsvp::TraceFacility* f : Rsvp::traceFacilities()) {
+    EXPECT_EQ(Rsvp::traceFacility(f->name()), f);
+  }
+}
+
+}  // namespace

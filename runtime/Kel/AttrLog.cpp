@@ -361,6 +361,10 @@ void LogWriter::subscriberNew(std::unique_ptr<LogSink> sink) {
   if (s.sink->write(bytes)) sinks_.push_back(std::move(s));
 }
 
+void LogWriter::subscriberDel(LogSink const* sink) {
+  std::erase_if(sinks_, [sink](Subscriber const& s) { return s.sink.get() == sink; });
+}
+
 void LogWriter::flush() {
   if (!dirty_.empty()) {
     String payload;

@@ -94,6 +94,8 @@ class LogWriter {
   // A new subscriber: it receives a snapshot of the whole tree and an
   // in-sync marker at once, then every later flush.
   void subscriberNew(std::unique_ptr<LogSink> sink);
+  // Drops a subscriber (its sink is destroyed); unknown sinks are ignored.
+  void subscriberDel(LogSink const* sink);
   [[nodiscard]] std::size_t subscribers() const noexcept { return sinks_.size(); }
   // Writes one frame with every change since the last flush to every
   // subscriber, and retries pending bytes. Drops broken subscribers.
@@ -151,6 +153,14 @@ class LogReader {
   // Reads what is available on a non-blocking descriptor and applies it;
   // answers false at the end of the stream or when the connection broke.
   bool readFrom(int fd);
+  // The descriptor the caller's loop watches for readability, and the call
+  // to make when it is readable. fdIs() also resets for the new connection.
+  void fdIs(int fd) {
+    reset();
+    fd_ = fd;
+  }
+  [[nodiscard]] int fd() const noexcept { return fd_; }
+  bool readAvailable() { return readFrom(fd_); }
   // Forgets the connection's state, for a new subscription.
   void reset();
 
@@ -167,6 +177,7 @@ class LogReader {
   void sweep();
 
   Entity* replica_;
+  int fd_ = -1;
   String pending_;
   U64 expectedSeq_ = 1;
   bool inSync_ = false;

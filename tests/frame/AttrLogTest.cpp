@@ -12,6 +12,9 @@
 
 #include "SampleIds.h"
 
+#include <fcntl.h>
+#include <unistd.h>
+
 #include <random>
 #include <vector>
 
@@ -159,6 +162,28 @@ TEST(AttrLog, BadBytesAreRefusedAndTheReplicaKept) {
     EXPECT_EQ(Kel::browseText(*fresh.replica), start) << "byte " << i;
     EXPECT_FALSE(fresh.reader.inSync());
   }
+}
+
+TEST(AttrLog, OverAPipe) {
+  Link link;
+  int fds[2];
+  ASSERT_EQ(::pipe2(fds, O_NONBLOCK), 0);
+  link.source->countIs(9);
+  auto sink = std::make_unique<Kel::FdSink>(fds[1]);
+  Kel::LogSink const* const sinkPtr = sink.get();
+  link.writer.subscriberNew(std::move(sink));
+  link.reader.fdIs(fds[0]);
+  EXPECT_TRUE(link.reader.readAvailable());
+  EXPECT_TRUE(link.reader.inSync());
+  link.source->labelIs("piped");
+  link.writer.flush();
+  EXPECT_TRUE(link.reader.readAvailable());
+  EXPECT_TRUE(link.same());
+  link.writer.subscriberDel(sinkPtr);
+  EXPECT_EQ(link.writer.subscribers(), 0u);
+  ::close(fds[1]);
+  EXPECT_FALSE(link.reader.readAvailable()) << "end of stream";
+  ::close(fds[0]);
 }
 
 TEST(AttrLog, GapIsDetected) {

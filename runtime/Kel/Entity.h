@@ -72,6 +72,10 @@ class Entity : public PtrInterface {
   [[nodiscard]] std::vector<NotifieeBase*> notifieeList() const;
   [[nodiscard]] bool hasNotifiees() const noexcept { return list_ && list_->live > 0; }
 
+  // A replica rebuilt from an attribute log takes the name of the entity it
+  // mirrors.
+  void nameIsFromBackup(Name name) { name_ = std::move(name); }
+
   // For the framework: the owner sets and clears the parent.
   void parentIs(Entity* parent) noexcept { parent_ = parent; }
 

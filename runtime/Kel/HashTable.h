@@ -110,12 +110,12 @@ class HashTable {
         if ((*link)->rhash == rh && (*link)->key == key) return {&(*link)->value, false};
       }
       if (size_ < (std::size_t{1} << bits_))
-        return {&link_(link, rh, key, std::forward<Args>(args)...)->value, true};
+        return {&linkNode(link, rh, key, std::forward<Args>(args)...)->value, true};
     }
     grow();
     Node** link = &buckets_[rh >> shift()];
     while (*link && (*link)->rhash <= rh) link = &(*link)->next;
-    return {&link_(link, rh, key, std::forward<Args>(args)...)->value, true};
+    return {&linkNode(link, rh, key, std::forward<Args>(args)...)->value, true};
   }
 
   // Removes `key`; answers whether it was present.
@@ -186,7 +186,7 @@ class HashTable {
   }
 
   template <class... Args>
-  Node* link_(Node** link, U32 rh, K const& key, Args&&... args) {
+  Node* linkNode(Node** link, U32 rh, K const& key, Args&&... args) {
     Node* n = new Node{*link, rh, key, V(std::forward<Args>(args)...)};
     *link = n;
     ++size_;

@@ -8,7 +8,7 @@ import re
 import yaml
 
 from .types import (ALIASES, ATTR_KINDS, Attr, Bound, Enum, Enumerator, EntityAttr, EntityType,
-                    Model, Unit, ValueType)
+                    Model, Unit, ValueType, View)
 
 IDENT = re.compile(r"^[A-Za-z_][A-Za-z0-9_]*$")
 TRAITS = {"hash", "less"}
@@ -16,7 +16,7 @@ TRAITS = {"hash", "less"}
 UNIT_KEYS = {"unit", "doc", "types"}
 ENUM_KEYS = {"enum", "doc", "values"}
 VALUE_KEYS = {"value", "doc", "strep", "traits", "attrs", "methods"}
-ATTR_KEYS = {"name", "type", "doc", "const", "default", "range"}
+ATTR_KEYS = {"name", "type", "doc", "const", "default", "range", "view", "derived"}
 ENTITY_KEYS = {"entity", "doc", "base", "baseArgs", "named", "key", "methods", "attrs"}
 ENTITY_ATTR_KEYS = {"name", "kind", "type", "key", "doc", "default", "range", "ctor", "const",
                     "id", "logged"}
@@ -168,6 +168,8 @@ def _define_value(model, type_, body, where):
     type_.has_hash = "hash" in type_.traits
     type_.has_less = "less" in type_.traits
     type_.methods = list(body.get("methods", []) or [])
+    # Constants first, so that a default or a bound may name one declared later.
+    pending = []
     for raw in body["attrs"] or []:
         name, awhere = _new_attr_name(type_, raw, where, ATTR_KEYS, ("name", "type"))
         attr = Attr(name, resolve_type(model, raw["type"], type_.ns, awhere), raw.get("doc"))
@@ -175,13 +177,54 @@ def _define_value(model, type_, body, where):
             if "default" in raw or "range" in raw:
                 _fail(awhere, "a constant takes neither 'default' nor 'range'")
             attr.const = _literal(attr, raw["const"], awhere)
+        type_.attrs.append(attr)
+        pending.append((attr, raw, awhere))
+    for attr, raw, awhere in pending:
         if "default" in raw:
             attr.default = _initialiser(type_, attr, raw["default"], awhere)
         if "range" in raw:
             _set_range(model, type_, attr, raw["range"], awhere)
-        type_.attrs.append(attr)
+        if "view" in raw or raw.get("derived"):
+            if set(raw) & {"const", "default", "range"}:
+                _fail(awhere, "a derived attribute takes no 'const', 'default' or 'range'")
+            if "view" in raw:
+                attr.view = _view(type_, attr, raw["view"], awhere)
+            else:
+                attr.hand = True
     if not type_.fields and type_.strep == "repr":
         _fail(where, "a value type needs at least one attribute that is not a constant")
+
+
+def _view(type_, attr, raw, where):
+    """{of: stored, bit: n} or {of: stored, bits: [lo, hi]} for integer and bool
+    views; {of: stored, fallback: enumerator} for an enumeration."""
+    _check_keys(where, raw, {"of", "bit", "bits", "fallback"}, ("of",))
+    of = next((a for a in type_.attrs if a.name == raw["of"] and not a.is_derived
+               and not a.is_const), None)
+    if of is None:
+        _fail(where, f"'{raw['of']}' is not a stored attribute")
+    flag_set = of.type.category == "value" and [f.type.name for f in of.type.fields] == ["Lumo::NetU8"]
+    if of.type.category != "int" and of.type.name != "Lumo::NetU8" and not flag_set:
+        _fail(where, "a view reads an unsigned integer, a Lumo::NetU8 or a flag set")
+    if attr.type.category == "enum":
+        fallback = raw.get("fallback")
+        if not any(e.name == fallback for e in attr.type.enumerators):
+            _fail(where, f"an enumeration view needs a 'fallback' enumerator of {attr.type.name}")
+        return View(of, fallback=fallback)
+    if "bit" in raw:
+        lo = hi = raw["bit"]
+    elif "bits" in raw and isinstance(raw["bits"], list) and len(raw["bits"]) == 2:
+        lo, hi = raw["bits"]
+    else:
+        _fail(where, "a bit view needs 'bit' or 'bits: [lo, hi]'")
+    width = of.type.bits if of.type.category == "int" else 8
+    if not (isinstance(lo, int) and isinstance(hi, int) and 0 <= lo <= hi < width):
+        _fail(where, f"bits {lo} to {hi} do not fit in {of.type.name}")
+    if attr.type.category == "bool" and lo != hi:
+        _fail(where, "a bool view reads one bit")
+    if attr.type.category not in ("bool", "int"):
+        _fail(where, f"a bit view is a bool or an integer, not {attr.type.name}")
+    return View(of, lo, hi)
 
 
 def _literal(attr, value, where):

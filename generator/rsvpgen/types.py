@@ -127,6 +127,37 @@ class Bound:
         self.owner = None   # the value type whose constant this is, if another
 
 
+class View:
+    """A derived attribute's reading of a stored one: bits `lo` to `hi` of an
+    integer (or of a network byte), or an enumeration decoded from a raw
+    number with a fallback for numbers without an enumerator."""
+
+    def __init__(self, of, lo=None, hi=None, fallback=None):
+        self.of = of
+        self.lo = lo
+        self.hi = hi
+        self.fallback = fallback
+
+    @property
+    def raw(self):
+        """C++ expression of the stored integer, in a member function."""
+        member = self.of.member
+        if self.of.type.category == "lumo":
+            return f"{member}.value()"
+        if self.of.type.category == "value":  # a flag set: its network byte
+            return f"{member}.value().value()"
+        return member
+
+    @property
+    def mask(self):
+        return hex(((1 << (self.hi - self.lo + 1)) - 1) << self.lo)
+
+    @property
+    def raw_cpp(self):
+        """C++ type of the stored integer."""
+        return self.of.type.cpp if self.of.type.category == "int" else "Kel::U8"
+
+
 class Attr:
     def __init__(self, name, type_, doc=None):
         self.name = name
@@ -136,10 +167,16 @@ class Attr:
         self.default = None    # C++ initialiser, None for the type's own default
         self.min = None        # Bound or None
         self.max = None
+        self.view = None       # View of a derived attribute
+        self.hand = False      # derived by a hand-written getter
 
     @property
     def is_const(self):
         return self.const is not None
+
+    @property
+    def is_derived(self):
+        return self.view is not None or self.hand
 
     @property
     def checked(self):
@@ -189,8 +226,9 @@ class ValueType(Type):
 
     @property
     def fields(self):
-        """The stored attributes (constants excluded), in declaration order."""
-        return [a for a in self.attrs if not a.is_const]
+        """The stored attributes (constants and derived ones excluded), in
+        declaration order."""
+        return [a for a in self.attrs if not a.is_const and not a.is_derived]
 
     @property
     def constants(self):

@@ -13,7 +13,7 @@ from .types import (ALIASES, ATTR_KINDS, Attr, Bound, Enum, Enumerator, EntityAt
 IDENT = re.compile(r"^[A-Za-z_][A-Za-z0-9_]*$")
 TRAITS = {"hash", "less"}
 
-UNIT_KEYS = {"unit", "doc", "types"}
+UNIT_KEYS = {"unit", "doc", "types", "includes"}
 ENUM_KEYS = {"enum", "doc", "values"}
 VALUE_KEYS = {"value", "doc", "strep", "traits", "attrs", "methods"}
 ATTR_KEYS = {"name", "type", "doc", "const", "default", "range", "view", "derived"}
@@ -87,6 +87,7 @@ def _declare_unit(model, rel, data):
     if any(u.name == name for u in model.units):
         _fail(rel, f"duplicate unit '{name}'")
     unit = Unit(name, rel, os.path.dirname(rel), data.get("doc"))
+    unit.extra_includes = list(data.get("includes", []) or [])
     model.units.append(unit)
     bodies = []
     for body in data["types"] or []:
@@ -389,7 +390,9 @@ def _define_entity_attr(model, type_, attr, raw, where):
         _fail(where, f"{attr.key.name} has no operator<, which an ordered-map needs")
     if attr.owns_children and kind != "child":
         child = attr.type
-        if child.key is None or child.key.type is not attr.key:
+        # A keyed child must be keyed by the collection's key; an unkeyed one
+        # is only named after it.
+        if child.key is not None and child.key.type is not attr.key:
             _fail(where, f"{child.name} must be keyed by {attr.key.name} to live in this collection")
     if raw.get("ctor"):
         if kind != "plain":
@@ -448,5 +451,6 @@ def _unit_includes(unit):
                 includes.add("Kel/OrderedMap.h")
             elif kind == "queue":
                 includes.add("Kel/Queue.h")
+    includes.update(unit.extra_includes)
     includes.discard(f"Rsvp/{unit.name}.h")
     return sorted(includes)

@@ -257,6 +257,7 @@ class Unit:
         self.types = []
         self.includes = []     # headers of other units and of the runtime
         self.imported = False  # generated elsewhere; only its types are used
+        self.extra_includes = []  # headers the hand-written declarations need
 
     @property
     def enums(self):

@@ -17,7 +17,7 @@ UNIT_KEYS = {"unit", "doc", "types", "includes"}
 ENUM_KEYS = {"enum", "doc", "values"}
 VALUE_KEYS = {"value", "doc", "strep", "traits", "attrs", "methods"}
 ATTR_KEYS = {"name", "type", "doc", "const", "default", "range", "view", "derived"}
-ENTITY_KEYS = {"entity", "doc", "base", "baseArgs", "named", "key", "methods", "attrs"}
+ENTITY_KEYS = {"entity", "doc", "base", "baseArgs", "named", "key", "methods", "members", "attrs"}
 ENTITY_ATTR_KEYS = {"name", "kind", "type", "key", "doc", "default", "range", "ctor", "const",
                     "id", "logged"}
 
@@ -319,6 +319,7 @@ def _define_entity(model, type_, body, where):
         type_.base = base
     type_.named = bool(body.get("named", False))
     type_.methods = list(body.get("methods", []) or [])
+    type_.members = list(body.get("members", []) or [])
     if "key" in body:
         raw = body["key"]
         _check_keys(f"{where}.key", raw, {"name", "type", "doc"}, ("name", "type"))

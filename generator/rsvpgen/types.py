@@ -425,6 +425,7 @@ class EntityType(Type):
         self.key = None       # the EntityAttr holding the key, if keyed
         self.attrs = []       # own attributes, declaration order
         self.methods = []
+        self.members = []     # hand-written private data members
 
     @property
     def depth(self):

@@ -1,7 +1,7 @@
 // A walk through the library as an agent uses it: identifiers and values are
-// built, printed, parsed back, compared and hashed; an entity notifies its
-// observers, the state browser prints it, and a replica in a forked process
-// follows it over a Unix socket. `--check-replica` runs only the last part.
+// built, printed, parsed, compared and hashed; an entity notifies observers
+// and is browsed; a message arriving again is told a refresh or a change; a
+// forked replica follows the entity over a Unix socket (alone: --check-replica).
 #include <Kel/AttrLog.h>
 #include <Rsvp/Rsvp.h>
 
@@ -398,6 +398,65 @@ int main(int argc, char** argv) {
   paths->spIdIs(RsvpSpId(session, RsvpPathId(4)));
   paths->spIdDel(RsvpSpId(session, RsvpPathId(9)));  // absent: nothing happens
   Kel::browse(std::cout, *paths);
+
+  section("Refresh or change");
+  // A Path message as the previous hop sends it, every object filled in;
+  // `via` is the middle hop of its explicit route. The ttl, the time of
+  // reception and the message id differ from one arrival to the next even
+  // when the sender changed nothing.
+  auto const arrival = [](char const* via, Kel::U8 ttl, Kel::Seconds at, Kel::U32 msgId) {
+    using Lumo::IpGenAddr;
+    auto m = rsvpPathMsgFactory();
+    m->srcIpIs(IpGenAddr("10.1.0.1"));
+    m->dstIpIs(IpGenAddr("10.0.0.2"));
+    m->neighborIpIs(IpGenAddr("10.1.0.1"));
+    m->ttlIs(ttl);
+    m->recvTimestampIs(at);
+    m->msgIdObjIs(RsvpMsgIdObj(true, 1, msgId));
+    m->sessionObjIs(RsvpSessionObj(IpGenAddr("10.0.0.2"), 7, IpGenAddr("10.0.0.1")));
+    m->hopObjIs(RsvpHopObj(IpGenAddr("10.1.0.1"), 4));
+    m->timeValuesObjIs(RsvpTimeValuesObj(30000));
+    m->senderTemplateObjIs(RsvpSenderTemplateObj(IpGenAddr("10.0.0.1"), 3));
+    RsvpSenderTspecObj tspec;
+    tspec.tokenBucketRateIs(1.25e6f);
+    tspec.peakDataRateIs(1.25e6f);
+    m->senderTspecObjIs(tspec);
+    m->labelRequestObjIs(RsvpLabelRequestObj(0x0800));
+    RsvpSessionAttributeObj attributes;
+    attributes.setupPriorityIs(7);
+    attributes.holdPriorityIs(7);
+    attributes.sessionNameIs("pe1-to-pe2");
+    m->sessionAttributeObjIs(attributes);
+    auto ero = rsvpExplicitRouteObjFactory();
+    Kel::U32 index = 0;
+    for (char const* hop : {"10.1.0.2", via, "10.0.0.2"}) {
+      ero->hopIs(index++, RsvpEroHopSubObj(false, Lumo::IpGenPrefix(IpGenAddr(hop), 32), 0));
+    }
+    m->explicitRouteObjIs(ero);
+    auto rro = rsvpRecordRouteObjFactory();
+    rro->hopIs(0, RsvpRroHopSubObj(IpGenAddr("10.0.0.1"), 0, Lumo::MplsLabel(), 0));
+    rro->hopIs(1, RsvpRroHopSubObj(IpGenAddr("10.1.0.1"), 0, Lumo::MplsLabel(), 0));
+    m->recordRouteObjIs(rro);
+    return m;
+  };
+  // The path state holds the last message accepted. One equal to it only
+  // refreshes the state; any other is a change, processed and sent on at once.
+  Kel::Ptr<RsvpPathMsg const> held;
+  auto const receive = [&](Kel::Ptr<RsvpPathMsg const> const& m) {
+    std::cout << "ttl " << +m->ttl() << ", received at " << m->recvTimestamp() << " s, message id "
+              << m->msgIdObj().msgId() << ", route";
+    for (auto it = m->explicitRouteObj()->hopIter(); !it.done(); ++it) {
+      std::cout << " " << it.value().prefix();
+    }
+    char const* const verdict = !held            ? "new (trigger)"
+                                : held->equal(m) ? "refresh (unchanged)"
+                                                 : "change (trigger)";
+    std::cout << "\nPath from " << m->hopIp() << " for " << m->spId() << ": " << verdict << "\n";
+    held = m;
+  };
+  receive(arrival("10.2.0.2", 254, 100.0, 1));
+  receive(arrival("10.2.0.2", 253, 130.5, 2));
+  receive(arrival("10.3.0.2", 253, 161.0, 3));
 
   return replicaSection() ? 0 : 1;
 }

@@ -485,6 +485,15 @@ class EntityType(Type):
     def factory(self):
         return self.short[0].lower() + self.short[1:] + "Factory"
 
+    def index_of(self, attr):
+        """Reflection index of one of this chain's attributes."""
+        owner = attr.owner
+        return owner.first_index + owner.attrs.index(attr)
+
+    @property
+    def ctor_indices(self):
+        return [self.index_of(p) for p in self.ctor_params]
+
     @property
     def root_base(self):
         return self if self.base is None else self.base.root_base

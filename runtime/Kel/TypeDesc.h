@@ -147,6 +147,10 @@ using GenericNotifieeFn = std::unique_ptr<NotifieeBase> (*)(Entity const* entity
 // Makes a parentless entity from a name, or for a keyed type from the key's
 // text (raising Kel::RangeException when it does not parse).
 using CreateFn = Ptr<Entity> (*)(std::string_view nameOrKey);
+// Makes a parentless entity from pointers to its constructor arguments (the
+// attributes listed by ctorAttrs(), in that order), named as its factory
+// names it.
+using CreateWithArgsFn = Ptr<Entity> (*)(void const* const* args);
 
 class TypeDesc {
  public:
@@ -158,6 +162,9 @@ class TypeDesc {
     ConstructFromArgsFn constructFromArgs = nullptr;  // value types
     GenericNotifieeFn genericNotifiee = nullptr;      // entities
     CreateFn create = nullptr;                        // entities made from a name or key alone
+    CreateWithArgsFn createWithArgs = nullptr;        // unnamed entities
+    std::span<U32 const> ctorAttrs = {};              // indices of the constructor arguments
+    U32 keyAttr = 0;                                  // index of the key, 0 when unkeyed
     EnumDesc const* enumDesc = nullptr;               // enumerations
   };
 
@@ -182,6 +189,11 @@ class TypeDesc {
     return parts_.constructFromArgs;
   }
   [[nodiscard]] constexpr CreateFn create() const noexcept { return parts_.create; }
+  [[nodiscard]] constexpr CreateWithArgsFn createWithArgs() const noexcept {
+    return parts_.createWithArgs;
+  }
+  [[nodiscard]] constexpr std::span<U32 const> ctorAttrs() const noexcept { return parts_.ctorAttrs; }
+  [[nodiscard]] constexpr U32 keyAttr() const noexcept { return parts_.keyAttr; }
 
   // Whether this type is `other` or derives from it.
   [[nodiscard]] bool isA(TypeDesc const& other) const noexcept {

@@ -119,9 +119,12 @@ struct LogWriter::Tracked {
   std::set<U32> dirtyAttrs;                   // attribute indices
   std::map<U32, std::set<String>> dirtyKeys;  // attribute index -> encoded keys
   bool queued = false;
-  bool dead = false;  // no longer tracked; skipped by the flush that meets it
-  // Tracked children by (attribute index, encoded key; empty for a slot).
-  std::map<std::pair<U32, String>, Entity*> children;
+  bool dead = false;    // no longer tracked; skipped by the flush that meets it
+  bool shared = false;  // held by references or queues, not owned in the tree
+  int holders = 0;      // of a shared entity: the places that refer to it
+  // What this entity holds, by (attribute index, encoded key; empty for a
+  // slot or a reference): owned children, or shared entities (true).
+  std::map<std::pair<U32, String>, std::pair<Entity*, bool>> children;
 };
 
 class LogWriter::Tracker : public GenericNotifiee {
@@ -160,7 +163,56 @@ void LogWriter::untrack(Entity& e) {
   gone->notifiee.reset();
   graveyard_.push_back(std::move(it->second));
   tracked_.erase(it);
-  for (auto& [where, child] : gone->children) untrack(*child);
+  for (auto& [where, held] : gone->children) drop(held);
+}
+
+void LogWriter::drop(std::pair<Entity*, bool> const& held) {
+  if (!held.second) {
+    untrack(*held.first);
+    return;
+  }
+  auto it = tracked_.find(held.first);
+  if (it != tracked_.end() && --it->second->holders <= 0) untrack(*held.first);
+}
+
+void LogWriter::writeCtorArgs(LogOut& out, TypeDesc const& declared, Entity const& e,
+                              bool withKey) {
+  TypeDesc const& type = e.fwkType();
+  for (U32 index : declared.ctorAttrs()) {
+    if (!withKey && index == declared.keyAttr()) continue;
+    KelAttr const& a = *declared.attr(index);
+    GenericValue v(*a.type);
+    type.attributeOp(v.get(), const_cast<Entity*>(&e), &a, attrOpRead);
+    a.type->ops()->logWrite(out, v.get());
+  }
+}
+
+Entity* LogWriter::writeShared(LogOut& out, Tracked& holder, std::pair<U32, String> const& where,
+                               TypeDesc const& declared, Entity const* target) {
+  auto const old = holder.children.find(where);
+  if (old != holder.children.end() && old->second.first != target) {
+    drop(old->second);
+    holder.children.erase(old);
+  }
+  if (!target) {
+    out.u32(0);
+    out.u8(0);
+    return nullptr;
+  }
+  Entity* const e = const_cast<Entity*>(target);
+  auto const found = tracked_.find(e);
+  bool const fresh = found == tracked_.end() ||
+                     (snapshotting_ && found->second->shared && !snapshotWritten_.count(e));
+  Tracked& t = track(*e);
+  if (found == tracked_.end()) t.shared = true;
+  if (t.shared && !holder.children.count(where)) {
+    ++t.holders;
+    holder.children[where] = {e, true};
+  }
+  out.u32(t.ref);
+  out.u8(fresh ? 1 : 0);
+  if (fresh) writeCtorArgs(out, declared, *e, true);
+  return fresh ? e : nullptr;
 }
 
 void LogWriter::changed(Entity const& e, KelAttr const& attr, void const* key) {
@@ -198,8 +250,8 @@ void LogWriter::writeAttr(LogOut& out, Tracked& t, KelAttr const& attr) {
       type.attributeOp(&child, &e, &attr, attrOpRead);
       auto const key = std::make_pair(attr.index, String());
       auto const old = t.children.find(key);
-      if (old != t.children.end() && old->second != child.get()) {
-        untrack(*old->second);
+      if (old != t.children.end() && old->second.first != child.get()) {
+        drop(old->second);
         t.children.erase(old);
       }
       if (!child) {
@@ -210,9 +262,10 @@ void LogWriter::writeAttr(LogOut& out, Tracked& t, KelAttr const& attr) {
       Entity* const c = const_cast<Entity*>(child.get());
       bool const fresh = snapshotting_ || !tracked_.count(c);
       Tracked& ct = track(*c);
-      t.children[key] = c;
+      t.children[key] = {c, false};
       std::size_t const at = openRecord(out, t.ref, id);
       out.u32(ct.ref);
+      writeCtorArgs(out, *attr.type, *c, true);
       closeRecord(out, at);
       ++records_;
       if (fresh) writeEntity(out, ct);
@@ -226,11 +279,12 @@ void LogWriter::writeAttr(LogOut& out, Tracked& t, KelAttr const& attr) {
       }
       Ptr<Entity const> target;
       type.attributeOp(&target, &e, &attr, attrOpRead);
-      auto const found = target ? tracked_.find(target.get()) : tracked_.end();
       std::size_t const at = openRecord(out, t.ref, id);
-      out.u32(found == tracked_.end() ? 0 : found->second->ref);
+      Entity* const fresh =
+          writeShared(out, t, std::make_pair(attr.index, String()), *attr.type, target.get());
       closeRecord(out, at);
       ++records_;
+      if (fresh) writeFresh(out, *fresh);
       return;
     }
     default: return;  // constants, derived and fixed attributes are not state to send
@@ -253,23 +307,32 @@ void LogWriter::writeMember(LogOut& out, Tracked& t, KelAttr const& attr, String
       out.bytes(key.data(), key.size());
     }
   } else if (attr.type->kind() == TypeKind::entity) {
-    if (attr.kind == AttrKind::queue) return;  // shared entities are not replicated
     Ptr<Entity const> child;
     present = type.attributeOp(&child, &e, &attr, attrOpMemberRead, k.get()) == attrDone;
     auto const where = std::make_pair(attr.index, key);
     auto const old = t.children.find(where);
-    if (old != t.children.end() && (!present || old->second != child.get())) {
-      untrack(*old->second);
+    if (old != t.children.end() && (!present || old->second.first != child.get())) {
+      drop(old->second);
       t.children.erase(old);
+    }
+    if (present && attr.kind == AttrKind::queue) {
+      at = openRecord(out, t.ref, id);
+      out.bytes(key.data(), key.size());
+      Entity* const fresh = writeShared(out, t, where, *attr.type, child.get());
+      closeRecord(out, at);
+      ++records_;
+      if (fresh) writeFresh(out, *fresh);
+      return;
     }
     if (present) {
       Entity* const c = const_cast<Entity*>(child.get());
       bool const fresh = snapshotting_ || !tracked_.count(c);
       Tracked& ct = track(*c);
-      t.children[where] = c;
+      t.children[where] = {c, false};
       at = openRecord(out, t.ref, id);
       out.bytes(key.data(), key.size());
       out.u32(ct.ref);
+      writeCtorArgs(out, *attr.type, *c, false);
       closeRecord(out, at);
       ++records_;
       if (fresh) writeEntity(out, ct);
@@ -322,9 +385,16 @@ void LogWriter::writeEntity(LogOut& out, Tracked& t) {
   });
 }
 
+void LogWriter::writeFresh(LogOut& out, Entity& e) {
+  if (snapshotting_) snapshotWritten_.insert(&e);
+  writeEntity(out, *tracked_.at(&e));
+}
+
 void LogWriter::writeDeferredRefs(LogOut& out) {
   writingRefs_ = true;
-  for (auto const& [t, attr] : deferredRefs_) {
+  // Writing a shared entity may defer more references: go on until none.
+  for (std::size_t i = 0; i < deferredRefs_.size(); ++i) {
+    auto const [t, attr] = deferredRefs_[i];
     if (!t->dead) writeAttr(out, *t, *attr);
   }
   writingRefs_ = false;
@@ -351,8 +421,9 @@ void LogWriter::subscriberNew(std::unique_ptr<LogSink> sink) {
   LogOut out(payload);
   snapshotting_ = true;
   writeEntity(out, *tracked_.at(root_));
-  snapshotting_ = false;
   writeDeferredRefs(out);
+  snapshotting_ = false;
+  snapshotWritten_.clear();
   graveyard_.clear();
   Subscriber s{std::move(sink), 0};
   String bytes;
@@ -420,6 +491,14 @@ struct LogReader::Decoded {
   std::optional<GenericValue> keyValue;
   std::optional<GenericValue> value;
   U32 childRef = 0;
+  bool fresh = false;                               // a shared entity announced by this record
+  std::vector<std::unique_ptr<GenericValue>> args;  // constructor arguments of a new entity
+
+  [[nodiscard]] std::vector<void const*> argPointers() const {
+    std::vector<void const*> out;
+    for (auto const& a : args) out.push_back(a->get());
+    return out;
+  }
 };
 
 LogReader::LogReader(Entity& replica) : replica_(&replica) { reset(); }
@@ -434,6 +513,7 @@ void LogReader::reset() {
   broken_ = false;
   refs_.clear();
   refs_[1] = replica_;
+  sharedRefs_.clear();
   seen_.clear();
 }
 
@@ -513,6 +593,7 @@ void LogReader::frameIs(U8 kind, U64 seq, LogIn payload) {
     inSync_ = false;
     refs_.clear();
     refs_[1] = replica_;
+    sharedRefs_.clear();
     seen_.clear();
   } else if (!inSync_) {
     throw LogException("Changes before the snapshot in the attribute log");
@@ -520,7 +601,14 @@ void LogReader::frameIs(U8 kind, U64 seq, LogIn payload) {
   std::deque<Decoded> records;
   decode(payload, records);
   try {
-    for (Decoded& d : records) apply(d);
+    bool removals = false;
+    for (Decoded& d : records) {
+      apply(d);
+      removals =
+          removals ||
+          (d.del && (d.attr->kind == AttrKind::child || d.attr->type->kind() == TypeKind::entity));
+    }
+    if (removals) prune();
   } catch (LogException const&) {
     throw;
   } catch (std::exception const& e) {
@@ -538,13 +626,39 @@ void LogReader::decode(LogIn& in, std::deque<Decoded>& out) {
     if (auto const r = refs_.find(ref); r != refs_.end()) return &r->second->fwkType();
     return nullptr;
   };
+  LogIn value(nullptr, 0);
+  // A new entity's constructor arguments (all, or all but its key).
+  auto readArgs = [&](Decoded& d, TypeDesc const& declared, bool withKey) {
+    for (U32 index : declared.ctorAttrs()) {
+      if (!withKey && index == declared.keyAttr()) continue;
+      KelAttr const* arg = declared.attr(index);
+      d.args.push_back(std::make_unique<GenericValue>(*arg->type));
+      arg->type->ops()->logRead(value, d.args.back()->get());
+    }
+  };
+  // A reference to a shared entity: known already, or announced here.
+  auto readShared = [&](Decoded& d, TypeDesc const& declared) {
+    d.childRef = value.u32();
+    U8 const fresh = value.u8();
+    if (fresh > 1 || (fresh && d.childRef == 0))
+      throw LogException("Bad reference in the attribute log");
+    d.fresh = fresh == 1;
+    if (d.fresh) {
+      if (!declared.createWithArgs()) throw LogException("Bad reference in the attribute log");
+      readArgs(d, declared, true);
+    } else if (d.childRef != 0) {
+      TypeDesc const* target = typeOf(d.childRef);
+      if (!target || !target->isA(declared))
+        throw LogException("Bad reference in the attribute log");
+    }
+  };
   try {
     while (!in.atEnd()) {
       Decoded& d = out.emplace_back();
       d.ref = in.u32();
       S32 const id = static_cast<S32>(in.u32());
       U32 const length = in.u32();
-      LogIn value(in.bytes(length), length);
+      value = LogIn(in.bytes(length), length);
       TypeDesc const* type = typeOf(d.ref);
       if (!type)
         throw LogException("Unknown entity " + std::to_string(d.ref) + " in the attribute log");
@@ -564,10 +678,11 @@ void LogReader::decode(LogIn& in, std::deque<Decoded>& out) {
         d.key = std::string_view(reinterpret_cast<char const*>(keyAt),
                                  static_cast<std::size_t>(value.position() - keyAt));
         if (!d.del) {
-          if (a.kind == AttrKind::queue && entities)
-            throw LogException("Queue of entities in the attribute log");
-          if (entities) {
+          if (a.kind == AttrKind::queue && entities) {
+            readShared(d, *a.type);
+          } else if (entities) {
             d.childRef = value.u32();
+            readArgs(d, *a.type, false);
           } else if (a.kind != AttrKind::hashedSet) {
             d.value.emplace(*a.type);
             a.type->ops()->logRead(value, d.value->get());
@@ -577,19 +692,18 @@ void LogReader::decode(LogIn& in, std::deque<Decoded>& out) {
         d.value.emplace(*a.type);
         a.type->ops()->logRead(value, d.value->get());
         type->attributeOp(nullptr, nullptr, &a, attrOpCheck, d.value->get());
-      } else if ((a.kind == AttrKind::child || a.kind == AttrKind::ref) && !d.del) {
+      } else if (a.kind == AttrKind::child && !d.del) {
         d.childRef = value.u32();
-        if (a.kind == AttrKind::ref && d.childRef != 0) {
-          TypeDesc const* target = typeOf(d.childRef);
-          if (!target || !target->isA(*a.type))
-            throw LogException("Bad reference in the attribute log");
-        }
+        readArgs(d, *a.type, true);
+      } else if (a.kind == AttrKind::ref && !d.del) {
+        readShared(d, *a.type);
       } else if (!(a.kind == AttrKind::child && d.del)) {
         throw LogException("Attribute " + String(a.name) +
                            " cannot be written from the attribute log");
       }
       if (!value.atEnd()) throw LogException("Bad record length in the attribute log");
-      if (d.childRef != 0 && a.kind != AttrKind::ref) {
+      bool const shared = a.kind == AttrKind::ref || (a.kind == AttrKind::queue && entities);
+      if (d.childRef != 0 && (!shared || d.fresh)) {
         if (d.childRef == 1 || refs_.count(d.childRef) || announced.count(d.childRef)) {
           if (!snapshot_ || d.childRef == 1)
             throw LogException("Entity announced twice in the attribute log");
@@ -612,6 +726,12 @@ void LogReader::apply(Decoded& d) {
   if (snapshot_ && isCollection(a.kind) && !d.del) {
     auto [named, first] = seen_.try_emplace(SeenKey{e, a.index});
     if (first) {
+      // A queue of shared entities starts again: the copies it holds are not
+      // the ones the snapshot announces, and entries cannot be replaced in
+      // the middle of a queue.
+      if (a.kind == AttrKind::queue && a.type->kind() == TypeKind::entity) {
+        type.attributeOp(nullptr, e, &a, attrOpDelAll);
+      }
       // Members of a collection that was empty when the snapshot reached it
       // all come from the snapshot: no need to remember their keys.
       std::size_t size = 0;
@@ -628,13 +748,17 @@ void LogReader::apply(Decoded& d) {
         return;
       }
       Ptr<Entity> child;
-      if (type.attributeOp(&child, e, &a, attrOpCreate) != attrDone || !child) refuse();
+      std::vector<void const*> const args = d.argPointers();
+      if (type.attributeOp(&child, e, &a, attrOpCreate, args.empty() ? nullptr : args.data()) !=
+              attrDone ||
+          !child) {
+        refuse();
+      }
       refs_[d.childRef] = child;
       return;
     }
     case AttrKind::ref: {
-      Ptr<Entity const> target;
-      if (d.childRef != 0) target = refs_.at(d.childRef);
+      Ptr<Entity const> const target = shared(d);
       if (type.attributeOp(nullptr, e, &a, attrOpWrite, &target) != attrDone) refuse();
       return;
     }
@@ -642,6 +766,18 @@ void LogReader::apply(Decoded& d) {
       bool was = false;
       if (d.del) {
         type.attributeOp(&was, e, &a, attrOpMemberDel, d.keyValue->get());
+        return;
+      }
+      if (a.type->kind() == TypeKind::entity) {
+        Ptr<Entity const> const entry = shared(d);
+        Ptr<Entity const> existing;
+        if (type.attributeOp(&existing, e, &a, attrOpMemberRead, d.keyValue->get()) == attrDone) {
+          if (existing == entry) return;
+          type.attributeOp(&was, e, &a, attrOpMemberDel, d.keyValue->get());
+        }
+        if (type.attributeOp(nullptr, e, &a, attrOpEnqAt, d.keyValue->get(), &entry) != attrDone) {
+          refuse();
+        }
         return;
       }
       GenericValue existing(*a.type);
@@ -662,7 +798,8 @@ void LogReader::apply(Decoded& d) {
     type.attributeOp(&was, e, &a, attrOpMemberDel, d.keyValue->get());
     return;
   }
-  void const* value = d.value ? d.value->get() : nullptr;
+  std::vector<void const*> const args = d.argPointers();
+  void const* value = d.value ? d.value->get() : args.empty() ? nullptr : args.data();
   if (type.attributeOp(nullptr, e, &a, attrOpMemberWrite, d.keyValue->get(), value) != attrDone)
     refuse();
   if (d.childRef != 0) {
@@ -672,6 +809,31 @@ void LogReader::apply(Decoded& d) {
   }
 }
 
+// Forgets the entities that left the tree: owned ones whose chain of parents
+// no longer reaches the replica's root. Shared entities stay until the next
+// snapshot, as the writer does not announce their release.
+void LogReader::prune() {
+  std::erase_if(refs_, [this](auto const& known) {
+    if (known.first == 1 || sharedRefs_.count(known.first)) return false;
+    Entity const* e = known.second.get();
+    while (e && e != replica_) e = e->parent();
+    return e == nullptr;
+  });
+}
+
+// The shared entity a record refers to, made first when the record announces it.
+Ptr<Entity const> LogReader::shared(Decoded const& d) {
+  if (d.childRef == 0) return nullptr;
+  if (d.fresh) {
+    std::vector<void const*> const args = d.argPointers();
+    Ptr<Entity> made = d.attr->type->createWithArgs()(args.empty() ? nullptr : args.data());
+    refs_[d.childRef] = made;
+    sharedRefs_.insert(d.childRef);
+    return made;
+  }
+  return refs_.at(d.childRef);
+}
+
 // After a snapshot: removes every member that the snapshot did not name.
 void LogReader::sweep() {
   for (auto const& known : refs_) {
@@ -679,7 +841,6 @@ void LogReader::sweep() {
     TypeDesc const& type = entity->fwkType();
     type.forEachAttr([&](KelAttr const& a) {
       if (!isCollection(a.kind) || a.logId == 0) return;
-      if (a.kind == AttrKind::queue && a.type->kind() == TypeKind::entity) return;
       auto const named = seen_.find({entity, a.index});
       if (named != seen_.end() && named->second.wasEmpty) return;
       std::size_t size = 0;

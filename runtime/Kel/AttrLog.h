@@ -117,6 +117,11 @@ class LogWriter {
   void writeAttr(LogOut& out, Tracked& t, KelAttr const& attr);
   void writeMember(LogOut& out, Tracked& t, KelAttr const& attr, String const& key);
   void writeDeferredRefs(LogOut& out);
+  void drop(std::pair<Entity*, bool> const& held);
+  void writeCtorArgs(LogOut& out, TypeDesc const& declared, Entity const& e, bool withKey);
+  Entity* writeShared(LogOut& out, Tracked& holder, std::pair<U32, String> const& where,
+                      TypeDesc const& declared, Entity const* target);
+  void writeFresh(LogOut& out, Entity& e);
 
   Entity* root_;
   std::unique_ptr<GenericNotifiee> tracker_;
@@ -127,6 +132,7 @@ class LogWriter {
   U32 nextRef_ = 1;
   bool snapshotting_ = false;  // every child is written in full
   bool writingRefs_ = false;
+  std::set<Entity const*> snapshotWritten_;  // shared entities a snapshot has written
   std::vector<std::pair<Tracked*, KelAttr const*>> deferredRefs_;
   struct Subscriber {
     std::unique_ptr<LogSink> sink;
@@ -174,6 +180,8 @@ class LogReader {
   void frameIs(U8 kind, U64 seq, LogIn payload);
   void decode(LogIn& in, std::deque<Decoded>& out);
   void apply(Decoded& d);
+  Ptr<Entity const> shared(Decoded const& d);
+  void prune();
   void sweep();
 
   Entity* replica_;
@@ -184,6 +192,7 @@ class LogReader {
   bool snapshot_ = false;
   bool broken_ = false;
   std::unordered_map<U32, Ptr<Entity>> refs_;
+  std::unordered_set<U32> sharedRefs_;  // references to shared entities
   // Members met during a snapshot (encoded keys), by entity and attribute.
   struct SeenKey {
     Entity const* entity;

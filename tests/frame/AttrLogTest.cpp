@@ -210,7 +210,7 @@ TEST(AttrLog, RandomChangesReplicaFollows) {
     for (int step = 0; step < 3000; ++step) {
       Root& s = *link.source;
       Kel::U32 const k = rng() % 12;
-      switch (rng() % 16) {
+      switch (rng() % 17) {
         case 0: s.countIs(rng() % 5); break;
         case 1: s.labelIs(std::string(rng() % 3, 'x')); break;
         case 2: s.idsIs(spId(k)); break;
@@ -236,7 +236,18 @@ TEST(AttrLog, RandomChangesReplicaFollows) {
             s.slotDel();
           }
           break;
-        default: s.sharedIs(rng() % 2 ? s.leaf(k) : nullptr); break;
+        case 15:
+          switch (rng() % 4) {
+            case 0: s.pathIs(spId(k), k % 2 == 0)->noteIs(std::string(rng() % 3, 'n')); break;
+            case 1: s.pathDel(spId(k)); break;
+            case 2: s.newEvents(k)->weightIs(rng() % 5); break;
+            default: (void)s.eventsDeq(); break;
+          }
+          break;
+        default:
+          // A shared entity outside the tree, or one in it.
+          s.sharedIs(rng() % 2 ? Kel::Ptr<Sample::Leaf const>(Sample::leafFactory(k)) : s.leaf(k));
+          break;
       }
       if (rng() % 7 == 0) {
         link.sync();

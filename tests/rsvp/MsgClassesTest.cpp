@@ -1,0 +1,149 @@
+// Refresh versus change for every message class, driven by reflection: each
+// attribute that a class compares changes the answer of equal() when it
+// changes, and each attribute it leaves out does not.
+#include <Rsvp/Rsvp.h>
+
+#include <gtest/gtest.h>
+
+#include <functional>
+#include <set>
+#include <string>
+
+namespace {
+
+using namespace Rsvp;
+
+// A value of the attribute's type that differs from the type's default.
+void differentValue(Kel::TypeDesc const& type, void* v) {
+  std::string_view const name = type.name();
+  if (type.kind() == Kel::TypeKind::enumeration) {
+    *static_cast<Kel::U32*>(v) = type.enumDesc()->enumerators().back().value;
+  } else if (type.kind() == Kel::TypeKind::value) {
+    // The first stored attribute that can take a different value.
+    for (Kel::KelAttr const& a : type.attrs()) {
+      if (a.kind != Kel::AttrKind::plain) continue;
+      Kel::GenericValue field(*a.type);
+      differentValue(*a.type, field.get());
+      try {
+        type.attributeOp(nullptr, v, &a, Kel::attrOpWrite, field.get());
+        return;
+      } catch (Kel::RangeException const&) {
+      }
+    }
+  } else if (name == "bool") {
+    *static_cast<bool*>(v) = true;
+  } else if (name == "U8") {
+    *static_cast<Kel::U8*>(v) = 7;
+  } else if (name == "U16") {
+    *static_cast<Kel::U16*>(v) = 7;
+  } else if (name == "U32") {
+    *static_cast<Kel::U32*>(v) = 7;
+  } else if (name == "U64") {
+    *static_cast<Kel::U64*>(v) = 7;
+  } else if (name == "F32") {
+    *static_cast<Kel::F32*>(v) = 7.5f;
+  } else if (name == "Kel::Seconds" || name == "F64") {
+    *static_cast<Kel::F64*>(v) = 7.5;
+  } else if (name == "Kel::String") {
+    *static_cast<Kel::String*>(v) = "seven";
+  } else if (name == "Lumo::IpGenAddr") {
+    *static_cast<Lumo::IpGenAddr*>(v) = Lumo::IpGenAddr("10.7.7.7");
+  } else if (name == "Lumo::MplsLabel") {
+    *static_cast<Lumo::MplsLabel*>(v) = Lumo::MplsLabel(7);
+  } else if (name == "Lumo::IntfId") {
+    *static_cast<Lumo::IntfId*>(v) = Lumo::IntfId("Ethernet7");
+  } else if (name == "Lumo::IpGenPrefix") {
+    *static_cast<Lumo::IpGenPrefix*>(v) = Lumo::IpGenPrefix(Lumo::IpGenAddr("10.7.0.0"), 16);
+  } else {
+    FAIL() << "no different value for " << name;
+  }
+}
+
+// Changes one attribute of `msg` (a plain value, a reference or a queue).
+void change(Kel::Entity& msg, Kel::KelAttr const& a) {
+  Kel::TypeDesc const& type = msg.fwkType();
+  if (a.kind == Kel::AttrKind::plain) {
+    Kel::GenericValue v(*a.type);
+    type.attributeOp(v.get(), &msg, &a, Kel::attrOpRead);
+    differentValue(*a.type, v.get());
+    ASSERT_EQ(type.attributeOp(nullptr, &msg, &a, Kel::attrOpWrite, v.get()), Kel::attrDone);
+  } else if (a.kind == Kel::AttrKind::ref) {
+    Kel::Ptr<Kel::Entity const> target = a.type->createWithArgs()(nullptr);
+    ASSERT_EQ(type.attributeOp(nullptr, &msg, &a, Kel::attrOpWrite, &target), Kel::attrDone);
+  } else if (a.kind == Kel::AttrKind::queue && a.type->kind() != Kel::TypeKind::entity) {
+    Kel::GenericValue v(*a.type);
+    Kel::U32 seq = 0;
+    ASSERT_EQ(type.attributeOp(&seq, &msg, &a, Kel::attrOpEnq, v.get()), Kel::attrDone);
+  } else if (a.kind == Kel::AttrKind::orderedMap) {
+    Kel::U32 const key = 0;
+    ASSERT_EQ(type.attributeOp(nullptr, &msg, &a, Kel::attrOpMemberWrite, &key), Kel::attrDone);
+  }
+}
+
+struct ClassCase {
+  char const* name;
+  std::function<Kel::Ptr<RsvpMsg>()> make;
+  std::function<bool(RsvpMsg const&, Kel::Ptr<RsvpMsg const> const&)> equal;
+  std::set<std::string> compared;  // besides the common part
+};
+
+template <class M>
+ClassCase classCase(char const* name, Kel::Ptr<M> (*factory)(), std::set<std::string> compared) {
+  return {name, [factory] { return Kel::Ptr<RsvpMsg>(factory()); },
+          [](RsvpMsg const& a, Kel::Ptr<RsvpMsg const> const& b) {
+            return static_cast<M const&>(a).equal(Kel::ptrStaticCast<M const>(b));
+          },
+          std::move(compared)};
+}
+
+std::set<std::string> const kCommon = {"srcIp", "dstIp", "neighborIp", "mplsLabel"};
+
+class MsgClasses : public testing::TestWithParam<ClassCase> {};
+
+TEST_P(MsgClasses, ComparedAttributesDecideAndOthersDoNot) {
+  ClassCase const& c = GetParam();
+  Kel::TypeDesc const& type = c.make()->fwkType();
+  int comparedSeen = 0;
+  type.forEachAttr([&](Kel::KelAttr const& a) {
+    if (a.kind == Kel::AttrKind::fixed || a.kind == Kel::AttrKind::derived ||
+        a.kind == Kel::AttrKind::constant) {
+      return;
+    }
+    if (a.kind == Kel::AttrKind::queue && a.type->kind() == Kel::TypeKind::entity) return;
+    std::string const name(a.name);
+    bool const compared = c.compared.count(name) || kCommon.count(name);
+    comparedSeen += c.compared.count(name) ? 1 : 0;
+    auto const first = c.make();
+    auto const second = c.make();
+    ASSERT_TRUE(c.equal(*first, second)) << c.name << ": two new messages";
+    change(*second, a);
+    EXPECT_EQ(c.equal(*first, second), !compared) << c.name << "::" << name;
+    EXPECT_EQ(c.equal(*second, first), !compared) << c.name << "::" << name << " (reversed)";
+  });
+  EXPECT_EQ(comparedSeen, static_cast<int>(c.compared.size())) << c.name << ": names in the table";
+}
+
+INSTANTIATE_TEST_SUITE_P(
+    EveryClass, MsgClasses,
+    testing::Values(
+        classCase("Path", &rsvpPathMsgFactory,
+                  {"sessionObj", "hopObj", "timeValuesObj", "senderTemplateObj", "senderTspecObj",
+                   "labelRequestObj", "sessionAttributeObj", "fastRerouteObj", "isBackupMsg",
+                   "adSpecObj", "explicitRouteObj", "recordRouteObj"}),
+        classCase("Resv", &rsvpResvMsgFactory,
+                  {"sessionObj", "hopObj", "timeValuesObj", "styleObj", "labelObj", "flowSpecObj",
+                   "filterSpecObj", "resvConfirmObj", "isBackupMsg", "recordRouteObj"}),
+        classCase("PathErr", &rsvpPathErrMsgFactory,
+                  {"sessionObj", "errorSpecObj", "senderTemplateObj"}),
+        classCase("ResvErr", &rsvpResvErrMsgFactory,
+                  {"sessionObj", "hopObj", "errorSpecObj", "styleObj", "filterSpecObj",
+                   "isBackupMsg"}),
+        classCase("PathTear", &rsvpPathTearMsgFactory,
+                  {"sessionObj", "hopObj", "senderTemplateObj"}),
+        classCase("ResvTear", &rsvpResvTearMsgFactory,
+                  {"sessionObj", "hopObj", "styleObj", "filterSpecObj", "isBackupMsg"}),
+        classCase("ResvConf", &rsvpResvConfMsgFactory,
+                  {"sessionObj", "errorSpecObj", "resvConfirmObj", "styleObj", "filterSpecObj"})),
+    [](testing::TestParamInfo<ClassCase> const& p) { return std::string(p.param.name); });
+
+}  // namespace

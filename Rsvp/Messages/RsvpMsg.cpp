@@ -9,7 +9,7 @@ namespace Rsvp {
 namespace {
 
 // The state path named by a session object and the lsp id of a sender
-// template or filter spec; no path (65536) when that object is the default.
+// template or filterSpecObj; no path (65536) when that object is the default.
 template <class Sender>
 RsvpSpId spIdOf(RsvpSessionObj const& session, Sender const& sender) {
   RsvpSessionId const id(session.dstIp(), RsvpTunnelId(session.tunnelId()), session.extTunnelId());

@@ -7,6 +7,7 @@
 #include <tuple>
 #include <utility>
 
+#include <sys/socket.h>
 #include <unistd.h>
 
 namespace Kel {
@@ -94,7 +95,9 @@ bool FdSink::write(std::string_view bytes) {
 bool FdSink::flush() {
   std::size_t done = 0;
   while (done < buffer_.size()) {
-    ssize_t const n = ::write(fd_, buffer_.data() + done, buffer_.size() - done);
+    // A socket whose reader has gone must not kill the process with SIGPIPE.
+    ssize_t n = ::send(fd_, buffer_.data() + done, buffer_.size() - done, MSG_NOSIGNAL);
+    if (n < 0 && errno == ENOTSOCK) n = ::write(fd_, buffer_.data() + done, buffer_.size() - done);
     if (n > 0) {
       done += static_cast<std::size_t>(n);
     } else if (n < 0 && errno == EINTR) {

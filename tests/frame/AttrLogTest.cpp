@@ -13,6 +13,7 @@
 #include "SampleIds.h"
 
 #include <fcntl.h>
+#include <sys/socket.h>
 #include <unistd.h>
 
 #include <random>
@@ -183,6 +184,18 @@ TEST(AttrLog, OverAPipe) {
   EXPECT_EQ(link.writer.subscribers(), 0u);
   ::close(fds[1]);
   EXPECT_FALSE(link.reader.readAvailable()) << "end of stream";
+  ::close(fds[0]);
+}
+
+TEST(AttrLog, ClosedSocketDropsTheSubscriberWithoutSignal) {
+  Link link;
+  int fds[2];
+  ASSERT_EQ(::socketpair(AF_UNIX, SOCK_STREAM | SOCK_NONBLOCK, 0, fds), 0);
+  link.writer.subscriberNew(std::make_unique<Kel::FdSink>(fds[0]));
+  ::close(fds[1]);  // the replica has gone
+  link.source->countIs(1);
+  link.writer.flush();  // would raise SIGPIPE with a plain write
+  EXPECT_EQ(link.writer.subscribers(), 0u);
   ::close(fds[0]);
 }
 

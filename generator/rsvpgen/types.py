@@ -339,6 +339,22 @@ class EntityAttr:
         return self.kind in COLLECTION_KINDS
 
     @property
+    def typed_log(self):
+        """Whether the state adapter writes and reads this attribute itself:
+        plain values and collections of values (not queues, which the
+        reader must renumber)."""
+        if self.kind == "plain":
+            return not self.ctor
+        return self.kind in ("hashed-map", "hashed-set", "ordered-map", "queue") and not self.of_entities
+
+    @property
+    def dirty_map(self):
+        """The typed map of dirty keys of a collection of values."""
+        if self.kind in ("hashed-map", "hashed-set"):
+            return f"Kel::HashTable<{self.key_cpp}, bool>"
+        return f"Kel::OrderedMap<{self.key_cpp}, bool>"
+
+    @property
     def attr_kind(self):
         """The Kel::AttrKind enumerator."""
         if self.kind == "plain":
@@ -443,6 +459,18 @@ class EntityType(Type):
     @property
     def indexed_attrs(self):
         return list(enumerate(self.attrs, start=self.first_index))
+
+    @property
+    def own_log_ids(self):
+        """(log id, attribute) of this class's own logged attributes."""
+        return [(a.log_id_or(i), a) for i, a in self.indexed_attrs if a.log_id_or(i)]
+
+    @property
+    def log_chain(self):
+        """(owner, log id, attribute) of every logged, notified attribute of
+        the chain."""
+        return [(o, a.log_id_or(i), a) for o, i, a in self.chain_attrs
+                if a in o.notified and a.log_id_or(i)]
 
     @property
     def chain_attrs(self):

@@ -23,9 +23,9 @@ constexpr U8 frameChanges = logFrameChanges;
 constexpr U8 frameSnapshot = logFrameSnapshot;
 constexpr U8 frameInSync = logFrameInSync;
 
-// Writes a record's header; the value follows and closeRecord() fills in its
-// length.
-std::size_t openRecord(LogOut& out, U32 ref, S32 id) {
+}  // namespace
+
+std::size_t openLogRecord(LogOut& out, U32 ref, S32 id) {
   out.u32(ref);
   out.u32(static_cast<U32>(id));
   std::size_t const at = out.size();
@@ -33,12 +33,17 @@ std::size_t openRecord(LogOut& out, U32 ref, S32 id) {
   return at;
 }
 
-void closeRecord(LogOut& out, std::size_t lengthAt) {
+void closeLogRecord(LogOut& out, std::size_t lengthAt) {
   U32 const n = static_cast<U32>(out.size() - lengthAt - 4);
   String& b = out.buffer();
   for (int i = 0; i < 4; ++i)
     b[lengthAt + static_cast<std::size_t>(i)] = static_cast<char>(n >> (24 - 8 * i));
 }
+
+namespace {
+
+std::size_t openRecord(LogOut& out, U32 ref, S32 id) { return openLogRecord(out, ref, id); }
+void closeRecord(LogOut& out, std::size_t lengthAt) { closeLogRecord(out, lengthAt); }
 
 String encode(TypeDesc const& type, void const* v) {
   String s;
@@ -115,10 +120,12 @@ bool FdSink::flush() {
 
 // ---- writer
 
-struct LogWriter::Tracked {
+struct LogWriter::Tracked final : LogDirtySink {
+  LogWriter* writer = nullptr;
   Ptr<Entity> entity;
   U32 ref = 0;
-  std::unique_ptr<NotifieeBase> notifiee;
+  std::unique_ptr<NotifieeBase> notifiee;     // the generic path, without an adapter
+  std::unique_ptr<LogStateAdapter> adapter;   // the type's own state adapter
   std::set<U32> dirtyAttrs;                   // attribute indices
   std::map<U32, std::set<String>> dirtyKeys;  // attribute index -> encoded keys
   bool queued = false;
@@ -128,6 +135,15 @@ struct LogWriter::Tracked {
   // What this entity holds, by (attribute index, encoded key; empty for a
   // slot or a reference): owned children, or shared entities (true).
   std::map<std::pair<U32, String>, std::pair<Entity*, bool>> children;
+
+  void attrDirtyIs(S32 id) override {
+    dirtyAttrs.insert(static_cast<U32>(id));
+    writer->queue(*this);
+  }
+  void memberDirtyIs(S32 id, String encodedKey) override {
+    dirtyKeys[static_cast<U32>(id)].insert(std::move(encodedKey));
+    writer->queue(*this);
+  }
 };
 
 class LogWriter::Tracker : public GenericNotifiee {
@@ -153,7 +169,12 @@ LogWriter::Tracked& LogWriter::track(Entity& e) {
     slot = std::make_unique<Tracked>();
     slot->entity = &e;
     slot->ref = nextRef_++;
-    slot->notifiee = e.fwkType().genericNotifiee(&e, tracker_.get());
+    slot->writer = this;
+    if (auto const make = e.fwkType().logStateAdapter()) {
+      slot->adapter = make(e, slot.get());
+    } else {
+      slot->notifiee = e.fwkType().genericNotifiee(&e, tracker_.get());
+    }
   }
   return *slot;
 }
@@ -164,6 +185,7 @@ void LogWriter::untrack(Entity& e) {
   Tracked* const gone = it->second.get();
   gone->dead = true;
   gone->notifiee.reset();
+  gone->adapter.reset();
   graveyard_.push_back(std::move(it->second));
   tracked_.erase(it);
   for (auto& [where, held] : gone->children) drop(held);
@@ -228,7 +250,11 @@ void LogWriter::changed(Entity const& e, KelAttr const& attr, void const* key) {
   } else {
     t.dirtyAttrs.insert(attr.logId);
   }
-  if (!t.queued) {
+  queue(t);
+}
+
+void LogWriter::queue(Tracked& t) {
+  if (!t.queued && !t.dead) {
     t.queued = true;
     dirty_.push_back(&t);
   }
@@ -451,7 +477,15 @@ void LogWriter::flush() {
       auto const attrs = std::exchange(t.dirtyAttrs, {});
       auto const keys = std::exchange(t.dirtyKeys, {});
       TypeDesc const& type = t.entity->fwkType();
-      for (U32 id : attrs) writeAttr(out, t, *type.attrByLogId(id));
+      for (U32 id : attrs) {
+        int const written =
+            t.adapter ? t.adapter->handleAttrFlowOut(static_cast<S32>(id), out, t.ref) : -1;
+        if (written >= 0) {
+          records_ += static_cast<U64>(written);
+        } else {
+          writeAttr(out, t, *type.attrByLogId(id));
+        }
+      }
       for (auto const& [id, members] : keys) {
         KelAttr const& attr = *type.attrByLogId(id);
         for (String const& key : members) {
@@ -488,6 +522,8 @@ bool LogWriter::pending() const {
 
 struct LogReader::Decoded {
   U32 ref = 0;
+  S32 id = 0;
+  std::string_view raw;  // the record's value, in the frame's payload
   KelAttr const* attr = nullptr;
   bool del = false;
   std::string_view key;  // encoded, in the frame's payload, for the snapshot's bookkeeping
@@ -612,6 +648,18 @@ void LogReader::frameIs(U8 kind, U64 seq, LogIn payload) {
           (d.del && (d.attr->kind == AttrKind::child || d.attr->type->kind() == TypeKind::entity));
     }
     if (removals) prune();
+    // The frame is a transaction: each entity type hears its end, once per
+    // attribute the frame changed.
+    std::map<std::pair<Entity*, S32>, U32> changed;
+    for (Decoded const& d : records) {
+      auto const r = refs_.find(d.ref);
+      if (r != refs_.end()) ++changed[{r->second.get(), static_cast<S32>(d.attr->logId)}];
+    }
+    for (auto const& [where, count] : changed) {
+      if (auto const end = where.first->fwkType().logTransaction()) {
+        end(*where.first, where.second, kind, count);
+      }
+    }
   } catch (LogException const&) {
     throw;
   } catch (std::exception const& e) {
@@ -661,7 +709,10 @@ void LogReader::decode(LogIn& in, std::deque<Decoded>& out) {
       d.ref = in.u32();
       S32 const id = static_cast<S32>(in.u32());
       U32 const length = in.u32();
-      value = LogIn(in.bytes(length), length);
+      U8 const* const rawAt = in.bytes(length);
+      value = LogIn(rawAt, length);
+      d.id = id;
+      d.raw = std::string_view(reinterpret_cast<char const*>(rawAt), length);
       TypeDesc const* type = typeOf(d.ref);
       if (!type)
         throw LogException("Unknown entity " + std::to_string(d.ref) + " in the attribute log");
@@ -742,6 +793,15 @@ void LogReader::apply(Decoded& d) {
       named->second.wasEmpty = size == 0;
     }
     if (!named->second.wasEmpty) named->second.keys.emplace(d.key);
+  }
+  // Plain values and members of maps and sets of values go through the
+  // type's own typed dispatch when it has one.
+  bool const typed = a.kind == AttrKind::plain || a.kind == AttrKind::hashedSet ||
+                     ((a.kind == AttrKind::hashedMap || a.kind == AttrKind::orderedMap) &&
+                      a.type->kind() != TypeKind::entity);
+  if (typed && type.logDeserialize()) {
+    LogIn in(d.raw);
+    if (type.logDeserialize()(*e, d.id, in)) return;
   }
   switch (a.kind) {
     case AttrKind::plain: type.attributeOp(nullptr, e, &a, attrOpWrite, d.value->get()); return;

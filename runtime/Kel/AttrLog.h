@@ -41,6 +41,34 @@ class LogException : public Exception {
   using Exception::Exception;
 };
 
+// Opens a record of `ref`'s attribute `id` in `out`; closeLogRecord() fills
+// in the length of the value written in between.
+[[nodiscard]] std::size_t openLogRecord(LogOut& out, U32 ref, S32 id);
+void closeLogRecord(LogOut& out, std::size_t lengthAt);
+
+// What a state adapter tells its writer: an attribute, or a member of a
+// collection (its key encoded), has changed.
+class LogDirtySink {
+ public:
+  virtual ~LogDirtySink() = default;
+  virtual void attrDirtyIs(S32 id) = 0;
+  virtual void memberDirtyIs(S32 id, String encodedKey) = 0;
+};
+
+// The state adapter that the generator makes for each entity type
+// (X::KelNboAttrLogSa): its reactor observes the entity with the typed
+// callbacks and marks attributes dirty, it keeps the dirty keys of each
+// collection of values in a typed map, and writes their records with the
+// typed accessors and encoders. Children and shared entities are left to the
+// writer.
+class LogStateAdapter {
+ public:
+  virtual ~LogStateAdapter() = default;
+  // Writes the records of attribute `id` that changed since the last call
+  // and answers how many; -1 for an attribute it leaves to the writer.
+  virtual int handleAttrFlowOut(S32 id, LogOut& out, U32 ref) = 0;
+};
+
 // Where a writer's bytes go.
 class LogSink {
  public:
@@ -117,6 +145,7 @@ class LogWriter {
   void writeAttr(LogOut& out, Tracked& t, KelAttr const& attr);
   void writeMember(LogOut& out, Tracked& t, KelAttr const& attr, String const& key);
   void writeDeferredRefs(LogOut& out);
+  void queue(Tracked& t);
   void drop(std::pair<Entity*, bool> const& held);
   void writeCtorArgs(LogOut& out, TypeDesc const& declared, Entity const& e, bool withKey);
   Entity* writeShared(LogOut& out, Tracked& holder, std::pair<U32, String> const& where,

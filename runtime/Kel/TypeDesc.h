@@ -24,6 +24,8 @@ class Entity;
 class EnumDesc;
 class LogIn;
 class LogOut;
+class LogDirtySink;
+class LogStateAdapter;
 class NotifieeBase;
 class TypeDesc;
 using TextIt = char const*;
@@ -151,6 +153,14 @@ using CreateFn = Ptr<Entity> (*)(std::string_view nameOrKey);
 // attributes listed by ctorAttrs(), in that order), named as its factory
 // names it.
 using CreateWithArgsFn = Ptr<Entity> (*)(void const* const* args);
+// The attribute-log state adapter of an entity type, observing `entity`.
+using LogStateAdapterFn = std::unique_ptr<LogStateAdapter> (*)(Entity& entity, LogDirtySink* sink);
+// The typed reading of one record into `entity` (false: left to the generic reader).
+using LogDeserializeFn = bool (*)(Entity& entity, S32 id, LogIn& in);
+// The end of a transaction (a frame) that changed attribute `id` of `entity`
+// `count` times; `type` is the frame's kind. Answers whether a type of the
+// chain knew the attribute.
+using LogTransactionFn = bool (*)(Entity& entity, S32 id, U8 type, U32 count);
 
 class TypeDesc {
  public:
@@ -165,6 +175,9 @@ class TypeDesc {
     CreateWithArgsFn createWithArgs = nullptr;        // unnamed entities
     std::span<U32 const> ctorAttrs = {};              // indices of the constructor arguments
     U32 keyAttr = 0;                                  // index of the key, 0 when unkeyed
+    LogStateAdapterFn logStateAdapter = nullptr;      // entities
+    LogDeserializeFn logDeserialize = nullptr;        // entities
+    LogTransactionFn logTransaction = nullptr;        // entities
     EnumDesc const* enumDesc = nullptr;               // enumerations
   };
 
@@ -192,8 +205,19 @@ class TypeDesc {
   [[nodiscard]] constexpr CreateWithArgsFn createWithArgs() const noexcept {
     return parts_.createWithArgs;
   }
-  [[nodiscard]] constexpr std::span<U32 const> ctorAttrs() const noexcept { return parts_.ctorAttrs; }
+  [[nodiscard]] constexpr std::span<U32 const> ctorAttrs() const noexcept {
+    return parts_.ctorAttrs;
+  }
   [[nodiscard]] constexpr U32 keyAttr() const noexcept { return parts_.keyAttr; }
+  [[nodiscard]] constexpr LogStateAdapterFn logStateAdapter() const noexcept {
+    return parts_.logStateAdapter;
+  }
+  [[nodiscard]] constexpr LogDeserializeFn logDeserialize() const noexcept {
+    return parts_.logDeserialize;
+  }
+  [[nodiscard]] constexpr LogTransactionFn logTransaction() const noexcept {
+    return parts_.logTransaction;
+  }
 
   // Whether this type is `other` or derives from it.
   [[nodiscard]] bool isA(TypeDesc const& other) const noexcept {

@@ -322,3 +322,38 @@ TEST(AttrLog, ChecksumIsCrc32) {
 }
 
 }  // namespace
+
+namespace {
+
+TEST(AttrLog, GeneratedStateAdapterDispatch) {
+  ASSERT_NE(Root::kelType.logStateAdapter(), nullptr);
+  auto const read = Root::kelType.logDeserialize();
+  ASSERT_NE(read, nullptr);
+  auto root = Sample::rootFactory("root");
+  Kel::String bytes;
+  Kel::LogOut out(bytes);
+  Rsvp::kelLogWrite(out, spId(3));
+  Kel::LogIn add(bytes);
+  EXPECT_TRUE(read(*root, 400, add)) << "ids, declared as 400";
+  EXPECT_TRUE(root->ids(spId(3)));
+  Kel::LogIn del(bytes);
+  EXPECT_TRUE(read(*root, -400, del));
+  EXPECT_FALSE(root->ids(spId(3)));
+  Kel::LogIn other(bytes);
+  Kel::S32 const leaf = static_cast<Kel::S32>(Root::kelType.attr("leaf")->logId);
+  EXPECT_FALSE(read(*root, leaf, other)) << "children are the writer's and reader's own";
+  // Transaction ends: own attributes, a base's through the base, others unknown.
+  auto special = Sample::specialFactory("special");
+  auto const end = Sample::Special::kelType.logTransaction();
+  Kel::S32 const extra = static_cast<Kel::S32>(Sample::Special::kelType.attr("extra")->logId);
+  EXPECT_TRUE(end(*special, extra, Kel::logFrameChanges, 1));
+  EXPECT_TRUE(end(*special, 400, Kel::logFrameChanges, 1)) << "the base's ids";
+  EXPECT_FALSE(end(*special, 9999, Kel::logFrameChanges, 1));
+  for (Kel::TypeDesc const* t : Rsvp::allTypes()) {
+    if (t->kind() == Kel::TypeKind::entity) {
+      EXPECT_NE(t->logStateAdapter(), nullptr) << t->name();
+    }
+  }
+}
+
+}  // namespace

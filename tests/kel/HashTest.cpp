@@ -23,6 +23,8 @@ struct HashCase {
   U32 expected;
 };
 
+void PrintTo(HashCase const& c, std::ostream* os) { *os << c.what; }
+
 class OneAtATimeTest : public testing::TestWithParam<HashCase> {};
 
 TEST_P(OneAtATimeTest, MatchesHandComputedValue) {

@@ -1,18 +1,29 @@
 // The queue behind every queue attribute: entries in arrival order, each
 // keyed by a U32 sequence number assigned on enqueue.
 //
+// Numbers run on for ever: after 4294967295 comes 0. They are compared in
+// serial-number arithmetic (`seqAfter`): a comes after b when the distance
+// from b to a, modulo 2^32, is below 2^31. The entries of a queue always lie
+// within such a window measured from the head, so a queue of a router that
+// runs for years keeps finding, deleting and replicating its entries across
+// the wrap.
+//
 // Numbering (the model depends on it):
 // - enq: into an empty queue the new number is the stored next number;
-//   otherwise it is the stored next number if that is greater than the
-//   tail's, else the tail's plus one. The stored next number then becomes
-//   the new number.
+//   otherwise it is the stored next number if that comes after the tail's,
+//   else the tail's plus one. The stored next number then becomes the new
+//   number.
 // - deq: unlinks the head. If it was also the tail the queue is empty and the
 //   stored next number stays; otherwise the next number is raised to the
-//   tail's plus one unless already greater. The removal is counted.
+//   tail's plus one unless it already comes after the tail's. The removal is
+//   counted.
 // - del(seq): unlinks that entry and counts the removal; when entries remain
 //   the next number is raised as for deq, so numbers never repeat while the
 //   queue is not empty.
-// Numbers present always increase strictly from head to tail.
+// Numbers present always come strictly later from head to tail.
+//
+// Complexity: enq, deq and the lookup of a number outside the queue's range
+// are O(1); find and del of a number inside it walk from the head.
 #ifndef KEL_QUEUE_H
 #define KEL_QUEUE_H
 
@@ -22,6 +33,11 @@
 #include <utility>
 
 namespace Kel {
+
+// Whether sequence number `a` comes after `b` in serial-number arithmetic.
+[[nodiscard]] constexpr bool seqAfter(U32 a, U32 b) noexcept {
+  return a != b && a - b < 0x80000000u;
+}
 
 template <class V>
 class Queue {
@@ -69,7 +85,7 @@ class Queue {
   // Appends `value`; answers its sequence number.
   U32 enq(V value) {
     U32 seq = nextSeq_;
-    if (tail_ && !(nextSeq_ > tail_->seq)) seq = tail_->seq + 1;
+    if (tail_ && !seqAfter(nextSeq_, tail_->seq)) seq = tail_->seq + 1;
     nextSeq_ = seq;
     Node* n = new Node{nullptr, seq, std::move(value)};
     (tail_ ? tail_->next : head_) = n;
@@ -79,10 +95,11 @@ class Queue {
   }
 
   // Appends `value` under the given number, as a replica does to follow its
-  // source; refused (false) unless `seq` is above the tail's number. The
-  // stored next number becomes `seq`, as after an ordinary enqueue.
+  // source; refused (false) unless `seq` comes after the tail's number and
+  // within 2^31 of the head's. The stored next number becomes `seq`, as
+  // after an ordinary enqueue.
   bool enqAt(U32 seq, V value) {
-    if (tail_ && !(seq > tail_->seq)) return false;
+    if (head_ && !acceptsAt(seq)) return false;
     nextSeq_ = seq;
     Node* n = new Node{nullptr, seq, std::move(value)};
     (tail_ ? tail_->next : head_) = n;
@@ -101,24 +118,56 @@ class Queue {
     return out;
   }
 
+  // Whether enqAt(seq, ...) would be accepted.
+  [[nodiscard]] bool acceptsAt(U32 seq) const noexcept {
+    Node const* const h = head_;
+    Node const* const t = tail_;
+    if (!h || !t) return true;
+    U32 const at = seq - h->seq;
+    return at > t->seq - h->seq && at < 0x80000000u;
+  }
+
   [[nodiscard]] Node* find(U32 seq) const noexcept {
-    for (Node* n = head_; n && n->seq <= seq; n = n->next) {
-      if (n->seq == seq) return n;
+    Node* const h = head_;
+    Node* const t = tail_;
+    if (!h || !t) return nullptr;
+    if (seq == t->seq) return t;
+    // Distances from the head increase from head to tail.
+    U32 const at = seq - h->seq;
+    if (at > t->seq - h->seq) return nullptr;
+    for (Node* n = h; n; n = n->next) {
+      U32 const here = n->seq - h->seq;
+      if (here >= at) return here == at ? n : nullptr;
     }
     return nullptr;
   }
 
   // Removes the entry numbered `seq`; answers whether there was one.
   bool del(U32 seq) {
+    Node* const h = head_;
+    Node* const t = tail_;
+    if (!h || !t) return false;
+    U32 const at = seq - h->seq;
+    if (at > t->seq - h->seq) return false;
+    U32 const base = h->seq;
     Node* prev = nullptr;
-    for (Node* n = head_; n && n->seq <= seq; prev = n, n = n->next) {
-      if (n->seq == seq) {
-        unlink(prev, n);
-        delete n;
-        return true;
-      }
+    for (Node* n = h; n; prev = n, n = n->next) {
+      U32 const here = n->seq - base;
+      if (here < at) continue;
+      if (here > at) return false;
+      unlink(prev, n);
+      delete n;
+      return true;
     }
     return false;
+  }
+
+  // Sets the number the next enqueue into this empty queue takes (a queue
+  // that starts where another left off); refused (false) when not empty.
+  bool nextSeqIs(U32 seq) noexcept {
+    if (head_) return false;
+    nextSeq_ = seq;
+    return true;
   }
 
   // Drops every entry without counting removals or touching the numbering.
@@ -139,7 +188,7 @@ class Queue {
     if (tail_ == n) tail_ = prev;
     --size_;
     ++removals_;
-    if (head_ && !(nextSeq_ > lastSeq)) nextSeq_ = lastSeq + 1;
+    if (head_ && !seqAfter(nextSeq_, lastSeq)) nextSeq_ = lastSeq + 1;
   }
 
   Node* head_ = nullptr;

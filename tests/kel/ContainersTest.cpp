@@ -258,27 +258,31 @@ TEST(HashTable, BucketCountBoundaries) {
 
 // ---- Queue
 
-// The numbering rules of the queue, written out plainly.
+// The numbering rules of the queue, written out plainly: numbers are 64-bit
+// here and never wrap; the queue must agree with their low 32 bits.
 class QueueModel {
  public:
+  explicit QueueModel(U32 start) : next_(start) {}
+
   U32 enq(std::string value) {
-    U32 seq = next_;
+    U64 seq = next_;
     if (!entries_.empty() && !(next_ > entries_.back().first)) seq = entries_.back().first + 1;
     next_ = seq;
     entries_.emplace_back(seq, std::move(value));
-    return seq;
+    return static_cast<U32>(seq);
   }
 
   std::optional<std::pair<U32, std::string>> deq() {
     if (entries_.empty()) return std::nullopt;
-    auto head = entries_.front();
+    std::pair<U32, std::string> head(static_cast<U32>(entries_.front().first),
+                                     entries_.front().second);
     removeAt(0);
     return head;
   }
 
   bool del(U32 seq) {
     for (std::size_t i = 0; i < entries_.size(); ++i) {
-      if (entries_[i].first == seq) {
+      if (static_cast<U32>(entries_[i].first) == seq) {
         removeAt(i);
         return true;
       }
@@ -288,22 +292,23 @@ class QueueModel {
 
   void clear() { entries_.clear(); }
 
-  [[nodiscard]] std::deque<std::pair<U32, std::string>> const& entries() const { return entries_; }
-  [[nodiscard]] U32 next() const { return next_; }
+  [[nodiscard]] std::deque<std::pair<U64, std::string>> const& entries() const { return entries_; }
+  [[nodiscard]] U32 next() const { return static_cast<U32>(next_); }
+  [[nodiscard]] U64 next64() const { return next_; }
   [[nodiscard]] U64 removals() const { return removals_; }
 
  private:
   // The tail before the removal decides the raise, so that a number is never
   // reused while entries remain, even when the tail itself was removed.
   void removeAt(std::size_t i) {
-    U32 const tailSeq = entries_.back().first;
+    U64 const tailSeq = entries_.back().first;
     entries_.erase(entries_.begin() + static_cast<std::ptrdiff_t>(i));
     ++removals_;
     if (!entries_.empty() && !(next_ > tailSeq)) next_ = tailSeq + 1;
   }
 
-  std::deque<std::pair<U32, std::string>> entries_;
-  U32 next_ = 0;
+  std::deque<std::pair<U64, std::string>> entries_;
+  U64 next_;
   U64 removals_ = 0;
 };
 
@@ -320,17 +325,17 @@ void expectAgrees(Kel::Queue<std::string> const& q, QueueModel const& model, boo
   } else {
     ASSERT_NE(q.head(), nullptr);
     ASSERT_NE(q.tail(), nullptr);
-    ASSERT_EQ(q.head()->seq, entries.front().first);
-    ASSERT_EQ(q.tail()->seq, entries.back().first);
+    ASSERT_EQ(q.head()->seq, static_cast<U32>(entries.front().first));
+    ASSERT_EQ(q.tail()->seq, static_cast<U32>(entries.back().first));
   }
   std::size_t i = 0;
   std::optional<U32> previous;
   for (auto it = q.begin(); !it.done(); ++it, ++i) {
     ASSERT_LT(i, entries.size()) << "iteration does not end";
-    ASSERT_EQ(it.key(), entries[i].first) << "entry " << i;
+    ASSERT_EQ(it.key(), static_cast<U32>(entries[i].first)) << "entry " << i;
     ASSERT_EQ(it.value(), entries[i].second) << "entry " << i;
     if (previous) {
-      ASSERT_LT(*previous, it.key()) << "numbers must increase from head to tail";
+      ASSERT_TRUE(Kel::seqAfter(it.key(), *previous)) << "numbers must increase from head to tail";
     }
     previous = it.key();
     if (findEach) {
@@ -352,6 +357,7 @@ struct QueueCase {
   // clear() comes about once in clearOneIn steps.
   U32 enqBelow, deqBelow, delPresentBelow, delAnyBelow;
   U32 clearOneIn;
+  U32 start = 0;  // the first number; near 2^32 the numbers wrap during the run
 };
 
 void PrintTo(QueueCase const& c, std::ostream* os) { *os << c.what; }
@@ -362,9 +368,13 @@ TEST_P(QueueAgainstModel, NumberingAndOrder) {
   QueueCase const& c = GetParam();
   std::mt19937 rng(c.seed);
   Kel::Queue<std::string> q;
-  QueueModel model;
+  ASSERT_TRUE(q.nextSeqIs(c.start));
+  QueueModel model(c.start);
   int made = 0;
-  auto const anySeq = [&] { return static_cast<U32>(rng() % (model.next() + 3)); };
+  // Any number handed out so far, or a few beyond.
+  auto const anySeq = [&] {
+    return static_cast<U32>(c.start + rng() % (model.next64() - c.start + 3));
+  };
 
   for (int step = 0; step < c.steps; ++step) {
     SCOPED_TRACE(testing::Message() << c.what << ", step " << step);
@@ -379,7 +389,7 @@ TEST_P(QueueAgainstModel, NumberingAndOrder) {
       ASSERT_EQ(q.deq(), model.deq());
     } else if (op < c.delPresentBelow) {
       if (!model.entries().empty()) {
-        U32 const seq = model.entries()[rng() % model.entries().size()].first;
+        auto const seq = static_cast<U32>(model.entries()[rng() % model.entries().size()].first);
         ASSERT_TRUE(q.del(seq)) << seq;
         ASSERT_TRUE(model.del(seq));
         ASSERT_EQ(q.find(seq), nullptr);
@@ -390,8 +400,9 @@ TEST_P(QueueAgainstModel, NumberingAndOrder) {
     } else {
       U32 const seq = anySeq();
       auto const& entries = model.entries();
-      bool const present = std::any_of(entries.begin(), entries.end(),
-                                       [&](auto const& e) { return e.first == seq; });
+      bool const present = std::any_of(entries.begin(), entries.end(), [&](auto const& e) {
+        return static_cast<U32>(e.first) == seq;
+      });
       ASSERT_EQ(q.find(seq) != nullptr, present) << seq;
     }
     ASSERT_NO_FATAL_FAILURE(expectAgrees(q, model, step % 64 == 0 || step + 1 == c.steps));
@@ -403,7 +414,11 @@ INSTANTIATE_TEST_SUITE_P(
     testing::Values(QueueCase{"mostly enq, long queue", 21, 6000, 60, 75, 85, 95, 2000},
                     QueueCase{"balanced, often empty", 22, 20000, 40, 70, 85, 95, 500},
                     QueueCase{"del-heavy, tail often removed", 23, 20000, 45, 50, 85, 95, 1000},
-                    QueueCase{"frequent clears", 24, 5000, 50, 65, 80, 90, 20}),
+                    QueueCase{"frequent clears", 24, 5000, 50, 65, 80, 90, 20},
+                    QueueCase{"numbers wrap, long queue", 25, 6000, 60, 75, 85, 95, 2000,
+                              0xffffff00u},
+                    QueueCase{"numbers wrap, del-heavy", 26, 20000, 45, 50, 85, 95, 1000,
+                              0xfffff000u}),
     [](testing::TestParamInfo<QueueCase> const& p) { return "Case" + std::to_string(p.index); });
 
 TEST(Queue, NumbersAfterRemovalBoundaries) {
@@ -450,6 +465,36 @@ TEST(Queue, NumbersAfterRemovalBoundaries) {
     EXPECT_EQ(q.removals(), c.removals) << c.what;
     EXPECT_EQ(q.enq("d"), c.enqueued) << c.what;
   }
+}
+
+// After 4294967295 comes 0, and an entry numbered 0 is found, deleted and
+// replicated like any other.
+TEST(Queue, NumbersWrapAfter4294967295) {
+  Kel::Queue<std::string> q;
+  ASSERT_TRUE(q.nextSeqIs(0xfffffffeu));
+  EXPECT_EQ(q.enq("a"), 0xfffffffeu);
+  EXPECT_EQ(q.enq("b"), 0xffffffffu);
+  EXPECT_EQ(q.enq("c"), 0u);
+  EXPECT_EQ(q.enq("d"), 1u);
+  ASSERT_NE(q.find(0), nullptr);
+  EXPECT_EQ(q.find(0)->value, "c");
+  EXPECT_EQ(q.find(2), nullptr) << "beyond the tail";
+  EXPECT_EQ(q.find(0xfffffffdu), nullptr) << "before the head";
+  EXPECT_TRUE(q.del(0));
+  EXPECT_FALSE(q.del(0));
+  EXPECT_FALSE(q.nextSeqIs(5)) << "only an empty queue takes a new start";
+
+  struct {
+    U32 seq;
+    bool accepted;
+  } const at[] = {{1, false}, {0, false}, {0xffffffffu, false}, {2, true},
+                  {0x7ffffffdu, true}, {0x7ffffffeu, false}, {0x80000005u, false}};
+  for (auto const& c : at) EXPECT_EQ(q.acceptsAt(c.seq), c.accepted) << c.seq;
+  EXPECT_TRUE(q.enqAt(2, "e"));
+  EXPECT_EQ(q.enq("f"), 3u);
+  std::vector<U32> order;
+  for (auto it = q.begin(); !it.done(); ++it) order.push_back(it.key());
+  EXPECT_EQ(order, (std::vector<U32>{0xfffffffeu, 0xffffffffu, 1, 2, 3}));
 }
 
 // ---- Ptr

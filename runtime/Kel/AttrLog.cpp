@@ -1,6 +1,7 @@
 #include <Kel/AttrLog.h>
 #include <Kel/Reflect.h>
 
+#include <algorithm>
 #include <array>
 #include <cerrno>
 #include <optional>
@@ -170,7 +171,9 @@ LogWriter::Tracked& LogWriter::track(Entity& e) {
     slot->entity = &e;
     slot->ref = nextRef_++;
     slot->writer = this;
-    if (auto const make = e.fwkType().logStateAdapter()) {
+    if (e.frozen()) {
+      // Never changes, and may be read by other threads: nothing to observe.
+    } else if (auto const make = e.fwkType().logStateAdapter()) {
       slot->adapter = make(e, slot.get());
     } else {
       slot->notifiee = e.fwkType().genericNotifiee(&e, tracker_.get());
@@ -179,10 +182,18 @@ LogWriter::Tracked& LogWriter::track(Entity& e) {
   return *slot;
 }
 
+// Stops following `e` and what it holds, and tells the readers to forget
+// it. An entity that left the tree while something still refers to it
+// lives on as a shared entity instead.
 void LogWriter::untrack(Entity& e) {
   auto it = tracked_.find(&e);
   if (it == tracked_.end()) return;
   Tracked* const gone = it->second.get();
+  if (gone->holders > 0) {
+    gone->shared = true;
+    return;
+  }
+  released_.push_back(gone->ref);
   gone->dead = true;
   gone->notifiee.reset();
   gone->adapter.reset();
@@ -197,7 +208,9 @@ void LogWriter::drop(std::pair<Entity*, bool> const& held) {
     return;
   }
   auto it = tracked_.find(held.first);
-  if (it != tracked_.end() && --it->second->holders <= 0) untrack(*held.first);
+  if (it != tracked_.end() && --it->second->holders <= 0 && it->second->shared) {
+    untrack(*held.first);
+  }
 }
 
 void LogWriter::writeCtorArgs(LogOut& out, TypeDesc const& declared, Entity const& e,
@@ -230,7 +243,9 @@ Entity* LogWriter::writeShared(LogOut& out, Tracked& holder, std::pair<U32, Stri
                      (snapshotting_ && found->second->shared && !snapshotWritten_.count(e));
   Tracked& t = track(*e);
   if (found == tracked_.end()) t.shared = true;
-  if (t.shared && !holder.children.count(where)) {
+  // Entities of the tree count their holders too: one that leaves the tree
+  // while referred to lives on as a shared entity.
+  if (!holder.children.count(where)) {
     ++t.holders;
     holder.children[where] = {e, true};
   }
@@ -290,6 +305,8 @@ void LogWriter::writeAttr(LogOut& out, Tracked& t, KelAttr const& attr) {
       }
       Entity* const c = const_cast<Entity*>(child.get());
       bool const fresh = snapshotting_ || !tracked_.count(c);
+      // The readers know this child already.
+      if (!fresh && old != t.children.end() && old->second.first == c) return;
       Tracked& ct = track(*c);
       t.children[key] = {c, false};
       std::size_t const at = openRecord(out, t.ref, id);
@@ -356,6 +373,8 @@ void LogWriter::writeMember(LogOut& out, Tracked& t, KelAttr const& attr, String
     if (present) {
       Entity* const c = const_cast<Entity*>(child.get());
       bool const fresh = snapshotting_ || !tracked_.count(c);
+      auto const known = t.children.find(where);
+      if (!fresh && known != t.children.end() && known->second.first == c) return;
       Tracked& ct = track(*c);
       t.children[where] = {c, false};
       at = openRecord(out, t.ref, id);
@@ -466,7 +485,7 @@ void LogWriter::subscriberDel(LogSink const* sink) {
 }
 
 void LogWriter::flush() {
-  if (!dirty_.empty()) {
+  if (!dirty_.empty() || !released_.empty()) {
     String payload;
     LogOut out(payload);
     // Entities announced while writing join the end of the list.
@@ -496,6 +515,13 @@ void LogWriter::flush() {
     }
     dirty_.clear();
     writeDeferredRefs(out);
+    // The references forgotten by this frame (or since the last one), last,
+    // so that the records above could still name them.
+    for (U32 ref : released_) {
+      closeRecord(out, openRecord(out, ref, 0));
+      ++records_;
+    }
+    released_.clear();
     graveyard_.clear();
     if (!payload.empty()) {
       for (Subscriber& s : sinks_) {
@@ -526,7 +552,9 @@ struct LogReader::Decoded {
   std::string_view raw;  // the record's value, in the frame's payload
   KelAttr const* attr = nullptr;
   bool del = false;
-  std::string_view key;  // encoded, in the frame's payload, for the snapshot's bookkeeping
+  bool release = false;  // the writer has forgotten `ref`
+  std::string_view key;  // encoded, in the frame's payload
+  std::string_view element;  // a queue entry's encoded element, after the key
   std::optional<GenericValue> keyValue;
   std::optional<GenericValue> value;
   U32 childRef = 0;
@@ -535,25 +563,133 @@ struct LogReader::Decoded {
 
   [[nodiscard]] std::vector<void const*> argPointers() const {
     std::vector<void const*> out;
+    out.reserve(args.size());
     for (auto const& a : args) out.push_back(a->get());
     return out;
   }
 };
 
+// What the first pass over a frame knows: the entities the frame announces
+// and releases, and the numbers each queue it touches will hold, so that
+// everything the replica could refuse is refused before anything is applied.
+struct LogReader::Check {
+  bool snapshot = false;
+  std::unordered_map<U32, TypeDesc const*> announced;
+  std::unordered_set<U32> released;
+  struct Entry {
+    U32 seq;
+    std::string_view element;  // as last written by this frame; empty: the replica's own
+    bool fromFrame;
+  };
+  std::map<std::pair<U32, U32>, std::vector<Entry>> queues;  // by (reference, attribute index)
+
+  [[nodiscard]] bool named(U32 ref, std::unordered_map<U32, Ptr<Entity>> const& refs) const {
+    if (released.count(ref)) return false;
+    if (announced.count(ref)) return true;
+    return snapshot ? ref == 1 : refs.count(ref) != 0;
+  }
+};
+
+namespace {
+
+// Whether `e` hangs in the tree below `root`.
+bool attached(Entity const* e, Entity const* root) noexcept {
+  while (e && e != root) e = e->parent();
+  return e != nullptr;
+}
+
+// Calls f(entity) for every entity that `e` holds a reference to: children,
+// members of collections of entities and references.
+template <class F>
+void forEachHeld(Entity& e, F&& f) {
+  TypeDesc const& type = e.fwkType();
+  type.forEachAttr([&](KelAttr const& a) {
+    if (a.kind == AttrKind::child || a.kind == AttrKind::ref) {
+      Entity* held = nullptr;
+      {
+        Ptr<Entity const> p;
+        if (type.attributeOp(&p, &e, &a, attrOpRead) == attrDone) held = const_cast<Entity*>(p.get());
+      }
+      if (held) f(held);
+      return;
+    }
+    if (!isCollection(a.kind) || a.type->kind() != TypeKind::entity) return;
+    std::unique_ptr<GenericIter> it;
+    if (type.attributeOp(&it, &e, &a, attrOpIterate) != attrDone || !it) return;
+    for (; !it->done(); it->next()) {
+      if (Entity const* m = it->entity()) f(const_cast<Entity*>(m));
+    }
+  });
+}
+
+// Drops the references `e` holds that are not ownership: its reference
+// attributes and its queues of shared entities.
+void breakReferences(Entity& e) {
+  TypeDesc const& type = e.fwkType();
+  type.forEachAttr([&](KelAttr const& a) {
+    if (a.kind == AttrKind::ref) {
+      Ptr<Entity const> const none;
+      type.attributeOp(nullptr, &e, &a, attrOpWrite, &none);
+    } else if (a.kind == AttrKind::queue && a.type->kind() == TypeKind::entity) {
+      type.attributeOp(nullptr, &e, &a, attrOpDelAll);
+    }
+  });
+}
+
+// Whether the constructor arguments of `e` equal those a record carries.
+bool sameCtorArgs(Entity const& e, TypeDesc const& declared, bool withKey,
+                  std::vector<std::unique_ptr<GenericValue>> const& args) {
+  std::size_t i = 0;
+  for (U32 index : declared.ctorAttrs()) {
+    if (!withKey && index == declared.keyAttr()) continue;
+    KelAttr const& a = *declared.attr(index);
+    GenericValue v(*a.type);
+    e.fwkType().attributeOp(v.get(), const_cast<Entity*>(&e), &a, attrOpRead);
+    if (i >= args.size() || !a.type->ops()->equal(v.get(), args[i]->get())) return false;
+    ++i;
+  }
+  return true;
+}
+
+}  // namespace
+
 LogReader::LogReader(Entity& replica) : replica_(&replica) { reset(); }
 
-LogReader::~LogReader() = default;
+LogReader::~LogReader() {
+  // When nobody else holds the replica any more, cycles within its tree are
+  // broken too; otherwise only among the entities it no longer holds.
+  bool const replicaLetGo = replica_->references() == 1;
+  std::vector<Ptr<Entity>> named = std::move(previous_);
+  for (auto& [ref, e] : refs_) named.push_back(std::move(e));
+  refs_.clear();
+  if (replicaLetGo) {
+    for (auto& e : named) limbo_.push_back(std::move(e));
+  } else {
+    for (auto& e : named) forget(std::move(e));
+  }
+  named.clear();
+  collect(replicaLetGo);
+}
 
 void LogReader::reset() {
   pending_.clear();
+  pending_.shrink_to_fit();
   expectedSeq_ = 1;
   inSync_ = false;
   snapshot_ = false;
   broken_ = false;
+  seen_.clear();
+  for (auto& e : previous_) forget(std::move(e));
+  previous_.clear();
+  std::vector<Ptr<Entity>> named;
+  named.reserve(refs_.size());
+  for (auto& [ref, e] : refs_) {
+    if (e.get() != replica_) named.push_back(std::move(e));
+  }
   refs_.clear();
   refs_[1] = replica_;
-  sharedRefs_.clear();
-  seen_.clear();
+  for (auto& e : named) forget(std::move(e));
+  if (!limbo_.empty()) collect(false);
 }
 
 void LogReader::bytesIs(std::string_view bytes) {
@@ -578,8 +714,16 @@ void LogReader::bytesIs(std::string_view bytes) {
       U64 const seq = head.u64();
       U32 const length = head.u32();
       (void)head.u32();
-      if (length > kMaxPayload) throw LogException("Bad frame in the attribute log");
-      if (rest.size() < kHeader + length + kTrailer) break;
+      if (length > maxFrameBytes_ || length > kMaxPayload) {
+        throw LogException("Attribute log frame of " + std::to_string(length) +
+                           " bytes is over the limit of " +
+                           std::to_string(std::min(maxFrameBytes_, kMaxPayload)) + " bytes");
+      }
+      if (rest.size() < kHeader + length + kTrailer) {
+        // Room for the whole frame at once rather than by doubling.
+        pending_.reserve(done + kHeader + length + kTrailer);
+        break;
+      }
       LogIn trailer(rest.substr(kHeader + length, kTrailer));
       if (trailer.u32() != crc32(rest.substr(kHeader, length))) {
         throw LogException("Bad checksum in the attribute log");
@@ -591,9 +735,11 @@ void LogReader::bytesIs(std::string_view bytes) {
     broken_ = true;
     inSync_ = false;
     pending_.clear();
+    pending_.shrink_to_fit();
     throw;
   }
   pending_.erase(0, done);
+  if (pending_.empty() && pending_.capacity() > (1u << 20)) pending_.shrink_to_fit();
 }
 
 bool LogReader::readFrom(int fd) {
@@ -618,68 +764,117 @@ void LogReader::frameIs(U8 kind, U64 seq, LogIn payload) {
     throw LogException("Gap in the attribute log: frame " + std::to_string(seq) + " where " +
                        std::to_string(expectedSeq_) + " was due");
   }
-  ++expectedSeq_;
-  ++frames_;
   if (kind == frameInSync) {
     if (!snapshot_ || !payload.atEnd()) throw LogException("Unexpected in-sync marker");
+    ++expectedSeq_;
+    ++frames_;
     sweep();
+    settle();
     snapshot_ = false;
     inSync_ = true;
     return;
   }
-  if (kind == frameSnapshot) {
-    snapshot_ = true;
-    inSync_ = false;
-    refs_.clear();
-    refs_[1] = replica_;
-    sharedRefs_.clear();
-    seen_.clear();
-  } else if (!inSync_) {
+  if (kind == frameChanges && !inSync_) {
     throw LogException("Changes before the snapshot in the attribute log");
   }
-  std::deque<Decoded> records;
-  decode(payload, records);
-  try {
-    bool removals = false;
-    for (Decoded& d : records) {
-      apply(d);
-      removals =
-          removals ||
-          (d.del && (d.attr->kind == AttrKind::child || d.attr->type->kind() == TypeKind::entity));
-    }
-    if (removals) prune();
-    // The frame is a transaction: each entity type hears its end, once per
-    // attribute the frame changed.
-    std::map<std::pair<Entity*, S32>, U32> changed;
-    for (Decoded const& d : records) {
-      auto const r = refs_.find(d.ref);
-      if (r != refs_.end()) ++changed[{r->second.get(), static_cast<S32>(d.attr->logId)}];
-    }
-    for (auto const& [where, count] : changed) {
-      if (auto const end = where.first->fwkType().logTransaction()) {
-        end(*where.first, where.second, kind, count);
+  bool const snapshot = kind == frameSnapshot;
+
+  // First pass: decode and check every record; nothing is applied.
+  std::size_t count = 0;
+  {
+    Check check;
+    check.snapshot = snapshot;
+    LogIn in = payload;
+    try {
+      while (!in.atEnd()) {
+        Decoded d;
+        decode(in, d, &check);
+        ++count;
       }
+    } catch (RangeException const& e) {
+      throw LogException(std::string("Bad value in the attribute log: ") + e.what());
+    }
+  }
+
+  // Second pass: apply. The first pass refused everything the replica could.
+  ++expectedSeq_;
+  ++frames_;
+  if (snapshot) {
+    snapshot_ = true;
+    inSync_ = false;
+    for (auto& e : previous_) forget(std::move(e));
+    previous_.clear();
+    previous_.reserve(refs_.size());
+    for (auto& [ref, e] : refs_) {
+      if (ref != 1) previous_.push_back(std::move(e));
+    }
+    refs_.clear();
+    refs_[1] = replica_;
+    seen_.clear();
+  }
+  // (entity, attribute) per record, for the transaction's end; entities the
+  // frame releases are forgotten after it.
+  std::vector<std::pair<Ptr<Entity>, S32>> changed;
+  std::vector<Ptr<Entity>> released;
+  try {
+    LogIn in = payload;
+    while (!in.atEnd()) {
+      Decoded d;
+      decode(in, d, nullptr);
+      if (d.release) {
+        auto const known = refs_.find(d.ref);
+        if (known != refs_.end()) {
+          released.push_back(std::move(known->second));
+          refs_.erase(known);
+        }
+        continue;
+      }
+      Entity* const e = refs_.at(d.ref).get();
+      apply(d);
+      auto const id = static_cast<S32>(d.attr->logId);
+      if (changed.empty() || changed.back().first.get() != e || changed.back().second != id)
+        changed.emplace_back(e, id);
     }
   } catch (LogException const&) {
     throw;
   } catch (std::exception const& e) {
     throw LogException(std::string("Attribute log record refused: ") + e.what());
   }
-  records_ += records.size();
+  // The frame is a transaction: each entity type hears its end, once per
+  // attribute the frame changed, with the number of records.
+  auto const before = [](auto const& x, auto const& y) {
+    return std::make_pair(x.first.get(), x.second) < std::make_pair(y.first.get(), y.second);
+  };
+  std::stable_sort(changed.begin(), changed.end(), before);
+  for (std::size_t i = 0; i < changed.size();) {
+    std::size_t j = i + 1;
+    while (j < changed.size() && !before(changed[i], changed[j])) ++j;
+    if (auto const end = changed[i].first->fwkType().logTransaction()) {
+      end(*changed[i].first, changed[i].second, kind, static_cast<U32>(j - i));
+    }
+    i = j;
+  }
+  changed.clear();
+  for (Ptr<Entity>& e : released) forget(std::move(e));
+  records_ += count;
 }
 
-// Reads every record of a frame, checking them against the replica's types
-// before anything is applied.
-void LogReader::decode(LogIn& in, std::deque<Decoded>& out) {
-  std::unordered_map<U32, TypeDesc const*> announced;
+// Reads one record. With `check` (the first pass) it also checks the record
+// against the replica's types, ranges, references and queues, and records
+// what the record announces; without, it only decodes.
+void LogReader::decode(LogIn& in, Decoded& d, Check* check) {
   auto typeOf = [&](U32 ref) -> TypeDesc const* {
-    if (auto const a = announced.find(ref); a != announced.end()) return a->second;
+    if (check) {
+      if (!check->named(ref, refs_)) return nullptr;
+      if (auto const a = check->announced.find(ref); a != check->announced.end()) return a->second;
+      if (ref == 1) return &replica_->fwkType();
+    }
     if (auto const r = refs_.find(ref); r != refs_.end()) return &r->second->fwkType();
     return nullptr;
   };
   LogIn value(nullptr, 0);
   // A new entity's constructor arguments (all, or all but its key).
-  auto readArgs = [&](Decoded& d, TypeDesc const& declared, bool withKey) {
+  auto readArgs = [&](TypeDesc const& declared, bool withKey) {
     for (U32 index : declared.ctorAttrs()) {
       if (!withKey && index == declared.keyAttr()) continue;
       KelAttr const* arg = declared.attr(index);
@@ -688,7 +883,7 @@ void LogReader::decode(LogIn& in, std::deque<Decoded>& out) {
     }
   };
   // A reference to a shared entity: known already, or announced here.
-  auto readShared = [&](Decoded& d, TypeDesc const& declared) {
+  auto readShared = [&](TypeDesc const& declared) {
     d.childRef = value.u32();
     U8 const fresh = value.u8();
     if (fresh > 1 || (fresh && d.childRef == 0))
@@ -696,78 +891,170 @@ void LogReader::decode(LogIn& in, std::deque<Decoded>& out) {
     d.fresh = fresh == 1;
     if (d.fresh) {
       if (!declared.createWithArgs()) throw LogException("Bad reference in the attribute log");
-      readArgs(d, declared, true);
-    } else if (d.childRef != 0) {
+      readArgs(declared, true);
+    } else if (check && d.childRef != 0) {
       TypeDesc const* target = typeOf(d.childRef);
       if (!target || !target->isA(declared))
         throw LogException("Bad reference in the attribute log");
     }
   };
-  try {
-    while (!in.atEnd()) {
-      Decoded& d = out.emplace_back();
-      d.ref = in.u32();
-      S32 const id = static_cast<S32>(in.u32());
-      U32 const length = in.u32();
-      U8 const* const rawAt = in.bytes(length);
-      value = LogIn(rawAt, length);
-      d.id = id;
-      d.raw = std::string_view(reinterpret_cast<char const*>(rawAt), length);
-      TypeDesc const* type = typeOf(d.ref);
-      if (!type)
-        throw LogException("Unknown entity " + std::to_string(d.ref) + " in the attribute log");
-      d.del = id < 0;
-      U32 const logId = static_cast<U32>(d.del ? -static_cast<S64>(id) : id);
-      d.attr = type->attrByLogId(logId);
-      if (!d.attr) {
-        throw LogException("Unknown attribute " + std::to_string(id) + " of " +
-                           String(type->name()));
-      }
-      KelAttr const& a = *d.attr;
-      bool const entities = a.type->kind() == TypeKind::entity;
-      if (isCollection(a.kind)) {
-        U8 const* const keyAt = value.position();
-        d.keyValue.emplace(*a.keyType);
-        a.keyType->ops()->logRead(value, d.keyValue->get());
-        d.key = std::string_view(reinterpret_cast<char const*>(keyAt),
-                                 static_cast<std::size_t>(value.position() - keyAt));
-        if (!d.del) {
-          if (a.kind == AttrKind::queue && entities) {
-            readShared(d, *a.type);
-          } else if (entities) {
-            d.childRef = value.u32();
-            readArgs(d, *a.type, false);
-          } else if (a.kind != AttrKind::hashedSet) {
-            d.value.emplace(*a.type);
-            a.type->ops()->logRead(value, d.value->get());
-          }
-        }
-      } else if (a.kind == AttrKind::plain && !d.del) {
+
+  d.ref = in.u32();
+  S32 const id = static_cast<S32>(in.u32());
+  U32 const length = in.u32();
+  U8 const* const rawAt = in.bytes(length);
+  value = LogIn(rawAt, length);
+  d.id = id;
+  d.raw = std::string_view(reinterpret_cast<char const*>(rawAt), length);
+  if (id == 0) {
+    // The writer has forgotten this reference: no value. Forgetting one the
+    // reader does not know changes nothing.
+    d.release = true;
+    if (check) {
+      if (length != 0) throw LogException("Bad record length in the attribute log");
+      if (d.ref == 1) throw LogException("The root of the attribute log cannot be released");
+      check->announced.erase(d.ref);
+      check->released.insert(d.ref);
+    }
+    return;
+  }
+  TypeDesc const* type = typeOf(d.ref);
+  if (!type) throw LogException("Unknown entity " + std::to_string(d.ref) + " in the attribute log");
+  d.del = id < 0;
+  U32 const logId = static_cast<U32>(d.del ? -static_cast<S64>(id) : id);
+  d.attr = type->attrByLogId(logId);
+  if (!d.attr) {
+    throw LogException("Unknown attribute " + std::to_string(id) + " of " + String(type->name()));
+  }
+  KelAttr const& a = *d.attr;
+  bool const entities = a.type->kind() == TypeKind::entity;
+  if (isCollection(a.kind)) {
+    U8 const* const keyAt = value.position();
+    d.keyValue.emplace(*a.keyType);
+    a.keyType->ops()->logRead(value, d.keyValue->get());
+    d.key = std::string_view(reinterpret_cast<char const*>(keyAt),
+                             static_cast<std::size_t>(value.position() - keyAt));
+    d.element = std::string_view(reinterpret_cast<char const*>(value.position()),
+                                 value.remaining());
+    if (!d.del) {
+      if (a.kind == AttrKind::queue && entities) {
+        readShared(*a.type);
+      } else if (entities) {
+        d.childRef = value.u32();
+        readArgs(*a.type, false);
+      } else if (a.kind != AttrKind::hashedSet) {
         d.value.emplace(*a.type);
         a.type->ops()->logRead(value, d.value->get());
-        type->attributeOp(nullptr, nullptr, &a, attrOpCheck, d.value->get());
-      } else if (a.kind == AttrKind::child && !d.del) {
-        d.childRef = value.u32();
-        readArgs(d, *a.type, true);
-      } else if (a.kind == AttrKind::ref && !d.del) {
-        readShared(d, *a.type);
-      } else if (!(a.kind == AttrKind::child && d.del)) {
-        throw LogException("Attribute " + String(a.name) +
-                           " cannot be written from the attribute log");
-      }
-      if (!value.atEnd()) throw LogException("Bad record length in the attribute log");
-      bool const shared = a.kind == AttrKind::ref || (a.kind == AttrKind::queue && entities);
-      if (d.childRef != 0 && (!shared || d.fresh)) {
-        if (d.childRef == 1 || refs_.count(d.childRef) || announced.count(d.childRef)) {
-          if (!snapshot_ || d.childRef == 1)
-            throw LogException("Entity announced twice in the attribute log");
-        }
-        announced[d.childRef] = a.type;
       }
     }
-  } catch (RangeException const& e) {
-    throw LogException(std::string("Bad value in the attribute log: ") + e.what());
+  } else if (a.kind == AttrKind::plain && !d.del) {
+    d.value.emplace(*a.type);
+    a.type->ops()->logRead(value, d.value->get());
+    if (check) type->attributeOp(nullptr, nullptr, &a, attrOpCheck, d.value->get());
+  } else if (a.kind == AttrKind::child && !d.del) {
+    d.childRef = value.u32();
+    readArgs(*a.type, true);
+  } else if (a.kind == AttrKind::ref && !d.del) {
+    readShared(*a.type);
+  } else if (!(a.kind == AttrKind::child && d.del)) {
+    throw LogException("Attribute " + String(a.name) + " cannot be written from the attribute log");
   }
+  if (!value.atEnd()) throw LogException("Bad record length in the attribute log");
+  if (!check) return;
+
+  if (a.kind == AttrKind::queue) checkQueue(*check, d);
+  bool const shared = a.kind == AttrKind::ref || (a.kind == AttrKind::queue && entities);
+  bool const child = a.kind == AttrKind::child || (entities && !shared);
+  if (child && !d.del && d.childRef < 2) throw LogException("Bad reference in the attribute log");
+  if (d.childRef != 0 && (!shared || d.fresh)) {
+    // A new entity: its reference must be new to the stream (a snapshot
+    // names the tree's entities again).
+    bool const known = d.childRef == 1 || check->announced.count(d.childRef) ||
+                       (!check->snapshot && refs_.count(d.childRef) &&
+                        !check->released.count(d.childRef));
+    if (known) throw LogException("Entity announced twice in the attribute log");
+    check->released.erase(d.childRef);
+    check->announced[d.childRef] = a.type;
+  }
+}
+
+// Follows, record by record, the numbers a queue will hold, so that an entry
+// the queue would refuse (not after its tail, and not equal to the entry
+// already under its number) refuses the whole frame.
+void LogReader::checkQueue(Check& check, Decoded const& d) {
+  KelAttr const& a = *d.attr;
+  bool const entities = a.type->kind() == TypeKind::entity;
+  auto [where, first] = check.queues.try_emplace(std::make_pair(d.ref, a.index));
+  std::vector<Check::Entry>& q = where->second;
+  Entity* const e = [&]() -> Entity* {
+    if (check.snapshot || check.announced.count(d.ref)) return nullptr;  // starts empty
+    auto const r = refs_.find(d.ref);
+    return r == refs_.end() ? nullptr : r->second.get();
+  }();
+  if (first && e) {
+    std::unique_ptr<GenericIter> it;
+    if (e->fwkType().attributeOp(&it, e, &a, attrOpIterate) == attrDone && it) {
+      for (; !it->done(); it->next()) q.push_back({*static_cast<U32 const*>(it->key()), {}, false});
+    }
+  }
+  U32 const seq = *static_cast<U32 const*>(d.keyValue->get());
+  // Entries lie within 2^31 of the head, in increasing distance from it.
+  std::size_t found = q.size();
+  if (!q.empty()) {
+    U32 const base = q.front().seq;
+    U32 const at = seq - base;
+    if (at <= q.back().seq - base) {
+      auto const pos = std::lower_bound(q.begin(), q.end(), at, [base](Check::Entry const& x, U32 v) {
+        return x.seq - base < v;
+      });
+      if (pos != q.end() && pos->seq == seq) found = static_cast<std::size_t>(pos - q.begin());
+    }
+  }
+  if (d.del) {
+    if (found < q.size()) q.erase(q.begin() + static_cast<std::ptrdiff_t>(found));
+    return;
+  }
+  auto refuse = [&] { throw LogException("Attribute log record for " + String(a.name) + " refused"); };
+  if (found < q.size()) {
+    Check::Entry& entry = q[found];
+    bool same = false;
+    if (entities) {
+      // Only a known entity, named by both, is the same.
+      if (!d.fresh) {
+        if (entry.fromFrame) {
+          LogIn prior(entry.element);
+          U32 const priorRef = prior.u32();
+          same = prior.u8() == 0 && priorRef == d.childRef;
+        } else {
+          Ptr<Entity const> existing;
+          e->fwkType().attributeOp(&existing, e, &a, attrOpMemberRead, &seq);
+          auto const r = refs_.find(d.childRef);
+          same = d.childRef == 0 ? !existing
+                                 : (!check.announced.count(d.childRef) && r != refs_.end() &&
+                                    existing.get() == r->second.get());
+        }
+      }
+    } else {
+      GenericValue prior(*a.type);
+      if (entry.fromFrame) {
+        LogIn in(entry.element);
+        a.type->ops()->logRead(in, prior.get());
+      } else {
+        e->fwkType().attributeOp(prior.get(), e, &a, attrOpMemberRead, &seq);
+      }
+      same = a.type->ops()->equal(prior.get(), d.value->get());
+    }
+    if (same) return;
+    if (found + 1 != q.size()) refuse();  // only the tail can be replaced
+    entry.element = d.element;
+    entry.fromFrame = true;
+    return;
+  }
+  if (!q.empty()) {
+    U32 const at = seq - q.front().seq;
+    if (at <= q.back().seq - q.front().seq || at >= 0x80000000u) refuse();
+  }
+  q.push_back({seq, d.element, true});
 }
 
 void LogReader::apply(Decoded& d) {
@@ -780,16 +1067,17 @@ void LogReader::apply(Decoded& d) {
   if (snapshot_ && isCollection(a.kind) && !d.del) {
     auto [named, first] = seen_.try_emplace(SeenKey{e, a.index});
     if (first) {
-      // A queue of shared entities starts again: the copies it holds are not
-      // the ones the snapshot announces, and entries cannot be replaced in
-      // the middle of a queue.
-      if (a.kind == AttrKind::queue && a.type->kind() == TypeKind::entity) {
+      std::size_t size = 0;
+      if (a.kind == AttrKind::queue) {
+        // A queue starts again: entries cannot be replaced in the middle of a
+        // queue, and the copies of shared entities it holds are not the ones
+        // the snapshot announces.
         type.attributeOp(nullptr, e, &a, attrOpDelAll);
+      } else {
+        type.attributeOp(&size, e, &a, attrOpSize);
       }
       // Members of a collection that was empty when the snapshot reached it
       // all come from the snapshot: no need to remember their keys.
-      std::size_t size = 0;
-      type.attributeOp(&size, e, &a, attrOpSize);
       named->second.wasEmpty = size == 0;
     }
     if (!named->second.wasEmpty) named->second.keys.emplace(d.key);
@@ -805,21 +1093,7 @@ void LogReader::apply(Decoded& d) {
   }
   switch (a.kind) {
     case AttrKind::plain: type.attributeOp(nullptr, e, &a, attrOpWrite, d.value->get()); return;
-    case AttrKind::child: {
-      if (d.del) {
-        type.attributeOp(nullptr, e, &a, attrOpDelAll);
-        return;
-      }
-      Ptr<Entity> child;
-      std::vector<void const*> const args = d.argPointers();
-      if (type.attributeOp(&child, e, &a, attrOpCreate, args.empty() ? nullptr : args.data()) !=
-              attrDone ||
-          !child) {
-        refuse();
-      }
-      refs_[d.childRef] = child;
-      return;
-    }
+    case AttrKind::child: applyChild(*e, d); return;
     case AttrKind::ref: {
       Ptr<Entity const> const target = shared(d);
       if (type.attributeOp(nullptr, e, &a, attrOpWrite, &target) != attrDone) refuse();
@@ -861,27 +1135,58 @@ void LogReader::apply(Decoded& d) {
     type.attributeOp(&was, e, &a, attrOpMemberDel, d.keyValue->get());
     return;
   }
-  std::vector<void const*> const args = d.argPointers();
-  void const* value = d.value ? d.value->get() : args.empty() ? nullptr : args.data();
+  if (d.childRef != 0) {
+    applyChild(*e, d);
+    return;
+  }
+  void const* value = d.value ? d.value->get() : nullptr;
   if (type.attributeOp(nullptr, e, &a, attrOpMemberWrite, d.keyValue->get(), value) != attrDone)
     refuse();
-  if (d.childRef != 0) {
-    Ptr<Entity const> child;
-    if (type.attributeOp(&child, e, &a, attrOpMemberRead, d.keyValue->get()) != attrDone) refuse();
-    refs_[d.childRef] = ptrConstCast(child);
-  }
 }
 
-// Forgets the entities that left the tree: owned ones whose chain of parents
-// no longer reaches the replica's root. Shared entities stay until the next
-// snapshot, as the writer does not announce their release.
-void LogReader::prune() {
-  std::erase_if(refs_, [this](auto const& known) {
-    if (known.first == 1 || sharedRefs_.count(known.first)) return false;
-    Entity const* e = known.second.get();
-    while (e && e != replica_) e = e->parent();
-    return e == nullptr;
-  });
+// A child announced in a slot or a map of entities. A change frame announces
+// a new entity, which replaces the one there; a snapshot keeps the one there
+// when its constructor arguments agree, so that unchanged state notifies
+// nobody.
+void LogReader::applyChild(Entity& e, Decoded& d) {
+  TypeDesc const& type = e.fwkType();
+  KelAttr const& a = *d.attr;
+  bool const slot = a.kind == AttrKind::child;
+  auto refuse = [&] {
+    throw LogException("Attribute log record for " + String(a.name) + " refused");
+  };
+  if (slot && d.del) {
+    type.attributeOp(nullptr, &e, &a, attrOpDelAll);
+    return;
+  }
+  Ptr<Entity const> existing;
+  int const there = slot ? type.attributeOp(&existing, &e, &a, attrOpRead)
+                         : type.attributeOp(&existing, &e, &a, attrOpMemberRead,
+                                            d.keyValue->get());
+  if (there == attrDone && existing &&
+      (!snapshot_ || !sameCtorArgs(*existing, *a.type, slot, d.args))) {
+    bool was = false;
+    if (slot) {
+      type.attributeOp(nullptr, &e, &a, attrOpDelAll);
+    } else {
+      type.attributeOp(&was, &e, &a, attrOpMemberDel, d.keyValue->get());
+    }
+  }
+  existing = nullptr;
+  std::vector<void const*> const args = d.argPointers();
+  void const* const packed = args.empty() ? nullptr : args.data();
+  Ptr<Entity> child;
+  if (slot) {
+    if (type.attributeOp(&child, &e, &a, attrOpCreate, packed) != attrDone || !child) refuse();
+  } else {
+    if (type.attributeOp(nullptr, &e, &a, attrOpMemberWrite, d.keyValue->get(), packed) !=
+        attrDone)
+      refuse();
+    Ptr<Entity const> made;
+    if (type.attributeOp(&made, &e, &a, attrOpMemberRead, d.keyValue->get()) != attrDone) refuse();
+    child = ptrConstCast(made);
+  }
+  refs_[d.childRef] = std::move(child);
 }
 
 // The shared entity a record refers to, made first when the record announces it.
@@ -891,10 +1196,101 @@ Ptr<Entity const> LogReader::shared(Decoded const& d) {
     std::vector<void const*> const args = d.argPointers();
     Ptr<Entity> made = d.attr->type->createWithArgs()(args.empty() ? nullptr : args.data());
     refs_[d.childRef] = made;
-    sharedRefs_.insert(d.childRef);
     return made;
   }
   return refs_.at(d.childRef);
+}
+
+// An entity the stream no longer names. Freed at once when the reader held
+// the last reference; otherwise the replica (or a cycle) still holds it, and
+// it waits among the held entities for collect().
+void LogReader::forget(Ptr<Entity> e) {
+  if (!e || e.get() == replica_) return;
+  if (e->references() == 1) return;  // freed here
+  if (attached(e.get(), replica_)) return;  // the replica's tree holds it
+  limbo_.push_back(std::move(e));
+  if (limbo_.size() >= collectAt_) {
+    collect(false);
+    collectAt_ = std::max<std::size_t>(64, 2 * limbo_.size());
+  }
+}
+
+// Breaks the cycles of references among the held entities that nothing
+// outside them holds any more, so that they are freed. Every entity held
+// (directly or through what it holds) is counted with the references that
+// come from within that set; one with more references than that is held
+// from outside, and so is everything it reaches. The others are garbage:
+// their references are dropped. Entities of the replica's tree count as
+// outside unless `everything` (the reader's end, when the replica may have
+// been let go too).
+void LogReader::collect(bool everything) {
+  if (limbo_.empty()) return;
+  struct Node {
+    U32 internal = 0;
+    bool live = false;
+    bool walked = false;
+    std::vector<Entity*> out;
+  };
+  std::unordered_map<Entity*, Node> nodes;
+  bool const rootOutside = !everything;
+  std::vector<Entity*> stack;
+  for (Ptr<Entity> const& held : limbo_) {
+    ++nodes[held.get()].internal;
+    stack.push_back(held.get());
+  }
+  while (!stack.empty()) {
+    Entity* const e = stack.back();
+    stack.pop_back();
+    Node& node = nodes[e];
+    if (node.walked) continue;
+    node.walked = true;
+    forEachHeld(*e, [&](Entity* target) {
+      if (rootOutside && attached(target, replica_)) return;
+      ++nodes[target].internal;
+      nodes[e].out.push_back(target);
+      stack.push_back(target);
+    });
+  }
+  for (auto& [e, node] : nodes) {
+    if (e->references() > node.internal) stack.push_back(e);
+  }
+  while (!stack.empty()) {
+    Node& node = nodes[stack.back()];
+    stack.pop_back();
+    if (node.live) continue;
+    node.live = true;
+    for (Entity* t : node.out) stack.push_back(t);
+  }
+  std::vector<Ptr<Entity>> garbage;
+  for (auto& [e, node] : nodes) {
+    if (!node.live) garbage.emplace_back(e);
+  }
+  // Held entities stay while something outside holds them and they are not
+  // in the replica's tree (which holds them for good).
+  std::vector<Ptr<Entity>> keep;
+  std::unordered_set<Entity*> kept;
+  for (Ptr<Entity>& held : limbo_) {
+    if (nodes[held.get()].live && !attached(held.get(), replica_) && kept.insert(held.get()).second)
+      keep.push_back(std::move(held));
+  }
+  limbo_.swap(keep);
+  keep.clear();
+  for (Ptr<Entity> const& g : garbage) breakReferences(*g);
+}
+
+// At the end of a snapshot: the entities named before it and not again are
+// forgotten.
+void LogReader::settle() {
+  std::unordered_set<Entity const*> named;
+  named.reserve(refs_.size());
+  for (auto const& [ref, e] : refs_) named.insert(e.get());
+  std::vector<Ptr<Entity>> previous = std::move(previous_);
+  previous_.clear();
+  for (Ptr<Entity>& e : previous) {
+    if (!named.count(e.get())) forget(std::move(e));
+  }
+  previous.clear();
+  if (!limbo_.empty()) collect(false);
 }
 
 // After a snapshot: removes every member that the snapshot did not name.

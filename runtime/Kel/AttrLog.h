@@ -133,6 +133,9 @@ class LogWriter {
 
   // Frames and records written, for statistics.
   [[nodiscard]] U64 records() const noexcept { return records_; }
+  // Entities whose changes are followed: the tree, and the entities outside
+  // it that something in it refers to.
+  [[nodiscard]] std::size_t trackedEntities() const noexcept { return tracked_.size(); }
 
  private:
   class Tracker;
@@ -163,6 +166,8 @@ class LogWriter {
   bool writingRefs_ = false;
   std::set<Entity const*> snapshotWritten_;  // shared entities a snapshot has written
   std::vector<std::pair<Tracked*, KelAttr const*>> deferredRefs_;
+  // References forgotten since the last frame, announced in the next one.
+  std::vector<U32> released_;
   struct Subscriber {
     std::unique_ptr<LogSink> sink;
     U64 seq = 0;
@@ -176,14 +181,22 @@ class LogReader {
   // Keeps `replica` equal to the tree the stream comes from. The replica
   // must be of the same type as the source's root.
   explicit LogReader(Entity& replica);
+  // Forgets every entity the stream named; a cycle of references among
+  // entities that nothing else holds is broken so that they are freed.
   ~LogReader();
   LogReader(LogReader const&) = delete;
   LogReader& operator=(LogReader const&) = delete;
 
+  // The largest frame payload accepted, 64 MiB unless set. A frame whose
+  // header announces more is refused before its payload is buffered.
+  static constexpr U32 kDefaultMaxFrameBytes = 64u << 20;
+  void maxFrameBytesIs(U32 bytes) noexcept { maxFrameBytes_ = bytes; }
+  [[nodiscard]] U32 maxFrameBytes() const noexcept { return maxFrameBytes_; }
+
   // Applies every complete frame in `bytes` (and in what came before).
   // Raises LogException for a corrupt stream, a gap in the sequence numbers
-  // or a record the replica cannot take; the frame at fault is not applied
-  // and the reader wants a new connection (reset()).
+  // or a record the replica cannot take; nothing of the frame at fault is
+  // applied and the reader wants a new connection (reset()).
   void bytesIs(std::string_view bytes);
   // Reads what is available on a non-blocking descriptor and applies it;
   // answers false at the end of the stream or when the connection broke.
@@ -203,25 +216,44 @@ class LogReader {
   [[nodiscard]] bool inSync() const noexcept { return inSync_; }
   [[nodiscard]] U64 frames() const noexcept { return frames_; }
   [[nodiscard]] U64 records() const noexcept { return records_; }
+  // Entities the stream names at present (the root included); equals the
+  // writer's trackedEntities() while in sync.
+  [[nodiscard]] std::size_t namedEntities() const noexcept { return refs_.size(); }
+  // Entities no longer named but still held by the replica, kept to break
+  // cycles among them once nothing else holds them.
+  [[nodiscard]] std::size_t heldEntities() const noexcept { return limbo_.size(); }
 
  private:
   struct Decoded;
+  struct Check;
   void frameIs(U8 kind, U64 seq, LogIn payload);
-  void decode(LogIn& in, std::deque<Decoded>& out);
+  void decode(LogIn& in, Decoded& d, Check* check);
+  void checkQueue(Check& check, Decoded const& d);
+  void checkQueue(Check& check, Decoded const& d, std::size_t recordNo);
   void apply(Decoded& d);
+  void applyChild(Entity& e, Decoded& d);
   Ptr<Entity const> shared(Decoded const& d);
-  void prune();
+  void forget(Ptr<Entity> e);
+  void collect(bool everything);
   void sweep();
+  void settle();
 
   Entity* replica_;
   int fd_ = -1;
+  U32 maxFrameBytes_ = kDefaultMaxFrameBytes;
   String pending_;
   U64 expectedSeq_ = 1;
   bool inSync_ = false;
   bool snapshot_ = false;
   bool broken_ = false;
   std::unordered_map<U32, Ptr<Entity>> refs_;
-  std::unordered_set<U32> sharedRefs_;  // references to shared entities
+  // During a snapshot: the entities named before it, forgotten at its end
+  // unless the snapshot names them again.
+  std::vector<Ptr<Entity>> previous_;
+  // Entities no longer named that something still held when they were
+  // forgotten (see collect()).
+  std::vector<Ptr<Entity>> limbo_;
+  std::size_t collectAt_ = 64;
   // Members met during a snapshot (encoded keys), by entity and attribute.
   struct SeenKey {
     Entity const* entity;

@@ -66,7 +66,65 @@ struct Link {
     deliver();
   }
   [[nodiscard]] bool same() const { return Kel::browseText(*source) == Kel::browseText(*replica); }
+  // The replica names as many entities as the writer follows, and holds none
+  // it no longer names: its memory follows the source's.
+  [[nodiscard]] bool sameSize() const {
+    return reader.namedEntities() == writer.trackedEntities() && reader.heldEntities() == 0;
+  }
 };
+
+// Records and frames made by hand, as a faulty or hostile writer would.
+struct Hand {
+  std::string payload;
+  Kel::LogOut out{payload};
+
+  Hand& record(Kel::U32 ref, Kel::S32 id, std::string const& value) {
+    out.u32(ref);
+    out.u32(static_cast<Kel::U32>(id));
+    out.u32(static_cast<Kel::U32>(value.size()));
+    out.bytes(value.data(), value.size());
+    return *this;
+  }
+  [[nodiscard]] std::string frame(Kel::U64 seq, Kel::U8 kind = Kel::logFrameChanges) const {
+    std::string bytes;
+    Kel::logFrame(bytes, kind, seq, payload);
+    return bytes;
+  }
+};
+
+// The encoding of values, for hand-made records.
+template <class... V>
+std::string enc(V const&... v) {
+  std::string s;
+  Kel::LogOut out(s);
+  (Kel::kelLogWrite(out, v), ...);
+  return s;
+}
+
+Kel::S32 logId(char const* attr, Kel::TypeDesc const& type = Root::kelType) {
+  return static_cast<Kel::S32>(type.attr(attr)->logId);
+}
+
+// The payload's records, each whole (header and value), in order.
+std::vector<std::string> splitRecords(std::string const& frames) {
+  std::vector<std::string> out;
+  Kel::LogIn in(frames);
+  while (!in.atEnd()) {
+    in.skip(16);
+    Kel::U32 const length = in.u32();
+    in.skip(4);
+    auto const* payload = reinterpret_cast<char const*>(in.bytes(length));
+    in.skip(4);
+    Kel::LogIn records(reinterpret_cast<Kel::U8 const*>(payload), length);
+    while (!records.atEnd()) {
+      auto const* at = reinterpret_cast<char const*>(records.position());
+      records.skip(8);
+      records.skip(records.u32());
+      out.emplace_back(at, static_cast<std::size_t>(reinterpret_cast<char const*>(records.position()) - at));
+    }
+  }
+  return out;
+}
 
 TEST(AttrLog, SnapshotThenChanges) {
   Link link;
@@ -213,17 +271,44 @@ TEST(AttrLog, GapIsDetected) {
   EXPECT_TRUE(link.same());
 }
 
+// Records a replica must refuse, each whole; one is slipped into a good
+// frame at a random place and nothing of that frame may be applied.
+std::vector<std::pair<char const*, std::string>> badRecords() {
+  Kel::S32 const points = logId("points");
+  Hand h;
+  std::vector<std::pair<char const*, std::string>> out;
+  auto one = [&](char const* what, Hand const& rec) { out.emplace_back(what, rec.payload); };
+  one("an unknown entity", Hand().record(999999, logId("count"), enc(Kel::U32{1})));
+  one("an unknown attribute", Hand().record(1, 9999, enc(Kel::U32{1})));
+  one("an epoch out of range", Hand().record(1, logId("epoch"), enc(Kel::U32{16777217})));
+  one("a queue entry before the tail",
+      Hand()
+          .record(1, points, enc(Kel::U32{0x10000000u}, Kel::U32{1}, Kel::U32{1}))
+          .record(1, points, enc(Kel::U32{0x0fffffffu}, Kel::U32{1}, Kel::U32{1})));
+  one("a value longer than its record says",
+      Hand().record(1, logId("count"), enc(Kel::U32{1}, Kel::U8{0})));
+  one("a reference to an unknown entity",
+      Hand().record(1, logId("shared"), enc(Kel::U32{999999}, Kel::U8{0})));
+  one("the root announced again", Hand().record(1, logId("slot"), enc(Kel::U32{1})));
+  one("the root released", Hand().record(1, 0, ""));
+  return out;
+}
+
 // Long random sequences of changes, with random flushes and reconnections;
-// after every flush the replica equals the source attribute by attribute.
+// after every flush the replica equals the source attribute by attribute and
+// holds as many entities. References keep pointing at entities that left
+// the tree, and some frames carry a bad record, which refuses all of them.
 TEST(AttrLog, RandomChangesReplicaFollows) {
   std::mt19937 rng(12);
+  auto const bad = badRecords();
   for (int round = 0; round < 6; ++round) {
     Link link;
     link.connect();
+    std::vector<Kel::Ptr<Sample::Leaf>> held;  // leaves kept by the user, in the tree or not
     for (int step = 0; step < 3000; ++step) {
       Root& s = *link.source;
       Kel::U32 const k = rng() % 12;
-      switch (rng() % 17) {
+      switch (rng() % 19) {
         case 0: s.countIs(rng() % 5); break;
         case 1: s.labelIs(std::string(rng() % 3, 'x')); break;
         case 2: s.idsIs(spId(k)); break;
@@ -231,11 +316,7 @@ TEST(AttrLog, RandomChangesReplicaFollows) {
         case 4: s.weightsIs(spId(k), rng() % 4); break;
         case 5: s.weightsDel(spId(k)); break;
         case 6: s.leafIs(k)->weightIs(rng() % 3); break;
-        case 7:
-          // A reference is replicated while its target is in the tree.
-          if (s.shared() && s.shared() == s.leaf(k)) s.sharedIs(nullptr);
-          s.leafDel(k);
-          break;
+        case 7: s.leafDel(k); break;  // references to it may remain
         case 8: s.hopIs(k, Lumo::IpGenAddr::ipv4(rng() % 3)); break;
         case 9: s.branchIs(k); break;
         case 10: s.branchDelAll(); break;
@@ -257,22 +338,60 @@ TEST(AttrLog, RandomChangesReplicaFollows) {
             default: (void)s.eventsDeq(); break;
           }
           break;
+        case 16:
+          // Leaves point at branches only, so that no cycle keeps them alive.
+          if (auto leaf = s.leaf(k)) leaf->nextIs(rng() % 3 ? s.branch(rng() % 12) : nullptr);
+          if (auto slot = s.slot()) slot->backIs(s.leaf(rng() % 12));
+          break;
+        case 17:
+          // The user keeps some leaves and changes them, in the tree or gone.
+          if (rng() % 3 == 0 && !held.empty()) {
+            held.erase(held.begin() + static_cast<std::ptrdiff_t>(rng() % held.size()));
+          } else if (rng() % 2 && !held.empty()) {
+            held[rng() % held.size()]->weightIs(rng() % 7);
+          } else if (auto leaf = s.leaf(k)) {
+            held.push_back(leaf);
+          }
+          break;
         default:
           // A shared entity outside the tree, or one in it.
           s.sharedIs(rng() % 2 ? Kel::Ptr<Sample::Leaf const>(Sample::leafFactory(k)) : s.leaf(k));
           break;
       }
       if (rng() % 7 == 0) {
-        link.sync();
+        link.writer.flush();
+        std::string const frames = link.sink->take();
+        if (!frames.empty() && rng() % 5 == 0) {
+          // The same frame with a bad record slipped in: refused whole.
+          auto records = splitRecords(frames);
+          auto const& [what, record] = bad[rng() % bad.size()];
+          records.insert(records.begin() + static_cast<std::ptrdiff_t>(rng() % (records.size() + 1)),
+                         record);
+          Hand h;
+          for (auto const& r : records) h.payload += r;
+          std::string const before = Kel::browseText(*link.replica);
+          Kel::U64 const seq = Kel::LogIn(std::string_view(frames).substr(8, 8)).u64();
+          EXPECT_THROW(link.reader.bytesIs(h.frame(seq)), Kel::LogException) << what;
+          ASSERT_EQ(Kel::browseText(*link.replica), before)
+              << what << ", round " << round << " step " << step;
+          link.connect();  // the reader wants a new connection
+        } else {
+          link.reader.bytesIs(frames);
+        }
         ASSERT_TRUE(link.same()) << "round " << round << " step " << step << "\n"
                                  << Kel::browseText(*link.source) << "\n"
                                  << Kel::browseText(*link.replica);
+        ASSERT_TRUE(link.sameSize()) << "round " << round << " step " << step << ": "
+                                     << link.reader.namedEntities() << " named, "
+                                     << link.reader.heldEntities() << " held, "
+                                     << link.writer.trackedEntities() << " tracked";
       }
       if (rng() % 97 == 0) {
         link.writer.flush();
         (void)link.sink->take();  // the connection broke: what was in flight is lost
         link.connect();           // a new subscription starts with a snapshot
         ASSERT_TRUE(link.same()) << "after reconnecting, round " << round;
+        ASSERT_TRUE(link.sameSize()) << "after reconnecting, round " << round;
       }
     }
   }
@@ -353,6 +472,136 @@ TEST(AttrLog, GeneratedStateAdapterDispatch) {
     if (t->kind() == Kel::TypeKind::entity) {
       EXPECT_NE(t->logStateAdapter(), nullptr) << t->name();
     }
+  }
+}
+
+}  // namespace
+
+namespace {
+
+// A change frame whose later record the replica cannot take leaves the
+// earlier ones unapplied too.
+TEST(AttrLog, RefusedFrameIsNotPartlyApplied) {
+  Link link;
+  link.connect();
+  Kel::S32 const points = logId("points");
+  Hand h;
+  h.record(1, logId("count"), enc(Kel::U32{99}))
+      .record(1, points, enc(Kel::U32{5}, Kel::U32{1}, Kel::U32{2}))
+      .record(1, points, enc(Kel::U32{3}, Kel::U32{1}, Kel::U32{2}));
+  try {
+    link.reader.bytesIs(h.frame(3));
+    FAIL() << "the frame was taken";
+  } catch (Kel::LogException const& e) {
+    EXPECT_STREQ(e.what(), "Attribute log record for points refused");
+  }
+  EXPECT_EQ(link.replica->count(), 0u);
+  EXPECT_EQ(link.replica->pointsSize(), 0u);
+  EXPECT_FALSE(link.reader.inSync());
+}
+
+// A queue whose numbers have wrapped past 4294967295 replicates, by snapshot
+// and by changes.
+TEST(AttrLog, QueueNumbersThatWrappedStillReplicate) {
+  Link link;
+  Kel::KelAttr const* points = Root::kelType.attr("points");
+  Kel::U32 const start = 0xfffffffeu;
+  Sample::Point const first(7, 7);
+  ASSERT_EQ(Root::kelType.attributeOp(nullptr, static_cast<Kel::Entity*>(link.source.get()), points,
+                                      Kel::attrOpEnqAt, &start, &first),
+            Kel::attrDone);
+  EXPECT_EQ(link.source->newPoints(1, 1), 0xffffffffu);
+  EXPECT_EQ(link.source->newPoints(2, 2), 0u);
+  link.connect();
+  EXPECT_TRUE(link.reader.inSync());
+  EXPECT_TRUE(link.same()) << Kel::browseText(*link.replica);
+  link.source->pointsDeq();
+  link.source->newPoints(3, 3);
+  EXPECT_TRUE(link.source->pointsDel(0));
+  link.sync();
+  EXPECT_TRUE(link.same()) << Kel::browseText(*link.replica);
+  EXPECT_TRUE(link.replica->pointsHas(1));
+}
+
+TEST(AttrLog, FrameOverTheLimitIsRefusedFromItsHeader) {
+  Link link;
+  link.connect();
+  link.reader.maxFrameBytesIs(1000);
+  Hand h;
+  h.record(1, logId("label"), enc(Kel::String(2000, 'x')));
+  std::string const frame = h.frame(3);
+  try {
+    link.reader.bytesIs(frame.substr(0, 24));  // the header alone
+    FAIL() << "the header was taken";
+  } catch (Kel::LogException const& e) {
+    EXPECT_STREQ(e.what(), "Attribute log frame of 2016 bytes is over the limit of 1000 bytes");
+  }
+  EXPECT_EQ(link.replica->label(), "");
+}
+
+// A reference from the tree to an entity that left it follows that entity,
+// which lives on as a shared entity until nothing refers to it.
+TEST(AttrLog, ReferenceToDepartedEntityFollowsItsSource) {
+  Link link;
+  Kel::Ptr<Sample::Leaf> const leaf = link.source->leafIs(3);
+  link.source->sharedIs(leaf);
+  link.connect();
+  link.source->leafDel(3);
+  leaf->weightIs(8);
+  link.sync();
+  ASSERT_TRUE(link.replica->shared());
+  EXPECT_EQ(link.replica->shared()->weight(), 8u);
+  EXPECT_FALSE(link.replica->leaf(3));
+  EXPECT_TRUE(link.sameSize());
+  link.connect();  // and again after a snapshot
+  leaf->weightIs(9);
+  link.sync();
+  EXPECT_EQ(link.replica->shared()->weight(), 9u);
+  link.source->sharedIs(nullptr);
+  link.sync();
+  EXPECT_TRUE(link.sameSize()) << "the departed leaf is forgotten once nothing refers to it";
+  EXPECT_EQ(link.reader.namedEntities(), 1u);
+}
+
+// A stream that makes a shared entity refer to itself cannot keep it alive:
+// the reader breaks the cycle once nothing else holds it.
+TEST(AttrLog, SharedEntityCycleFromTheStreamIsFreed) {
+  struct Ending {
+    char const* what;
+    void (*end)(std::unique_ptr<Link>&);
+  } const endings[] = {
+      {"released by the stream",
+       [](std::unique_ptr<Link>& l) {
+         Hand h;
+         h.record(1, logId("shared"), enc(Kel::U32{0}, Kel::U8{0})).record(50, 0, "");
+         l->reader.bytesIs(h.frame(4));
+         l->reader.reset();
+       }},
+      {"forgotten by a new snapshot",
+       [](std::unique_ptr<Link>& l) {
+         l->source->countIs(1);
+         l->connect();
+       }},
+      {"the replica and the reader let go",
+       [](std::unique_ptr<Link>& l) {
+         l->replica = nullptr;
+         l.reset();
+       }},
+  };
+  for (auto const& ending : endings) {
+    auto link = std::make_unique<Link>();
+    link->connect();
+    Hand h;
+    h.record(1, logId("shared"), enc(Kel::U32{50}, Kel::U8{1}, Kel::U32{6}))
+        .record(50, logId("next", Sample::Leaf::kelType), enc(Kel::U32{50}, Kel::U8{0}));
+    link->reader.bytesIs(h.frame(3));
+    Kel::Ptr<Sample::Leaf const> leaf = link->replica->shared();
+    ASSERT_TRUE(leaf);
+    ASSERT_EQ(leaf.get(), leaf->next().get()) << "the leaf refers to itself";
+    Sample::Leaf::NotifieeConst watch(leaf.get());
+    leaf = nullptr;
+    ending.end(link);
+    EXPECT_EQ(watch.notifierBase(), nullptr) << ending.what << ": the leaf was not freed";
   }
 }
 

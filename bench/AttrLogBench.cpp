@@ -6,6 +6,8 @@
 
 #include <benchmark/benchmark.h>
 
+#include "HeapCount.h"
+
 #include <cerrno>
 #include <cstddef>
 #include <cstdint>
@@ -327,6 +329,85 @@ void BM_AttrLogCoalesce(benchmark::State& state) {
   state.counters["changesPerFlush"] = kChanges;
 }
 BENCHMARK(BM_AttrLogCoalesce)->Unit(benchmark::kMillisecond);
+
+// ---- A snapshot of a queue of state.range(0) values applied to a fresh
+// replica: each entry is appended after the tail, so the time per entry must
+// not grow with the queue.
+void BM_AttrLogQueueSnapshotRead(benchmark::State& state) {
+  auto const entries = static_cast<U32>(state.range(0));
+  Kel::Ptr<Sample::Root> const root = Sample::rootFactory("root");
+  for (U32 i = 0; i < entries; ++i) root->newPoints(i, i + 1);
+  Kel::LogWriter writer(*root);
+  auto owned = std::make_unique<Kel::MemorySink>();
+  Kel::MemorySink* const sink = owned.get();
+  writer.subscriberNew(std::move(owned));
+  std::string const bytes = sink->take();
+  for (auto _ : state) {
+    state.PauseTiming();
+    auto replica = Sample::rootFactory("root");
+    auto reader = std::make_unique<Kel::LogReader>(*replica);
+    state.ResumeTiming();
+    feed(*reader, bytes);
+    state.PauseTiming();
+    if (!reader->inSync() || replica->pointsSize() != entries) {
+      state.SkipWithError("the replica does not hold the queue");
+      return;
+    }
+    reader.reset();
+    replica = nullptr;
+    state.ResumeTiming();
+  }
+  state.SetItemsProcessed(static_cast<std::int64_t>(state.iterations()) * entries);
+}
+BENCHMARK(BM_AttrLogQueueSnapshotRead)
+    ->Arg(10000)
+    ->Arg(40000)
+    ->Arg(100000)
+    ->Unit(benchmark::kMillisecond);
+
+// ---- The reader's own memory for one large frame of small records: a change
+// frame of state.range(0) records of 12 bytes (the removal of the root's
+// child slot), applied to a replica in sync. Reports the highest heap in use
+// while the frame is read, as a multiple of the frame's size.
+void BM_AttrLogReaderFrameMemory(benchmark::State& state) {
+  auto const count = static_cast<std::size_t>(state.range(0));
+  Kel::Ptr<Sample::Root> const source = Sample::rootFactory("root");
+  Kel::LogWriter writer(*source);
+  auto owned = std::make_unique<Kel::MemorySink>();
+  Kel::MemorySink* const sink = owned.get();
+  writer.subscriberNew(std::move(owned));
+  std::string const start = sink->take();
+
+  auto const slot = static_cast<Kel::S32>(Sample::Root::kelType.attr("slot")->logId);
+  std::string payload;
+  Kel::LogOut out(payload);
+  for (std::size_t i = 0; i < count; ++i) Kel::closeLogRecord(out, Kel::openLogRecord(out, 1, -slot));
+  std::string frame;
+  Kel::logFrame(frame, Kel::logFrameChanges, 3, payload);
+
+  double peak = 0;
+  for (auto _ : state) {
+    state.PauseTiming();
+    Kel::Ptr<Sample::Root> const replica = Sample::rootFactory("root");
+    Kel::LogReader reader(*replica);
+    reader.bytesIs(start);
+    heap::start();
+    state.ResumeTiming();
+    feed(reader, frame);
+    state.PauseTiming();
+    heap::counting = false;
+    peak = static_cast<double>(heap::peakBytes);
+    if (reader.records() < count) {
+      state.SkipWithError("the frame was not applied");
+      return;
+    }
+    state.ResumeTiming();
+  }
+  state.counters["frameMiB"] = static_cast<double>(frame.size()) / (1 << 20);
+  state.counters["peakMiB"] = peak / (1 << 20);
+  state.counters["peakPerFrameByte"] = peak / static_cast<double>(frame.size());
+}
+BENCHMARK(BM_AttrLogReaderFrameMemory)->Arg(5000000)->Iterations(1)->Unit(benchmark::kMillisecond);
 #endif
 
 }  // namespace

@@ -5,7 +5,8 @@
 #include <Rsvp/Rsvp.h>
 
 #include <benchmark/benchmark.h>
-#include <malloc.h>
+
+#include "HeapCount.h"
 
 #include <algorithm>
 #include <cstddef>
@@ -22,43 +23,6 @@
 #include <Rsvp/FrameTestModel.h>
 #define RSVP_BENCH_HAS_TEST_MODEL 1
 #endif
-
-// ---- Heap accounting
-//
-// While `counting` is set, every block handed out or taken back by the global
-// operator new and delete is counted, by the size that malloc reserved for it
-// (malloc_usable_size). The benchmarks are single-threaded.
-namespace heap {
-bool counting = false;
-std::ptrdiff_t liveBytes = 0;
-std::ptrdiff_t liveBlocks = 0;
-
-void* allocate(std::size_t n) {
-  void* const p = std::malloc(n == 0 ? 1 : n);
-  if (!p) throw std::bad_alloc();
-  if (counting) {
-    liveBytes += static_cast<std::ptrdiff_t>(malloc_usable_size(p));
-    ++liveBlocks;
-  }
-  return p;
-}
-
-void release(void* p) noexcept {
-  if (!p) return;
-  if (counting) {
-    liveBytes -= static_cast<std::ptrdiff_t>(malloc_usable_size(p));
-    --liveBlocks;
-  }
-  std::free(p);
-}
-}  // namespace heap
-
-void* operator new(std::size_t n) { return heap::allocate(n); }
-void* operator new[](std::size_t n) { return heap::allocate(n); }
-void operator delete(void* p) noexcept { heap::release(p); }
-void operator delete[](void* p) noexcept { heap::release(p); }
-void operator delete(void* p, std::size_t) noexcept { heap::release(p); }
-void operator delete[](void* p, std::size_t) noexcept { heap::release(p); }
 
 namespace {
 
@@ -230,9 +194,7 @@ void BM_BytesPerElement(benchmark::State& state) {
   keys();
   double const n = double(kKeys);
   for (auto _ : state) {
-    heap::liveBytes = 0;
-    heap::liveBlocks = 0;
-    heap::counting = true;
+    heap::start();
     std::optional<C> c(std::in_place);
     fill(*c);
     std::ptrdiff_t const bytes = heap::liveBytes;

@@ -1,6 +1,7 @@
 #!/usr/bin/env bash
 # Builds the libFuzzer targets with clang and runs each for a bounded time
-# (seconds per target, 60 unless given), starting from the checked-in corpus.
+# (seconds per target, 60 unless given), starting from the checked-in corpus
+# (and, for the attribute log, frames of every record kind written afresh).
 set -euo pipefail
 cd "$(dirname "$0")/.."
 seconds=${1:-60}
@@ -10,6 +11,9 @@ for target in fuzz/fuzz_*.cpp; do
   name=$(basename "$target" .cpp)
   corpus=$(mktemp -d)
   cp -r "fuzz/corpus/${name#fuzz_}/." "$corpus/" 2>/dev/null || true
+  if [ "$name" = fuzz_attrlog ]; then
+    build/fuzz/fuzz/make_attrlog_corpus "$corpus"  # a valid frame of every record kind
+  fi
   echo "fuzz: $name for ${seconds}s"
   "build/fuzz/fuzz/$name" -max_total_time="$seconds" -print_final_stats=1 "$corpus" 2>&1 | tail -n 12
   rm -rf "$corpus"

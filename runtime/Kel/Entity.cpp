@@ -1,5 +1,7 @@
 #include <Kel/Entity.h>
 
+#include <Kel/Assert.h>
+
 #include <algorithm>
 
 namespace Kel {
@@ -12,17 +14,56 @@ void NotifieeBase::notifierBaseIs(Entity const* e) {
   if (e == notifier_) return;
   if (notifier_) notifier_->notifieeRemove(this);
   notifier_ = nullptr;
-  if (e) {
+  if (e && !e->frozen()) {  // a frozen entity never changes, so it takes no notifiees
     e->notifieeAdd(this);
     notifier_ = e;
   }
 }
 
-Entity::~Entity() {
+Entity::~Entity() { notifieesDetach(); }
+
+void Entity::notifieesDetach() const noexcept {
   if (!list_) return;
-  for (NotifieeBase* n : list_->items) {
+  for (NotifieeBase*& n : list_->items) {
     if (n) n->notifier_ = nullptr;
+    n = nullptr;
   }
+  list_->live = 0;
+  // Within a notification the list stays until the dispatch ends.
+  if (list_->dispatching == 0) list_.reset();
+}
+
+void Entity::frozenIs() {
+  // Iterative: a chain of references may be long.
+  std::vector<Entity*> todo{this};
+  while (!todo.empty()) {
+    Entity* const e = todo.back();
+    todo.pop_back();
+    if (e->frozen_) continue;
+    e->frozen_ = true;
+    e->notifieesDetach();
+    TypeDesc const& type = e->fwkType();
+    type.forEachAttr([&](KelAttr const& a) {
+      if (!a.type || a.type->kind() != TypeKind::entity) return;
+      if (a.kind == AttrKind::child || a.kind == AttrKind::ref) {
+        Ptr<Entity const> held;
+        if (type.attributeOp(&held, e, &a, attrOpRead) == attrDone && held) {
+          todo.push_back(const_cast<Entity*>(held.get()));
+        }
+      } else if (isCollection(a.kind)) {
+        std::unique_ptr<GenericIter> it;
+        if (type.attributeOp(&it, e, &a, attrOpIterate) != attrDone) return;
+        for (; !it->done(); it->next()) {
+          if (Entity const* held = it->entity()) todo.push_back(const_cast<Entity*>(held));
+        }
+      }
+    });
+  }
+}
+
+void Entity::frozenMutated() const noexcept {
+  String const text = "Entity " + fullName() + " is frozen and cannot change";
+  assertFailed(text.c_str(), __FILE__, __LINE__);
 }
 
 String Entity::fullName() const {

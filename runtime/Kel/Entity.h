@@ -1,7 +1,7 @@
 // Entities: reference-counted objects with a name, a parent and a list of
 // observers (notifiees) that hear of every change of their attributes.
 //
-// Lifetime rules (tests/kel/EntityTest.cpp holds them):
+// Lifetime rules (tests/frame/EntityTest.cpp holds them):
 // - An entity lives while a Ptr refers to it. Its owner's slot or collection
 //   holds one such Ptr and sets the entity's parent; removal clears the
 //   parent. When an owner is destroyed, the parents of its children are
@@ -14,6 +14,11 @@
 //   or any other notifiee (even destroy it); a notifiee unregistered before
 //   its turn is not called. A notifiee registered during a notification is
 //   called from the next change on.
+//
+// Freezing (frozenIs()) makes an entity unable to change for good, with
+// everything it owns or refers to. A frozen entity has no notifiees and
+// takes none, so that any number of threads may read it at once; see
+// docs/ENTITIES.md, "Threads".
 #ifndef KEL_ENTITY_H
 #define KEL_ENTITY_H
 
@@ -72,11 +77,34 @@ class Entity : public PtrInterface {
   [[nodiscard]] std::vector<NotifieeBase*> notifieeList() const;
   [[nodiscard]] bool hasNotifiees() const noexcept { return list_ && list_->live > 0; }
 
+  // Whether the entity is frozen: it cannot change any more, and any number
+  // of threads may read it at once.
+  [[nodiscard]] bool frozen() const noexcept { return frozen_; }
+  // Freezes the entity for good, and with it every entity that it owns
+  // (children, members of maps) or refers to (references, queues of
+  // entities), and so on from those. Each entity frozen loses its notifiees,
+  // as when it is destroyed: their notifier becomes null. From then on every
+  // mutator of the entity, typed or through reflection, stops the program
+  // (assertMutable()), and registering a notifiee with it leaves the
+  // notifiee unregistered. Freezing a frozen entity does nothing.
+  void frozenIs();
+  // Stops the program with "Entity <fullName> is frozen and cannot change"
+  // when the entity is frozen. Every generated mutator calls it first; so
+  // should a hand-written one.
+  void assertMutable() const noexcept {
+    if (frozen_) [[unlikely]]
+      frozenMutated();
+  }
+
   // A replica rebuilt from an attribute log takes the name of the entity it
   // mirrors.
-  void nameIsFromBackup(Name name) { name_ = std::move(name); }
+  void nameIsFromBackup(Name name) {
+    assertMutable();
+    name_ = std::move(name);
+  }
 
-  // For the framework: the owner sets and clears the parent.
+  // For the framework: the owner sets and clears the parent. A frozen
+  // entity's parent is cleared too, when its owner lets it go.
   void parentIs(Entity* parent) noexcept { parent_ = parent; }
 
  protected:
@@ -122,7 +150,11 @@ class Entity : public PtrInterface {
 
   void notifieeAdd(NotifieeBase* n) const;
   void notifieeRemove(NotifieeBase* n) const;
+  // Detaches every notifiee, as the destructor does.
+  void notifieesDetach() const noexcept;
+  [[noreturn, gnu::cold]] void frozenMutated() const noexcept;
 
+  bool frozen_ = false;  // first: it fits in the padding after the count
   Name name_;
   Entity* parent_ = nullptr;
   mutable std::unique_ptr<NotifieeList> list_;

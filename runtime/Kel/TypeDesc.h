@@ -95,6 +95,15 @@ enum AttrOp : U32 {
                       // (status 1 when it needs constructor arguments)
 };
 
+// Whether operation `op` changes the object; a frozen entity refuses it
+// (Entity::assertMutable()).
+[[nodiscard]] constexpr bool attrOpChanges(U32 op) noexcept {
+  constexpr U32 changing = 1u << attrOpWrite | 1u << attrOpMemberWrite | 1u << attrOpMemberDel |
+                           1u << attrOpDelAll | 1u << attrOpEnq | 1u << attrOpDeq |
+                           1u << attrOpEnqAt | 1u << attrOpCreate;
+  return op < 32 && (changing >> op & 1u) != 0;
+}
+
 // A generic walk over one collection attribute of one entity.
 class GenericIter {
  public:

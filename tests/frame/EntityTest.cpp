@@ -1,6 +1,6 @@
 // The entity frame on a model with an attribute of every kind: exact
 // notification counts, parents, find-or-create, the errors of the frame and
-// the lifetime rules of entities and notifiees.
+// the lifetime rules of entities and notifiees, and frozen entities.
 #include <Rsvp/FrameTestModel.h>
 #include <Rsvp/Rsvp.h>
 
@@ -372,6 +372,53 @@ TEST(Lifetime, NotifieeAddedDuringDispatchHearsTheNextChange) {
   EXPECT_EQ(late.log, Log{});
   root->countIs(2);
   EXPECT_EQ(late.log, Log{"count"});
+}
+
+// Freezing from within a callback: the entities held (a child's reference,
+// a slot, a queue's entry) freeze too, and the notifiees still to be called
+// are detached without the list going away under the dispatch.
+TEST(Frozen, FreezeFromACallbackReachesHeldEntitiesAndDetachesNotifiees) {
+  auto root = Sample::rootFactory("root");
+  root->leafIs(3)->nextIs(Sample::leafFactory(4));
+  root->slotIs();
+  root->newEvents(5);
+  struct Freezer : Root::Notifiee {
+    using Notifiee::Notifiee;
+    void onCount() override { notifier()->frozenIs(); }
+  } freezer(root.get());
+  Recorder later(root.get());
+  root->countIs(1);
+  EXPECT_EQ(later.log, Log{});
+  EXPECT_EQ(later.notifier(), nullptr);
+  EXPECT_TRUE(root->frozen());
+  EXPECT_TRUE(root->leaf(3)->next()->frozen());
+  EXPECT_TRUE(root->slot()->frozen());
+  EXPECT_TRUE(root->events(0)->frozen());
+  Recorder after(root.get());
+  EXPECT_EQ(after.notifier(), nullptr) << "a frozen entity takes no notifiees";
+  EXPECT_FALSE(root->hasNotifiees());
+  EXPECT_FALSE(Sample::rootFactory("other")->frozen());
+}
+
+TEST(FrozenDeathTest, EveryMutatorStopsNamingTheEntity) {
+  auto root = Sample::rootFactory("root");
+  root->leafIs(3);
+  root->frozenIs();
+  char const* const text = "Assertion failed: Entity root is frozen and cannot change";
+  EXPECT_DEATH(root->countIs(root->count()), text) << "even with the stored value";
+  EXPECT_DEATH(root->epochIs(0), text);
+  EXPECT_DEATH(root->idsIs(spId(1)), text);
+  EXPECT_DEATH(root->leafDel(9), text) << "even when absent";
+  EXPECT_DEATH(root->eventsDeq(), text);
+  EXPECT_DEATH(root->pointsDelAll(), text);
+  EXPECT_DEATH((void)root->newSlot(), text);
+  EXPECT_DEATH(root->sharedIs(nullptr), text);
+  EXPECT_DEATH(root->leaf(3)->weightIs(1),
+               "Assertion failed: Entity root/3 is frozen and cannot change");
+  Kel::U32 const one = 1;
+  EXPECT_DEATH(root->fwkType().attributeOp(nullptr, static_cast<Kel::Entity*>(root.get()),
+                                           Root::kelType.attr("count"), Kel::attrOpWrite, &one),
+               text);
 }
 
 }  // namespace

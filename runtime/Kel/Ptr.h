@@ -5,10 +5,27 @@
 //   Kel::Ptr<RsvpSpIdSet> set = RsvpSpIdSet::newRsvpSpIdSet("set");
 //   Kel::Ptr<RsvpSpIdSet const> view = set;   // pointer to const shares the count
 //
-// The count is updated with atomic operations when the library is built with
-// KEL_THREAD_SAFE_PTR (CMake option RSVP_THREAD_SAFE_PTR) and with plain
-// increments otherwise. Even then, an entity tree is used by one thread at a
-// time; only handing pointers between threads is made safe.
+// Threads. Without KEL_THREAD_SAFE_PTR the count is a plain integer and
+// every entity, with every pointer to it, belongs to one thread. With it
+// (CMake option RSVP_THREAD_SAFE_PTR) the count is atomic, and:
+// - An entity that is not frozen belongs to one thread at a time: only that
+//   thread reads or changes it, registers notifiees with it, or copies and
+//   drops pointers to it. A tree may move to another thread as a whole (with
+//   its notifiees and the writer that publishes it), through something that
+//   synchronises: a mutex, a locked queue, starting or joining a thread.
+// - A frozen entity (Entity::frozenIs()) may be shared: any number of threads
+//   may read it, copy and drop pointers to it, and refer to it from their own
+//   trees, at once; the last pointer dropped destroys it, in whichever
+//   thread. The thread it belonged to freezes it before handing it over, and
+//   hands it over through something that synchronises. Share entities whose
+//   parent is null or frozen: a message and what it holds.
+// - The parent link is the one thing of a frozen entity that still changes:
+//   an owner clears it when it goes. A thread that holds a frozen child
+//   without its owner does not ask for its parent() or fullName().
+// - A Kel::LogWriter that meets a frozen entity (its tree refers to it)
+//   registers nothing with it: it holds a pointer and reads it when writing.
+// - One Ptr variable is used by one thread at a time, like any object; the
+//   threads share the entity, each through its own Ptr.
 #ifndef KEL_PTR_H
 #define KEL_PTR_H
 

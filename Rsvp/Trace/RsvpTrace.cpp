@@ -2,6 +2,7 @@
 #include <Rsvp/RsvpTrace.h>
 
 #include <Kel/RangeException.h>
+#include <Kel/Text.h>
 
 #include <iostream>
 
@@ -70,7 +71,7 @@ TraceFacility* traceFacility(std::string_view name) {
 
 void traceLevelIs(std::string_view facility, int level) {
   TraceFacility* f = traceFacility(facility);
-  if (!f) throw Kel::RangeException("Unknown trace facility '" + std::string(facility) + "'");
+  if (!f) throw Kel::RangeException("Unknown trace facility '" + Kel::excerpt(facility) + "'");
   f->levelIs(level);
 }
 

@@ -35,7 +35,7 @@ U32 EnumDesc::parse(TextIt& it, TextIt end) const {
   if (word.empty()) throwExpected("an enumerator of " + String(name_), it, end);
   Enumerator const* e = byName(word);
   if (e == nullptr) {
-    throw RangeException("Invalid enumerator '" + String(word) + "' for " + String(name_));
+    throw RangeException("Invalid enumerator '" + excerpt(word) + "' for " + String(name_));
   }
   it = p;
   return e->value;

@@ -1,5 +1,6 @@
 #include <Kel/Text.h>
 
+#include <algorithm>
 #include <charconv>
 #include <limits>
 #include <system_error>
@@ -7,8 +8,6 @@
 namespace Kel {
 
 namespace {
-
-constexpr std::size_t kExcerptLength = 24;
 
 bool isWordChar(char c) {
   return (c >= 'a' && c <= 'z') || (c >= 'A' && c <= 'Z') || (c >= '0' && c <= '9') || c == '_';
@@ -38,10 +37,7 @@ void parseInteger(TextIt& it, TextIt end, T* out) {
   if (p == digits) throwExpected("a number", it, end);
   T v{};
   auto const r = std::from_chars(it, p, v);
-  if (r.ec != std::errc() || r.ptr != p) {
-    throw RangeException("Number " + String(it, p) + " out of range for " +
-                         String(kelShortName(static_cast<T const*>(nullptr))));
-  }
+  if (r.ec != std::errc() || r.ptr != p) throwOutOfRangeNumber(it, p, kelShortName(out));
   *out = v;
   it = p;
 }
@@ -51,9 +47,16 @@ void parseFloat(TextIt& it, TextIt end, T* out) {
   T v{};
   auto const r = std::from_chars(it, end, v, std::chars_format::general);
   if (r.ec == std::errc::invalid_argument) throwExpected("a number", it, end);
-  if (r.ec != std::errc()) {
-    throw RangeException("Number " + String(it, r.ptr) + " out of range for " +
-                         String(kelShortName(static_cast<T const*>(nullptr))));
+  if (r.ec != std::errc()) throwOutOfRangeNumber(it, r.ptr, kelShortName(out));
+  // NaN is never equal to itself, so it would break every comparison and the
+  // setters' test for an unchanged value; text never produces it.
+  if (v != v) {
+    String text = "Invalid ";
+    text += kelShortName(out);
+    text += " '";
+    appendExcerpt(text, it, r.ptr);
+    text += '\'';
+    throw RangeException(std::move(text));
   }
   *out = v;
   it = r.ptr;
@@ -162,13 +165,32 @@ void sequenceToValue(TextIt& it, TextIt end, String* out) {
 }
 
 void expectLiteral(TextIt& it, TextIt end, std::string_view literal) {
-  if (!acceptLiteral(it, end, literal)) throwExpected("'" + String(literal) + "'", it, end);
+  if (acceptLiteral(it, end, literal)) return;
+  String what = "'";
+  what.append(literal).append("'");
+  throwExpected(what, it, end);
 }
 
 std::string_view readWord(TextIt& it, TextIt end) {
   TextIt const start = it;
   while (it != end && isWordChar(*it)) ++it;
   return {start, static_cast<std::size_t>(it - start)};
+}
+
+void appendExcerpt(String& out, TextIt begin, TextIt end) {
+  auto const size = static_cast<std::size_t>(end - begin);
+  auto const n = std::min(size, kExcerptLength);
+  for (std::size_t i = 0; i < n; ++i) {
+    auto const b = static_cast<unsigned char>(begin[i]);
+    out += b < 0x20 || b >= 0x7f ? '?' : begin[i];
+  }
+  if (n < size) out += "...";
+}
+
+String excerpt(std::string_view text) {
+  String out;
+  appendExcerpt(out, text.data(), text.data() + text.size());
+  return out;
 }
 
 void throwExpected(std::string_view what, TextIt it, TextIt end) {
@@ -178,15 +200,18 @@ void throwExpected(std::string_view what, TextIt it, TextIt end) {
   if (it == end) {
     text += "end of text";
   } else {
-    auto const n = std::min<std::size_t>(static_cast<std::size_t>(end - it), kExcerptLength);
     text += '\'';
-    for (std::size_t i = 0; i < n; ++i) {
-      auto const b = static_cast<unsigned char>(it[i]);
-      text += b < 0x20 || b >= 0x7f ? '?' : it[i];
-    }
-    if (n < static_cast<std::size_t>(end - it)) text += "...";
+    appendExcerpt(text, it, end);
     text += '\'';
   }
+  throw RangeException(std::move(text));
+}
+
+void throwOutOfRangeNumber(TextIt begin, TextIt end, std::string_view type) {
+  String text = "Number ";
+  appendExcerpt(text, begin, end);
+  text += " out of range for ";
+  text += type;
   throw RangeException(std::move(text));
 }
 

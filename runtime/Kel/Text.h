@@ -50,7 +50,8 @@ void appendStrep(String& out, S64 v);
 // "true" or "false".
 void appendStrep(String& out, bool v);
 // The shortest text that reads back as the same number ("0.5", "1e+20",
-// "inf", "-inf", "nan").
+// "inf", "-inf"). A NaN made by arithmetic prints as "nan", but no parser
+// reads it back: NaN is never equal to itself.
 void appendStrep(String& out, F32 v);
 void appendStrep(String& out, F64 v);
 // A double-quoted string: backslash escapes \\ and \", \n, \r, \t, and \xHH
@@ -69,6 +70,9 @@ void sequenceToValue(TextIt& it, TextIt end, S16* out);
 void sequenceToValue(TextIt& it, TextIt end, S32* out);
 void sequenceToValue(TextIt& it, TextIt end, S64* out);
 void sequenceToValue(TextIt& it, TextIt end, bool* out);
+// Decimal or exponent notation, "inf", "infinity" (either case, with an
+// optional '-'). NaN in any spelling ("nan", "-nan", "nan(123)") raises
+// "Invalid F64 '<text>'" (or F32).
 void sequenceToValue(TextIt& it, TextIt end, F32* out);
 void sequenceToValue(TextIt& it, TextIt end, F64* out);
 void sequenceToValue(TextIt& it, TextIt end, String* out);
@@ -90,9 +94,21 @@ void expectLiteral(TextIt& it, TextIt end, std::string_view literal);
 // Consumes the longest run of letters, digits and underscores at `it`.
 [[nodiscard]] std::string_view readWord(TextIt& it, TextIt end);
 
-// The text of a parse error: "Expected <what> but found '<rest>'", or
+// How many characters of the input an error text quotes at most.
+inline constexpr std::size_t kExcerptLength = 24;
+
+// Appends the input [begin, end) as every error text quotes it, so that no
+// input makes a long message: its first kExcerptLength characters, each
+// byte below 0x20 or from 0x7f up as '?', then "..." when it was cut.
+void appendExcerpt(String& out, TextIt begin, TextIt end);
+[[nodiscard]] String excerpt(std::string_view text);
+
+// The text of a parse error: "Expected <what> but found '<excerpt>'", or
 // "... but found end of text".
 [[noreturn]] void throwExpected(std::string_view what, TextIt it, TextIt end);
+
+// "Number <excerpt of [begin, end)> out of range for <type>".
+[[noreturn]] void throwOutOfRangeNumber(TextIt begin, TextIt end, std::string_view type);
 
 // Reads a signed 64-bit decimal number (an optional minus sign and digits).
 [[nodiscard]] S64 parseS64(TextIt& it, TextIt end);

@@ -3,13 +3,16 @@
 #include <Lumo/NetSupport.h>
 
 #include <ostream>
+#include <utility>
 
 namespace Lumo {
 
 namespace {
 
 [[noreturn]] void throwBadLength(Kel::TextIt begin, Kel::TextIt end) {
-  throw Kel::RangeException("Invalid IpGenPrefix length " + Kel::String(begin, end));
+  Kel::String text = "Invalid IpGenPrefix length ";
+  Kel::appendExcerpt(text, begin, end);
+  throw Kel::RangeException(std::move(text));
 }
 
 void checkLen(AddressFamily family, Kel::U8 len) {

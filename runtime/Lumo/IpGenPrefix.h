@@ -81,7 +81,8 @@ constexpr std::string_view kelShortName(IpGenPrefix const*) { return "IpGenPrefi
 void appendStrep(Kel::String& out, IpGenPrefix const& v);
 // Reads an IpGenAddr, a '/' and a decimal length. Raises the address's
 // error, "Expected '/' ...", "Expected a prefix length ..." or
-// "Invalid IpGenPrefix length <digits>"; on failure `it` and `*out` are left alone.
+// "Invalid IpGenPrefix length <digits>" (at most 24 of them, then "...");
+// on failure `it` and `*out` are left alone.
 void sequenceToValue(Kel::TextIt& it, Kel::TextIt end, IpGenPrefix* out);
 
 std::ostream& operator<<(std::ostream& os, IpGenPrefix const& v);

@@ -30,7 +30,7 @@ void throwInvalidText(std::string_view type, Kel::TextIt begin, Kel::TextIt end)
   Kel::String text = "Invalid ";
   text += type;
   text += " '";
-  text.append(begin, end);
+  Kel::appendExcerpt(text, begin, end);
   text += '\'';
   throw Kel::RangeException(std::move(text));
 }

@@ -61,7 +61,8 @@ inline void checkAvail(std::string_view type, std::size_t need, std::size_t avai
   }
 }
 
-// Raises "Invalid <type> '<text>'" with the offending text.
+// Raises "Invalid <type> '<text>'" with an excerpt of the offending text
+// (Kel::appendExcerpt).
 [[noreturn]] void throwInvalidText(std::string_view type, Kel::TextIt begin, Kel::TextIt end);
 
 [[nodiscard]] constexpr bool isDigit(char c) noexcept { return c >= '0' && c <= '9'; }

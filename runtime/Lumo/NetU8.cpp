@@ -28,7 +28,7 @@ void sequenceToValue(Kel::TextIt& it, Kel::TextIt end, NetU8* out) {
   if (p == it) Kel::throwExpected("a number", it, end);
   if (v > 255) {
     // Same wording as the framework's own integers.
-    throw Kel::RangeException("Number " + Kel::String(it, p) + " out of range for NetU8");
+    Kel::throwOutOfRangeNumber(it, p, "NetU8");
   }
   *out = NetU8(static_cast<Kel::U8>(v));
   it = p;

@@ -7,6 +7,7 @@
 #include <cmath>
 #include <limits>
 #include <random>
+#include <utility>
 
 namespace {
 
@@ -66,7 +67,6 @@ TEST(Floats, ShortestFormReadsBack) {
   EXPECT_EQ(valueToStrep(F32{0.1f}), "0.1");
   EXPECT_EQ(valueToStrep(1e20), "1e+20");
   EXPECT_EQ(valueToStrep(-std::numeric_limits<F64>::infinity()), "-inf");
-  EXPECT_TRUE(std::isnan(strepToValue<F64>("nan")));
   std::mt19937_64 rng(7);
   for (int i = 0; i < 2000; ++i) {
     F64 const d = std::bit_cast<F64>(rng());
@@ -76,6 +76,41 @@ TEST(Floats, ShortestFormReadsBack) {
     if (std::isnan(f)) continue;
     EXPECT_EQ(strepToValue<F32>(valueToStrep(f)), f);
   }
+}
+
+// NaN never equals itself, so setters and comparisons could not treat it as
+// a value; every spelling is refused, the infinities are kept.
+TEST(Floats, NanIsRefusedInEverySpellingInfinityIsKept) {
+  F64 const inf = std::numeric_limits<F64>::infinity();
+  struct {
+    String (*parse)(std::string_view);
+    char const* text;
+    char const* error;
+  } const refused[] = {
+      {parseError<F64>, "nan", "Invalid F64 'nan'"},
+      {parseError<F64>, "-nan", "Invalid F64 '-nan'"},
+      {parseError<F64>, "nan(123)", "Invalid F64 'nan(123)'"},
+      {parseError<F64>, "NAN", "Invalid F64 'NAN'"},
+      {parseError<F64>, "NaN(", "Invalid F64 'NaN'"},
+      {parseError<F64>, "nan(0123456789abcdefghijklmnopq)",
+       "Invalid F64 'nan(0123456789abcdefghij...'"},
+      {parseError<F32>, "nan", "Invalid F32 'nan'"},
+      {parseError<F32>, "-NaN(7)", "Invalid F32 '-NaN(7)'"},
+  };
+  for (auto const& c : refused) EXPECT_EQ(c.parse(c.text), c.error) << c.text;
+  std::pair<char const*, F64> const kept[] = {
+      {"inf", inf}, {"-inf", -inf}, {"INF", inf}, {"infinity", inf}, {"-Infinity", -inf}};
+  for (auto const& [text, value] : kept) {
+    EXPECT_EQ(strepToValue<F64>(text), value) << text;
+    EXPECT_EQ(strepToValue<F32>(text), static_cast<F32>(value)) << text;
+    EXPECT_EQ(strepToValue<F64>(valueToStrep(value)), value);
+  }
+  F64 d = 2.5;
+  String const text = "nan, 1";
+  TextIt it = text.data();
+  EXPECT_THROW(sequenceToValue(it, text.data() + text.size(), &d), RangeException);
+  EXPECT_EQ(d, 2.5);
+  EXPECT_EQ(it, text.data());
 }
 
 TEST(Strings, QuotingAndEscapes) {
@@ -131,6 +166,32 @@ TEST(ExpectLiteral, ErrorShowsAShortExcerpt) {
     EXPECT_STREQ(e.what(), "Expected '<lspId=' but found '<lspId3 and a great deal...'");
   }
   EXPECT_EQ(it, text.data());
+}
+
+// However long the input, an error quotes at most 24 of its characters.
+TEST(ErrorTexts, TenMegabytesOfInputGiveAShortMessage) {
+  String const ones(10'000'000, '1');
+  String const xs(10'000'000, 'x');
+  String const cut = "111111111111111111111111...";
+  struct {
+    String (*parse)(std::string_view);
+    String text;
+    String error;
+  } const cases[] = {
+      {parseError<U32>, ones, "Number " + cut + " out of range for U32"},
+      {parseError<S64>, "-" + ones, "Number -11111111111111111111111... out of range for S64"},
+      {parseError<F64>, ones, "Number " + cut + " out of range for F64"},
+      {parseError<F32>, "-" + ones, "Number -11111111111111111111111... out of range for F32"},
+      {parseError<bool>, xs, "Expected true or false but found 'xxxxxxxxxxxxxxxxxxxxxxxx...'"},
+      {parseError<String>, xs, "Expected a quoted string but found 'xxxxxxxxxxxxxxxxxxxxxxxx...'"},
+      {parseError<F64>, "nan(" + xs + ")", "Invalid F64 'nan(xxxxxxxxxxxxxxxxxxxx...'"},
+  };
+  for (auto const& c : cases) EXPECT_EQ(c.parse(c.text), c.error) << c.text.substr(0, 30);
+  EXPECT_EQ(excerpt(String("a\x01"
+                           "b\x7f\xff",
+                           5)),
+            "a?b??");
+  EXPECT_EQ(excerpt(String(24, 'z')), String(24, 'z'));
 }
 
 TEST(RangeException, NamesTheAttributePathOutermostFirst) {

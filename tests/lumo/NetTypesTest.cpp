@@ -322,6 +322,25 @@ std::vector<TextCase> rejectedCases() {
 
 INSTANTIATE_TEST_SUITE_P(All, RejectedText, testing::ValuesIn(rejectedCases()));
 
+// However long the input, an error quotes at most 24 of its characters.
+TEST(TextErrors, TenMegabytesOfInputGiveAShortMessage) {
+  String const ones(10'000'000, '1');
+  String const cut = "111111111111111111111111...";
+  std::pair<String, String> const cases[] = {
+      {parseError<Lumo::IpGenAddr>(ones), "Invalid IpGenAddr '" + cut + "'"},
+      {parseError<Lumo::Ip6Addr>(ones), "Invalid Ip6Addr '" + cut + "'"},
+      {parseError<Lumo::IpGenPrefix>("/" + ones), "Invalid IpGenPrefix length " + cut},
+      {parseError<Lumo::EthType>("0x" + String(10'000'000, 'f')),
+       "Invalid EthType '0xffffffffffffffffffffff...'"},
+      {parseError<Lumo::EthType>(ones), "Invalid EthType '" + cut + "'"},
+      {parseError<Lumo::NetU8>(ones), "Number " + cut + " out of range for NetU8"},
+      {parseError<Lumo::MplsLabel>(ones), kLabelRange},
+      {errorOf([] { Lumo::IpGenAddr(String(10'000'000, 'x')); }),
+       "Invalid IpGenAddr 'xxxxxxxxxxxxxxxxxxxxxxxx...'"},
+  };
+  for (auto const& [error, expected] : cases) EXPECT_EQ(error, expected);
+}
+
 // Parses at the start of `text`; answers the value's strep and what is left.
 template <class T>
 String parseHead(std::string_view text) {

@@ -15,4 +15,7 @@ ReinstantiationException::ReinstantiationException(std::string_view fullName, st
 ImmutableAttributeException::ImmutableAttributeException(std::string_view qualifiedAttr)
     : Exception("Attribute " + std::string(qualifiedAttr) + " is immutable") {}
 
+NoValueMethodsException::NoValueMethodsException(std::string_view typeName)
+    : Exception("Type " + std::string(typeName) + " has no value methods") {}
+
 }  // namespace Kel

@@ -46,6 +46,13 @@ class ImmutableAttributeException : public Exception {
   explicit ImmutableAttributeException(std::string_view qualifiedAttr);
 };
 
+// A generic value asked of a type that has no value methods (an entity
+// type): "Type <Type> has no value methods".
+class NoValueMethodsException : public Exception {
+ public:
+  explicit NoValueMethodsException(std::string_view typeName);
+};
+
 }  // namespace Kel
 
 #endif  // KEL_EXCEPTION_H

@@ -1,4 +1,5 @@
 #include <Kel/Entity.h>
+#include <Kel/Exception.h>
 #include <Kel/Reflect.h>
 
 namespace Kel {
@@ -92,7 +93,9 @@ int valueOp(TypeDesc const& type, void* result, void const* object, U32 op, void
 
 GenericValue::GenericValue(TypeDesc const& type) : type_(&type) {
   ValueOps const* ops = type.ops();
-  assert(ops && "GenericValue needs a type with value methods.");
+  // In every build: without value methods there is nothing to size the
+  // storage by or to construct it with.
+  if (!ops) throw NoValueMethodsException(type.name());
   data_ = ops->size <= kInline && ops->align <= 16
               ? static_cast<void*>(inline_)
               : ::operator new(ops->size, std::align_val_t(ops->align));

@@ -4,6 +4,7 @@
 #ifndef KEL_REFLECT_H
 #define KEL_REFLECT_H
 
+#include <Kel/Exception.h>
 #include <Kel/Hash.h>
 #include <Kel/HashTable.h>
 #include <Kel/LogCodec.h>
@@ -12,7 +13,6 @@
 #include <Kel/TypeDesc.h>
 #include <Kel/Types.h>
 
-#include <cassert>
 #include <memory>
 #include <new>
 #include <type_traits>
@@ -162,7 +162,8 @@ std::unique_ptr<GenericIter> collectionIter(Container const& c, Del del) {
 }
 
 // A value of a type known only by its descriptor. Values of up to 64 bytes
-// live inside the object; larger ones on the heap.
+// live inside the object; larger ones on the heap. A type without value
+// methods (an entity type) raises Kel::NoValueMethodsException.
 class GenericValue {
  public:
   explicit GenericValue(TypeDesc const& type);

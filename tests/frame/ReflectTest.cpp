@@ -422,4 +422,146 @@ TEST(Browser, RandomTreesReadBack) {
   }
 }
 
+TEST(GenericValue, EntityTypeRaisesInsteadOfCrashing) {
+  try {
+    Kel::GenericValue const v(Root::kelType);
+    FAIL();
+  } catch (Kel::NoValueMethodsException const& e) {
+    EXPECT_STREQ(e.what(), "Type Rsvp::Sample::Root has no value methods");
+  }
+}
+
+// The browser's text of an assignment's effect: the line under `path`.
+TEST(Assignment, EachFormReachesTheTypedMutator) {
+  std::string const sp = spId(2).stringValue();
+  struct {
+    std::string assignment;
+    std::string path;
+    std::string value;
+  } const cases[] = {
+      {"count=3", "root/count", "3"},
+      {"label=\"a=b[c\"", "root/label", "\"a=b[c\""},
+      {"style=resvStyleFf", "root/style", "resvStyleFf"},
+      {"ids[" + sp + "]", "root/ids/[" + sp + "]", ""},
+      {"weights[" + sp + "]=9", "root/weights/[" + sp + "]", "9"},
+      {"leaf[4]", "root/leaf/[4]", "Rsvp::Sample::Leaf"},
+      {"hop[1]=10.0.0.1", "root/hop/[1]", "10.0.0.1"},
+      {"branch[2]", "root/branch/[2]", "Rsvp::Sample::Leaf"},
+      {"points+=" + valueToStrep(Sample::Point(5, 6)), "root/points/[0]",
+       valueToStrep(Sample::Point(5, 6))},
+      {"extra=true", "root/extra", "true"},
+  };
+  for (auto const& c : cases) {
+    auto special = Sample::specialFactory("root");
+    Kel::applyAssignment(*special, c.assignment);
+    auto const lines = readBack(Kel::browseText(*special));
+    ASSERT_TRUE(lines.count(c.path)) << c.assignment;
+    EXPECT_EQ(lines.at(c.path), c.value) << c.assignment;
+  }
+}
+
+TEST(Assignment, RefusedFormsRaiseTheExactTextAndChangeNothing) {
+  std::string const sp = spId(2).stringValue();
+  std::string const bad = "Bad assignment '";
+  std::string const forms = "; expected attr=value, attr[key], attr[key]=value or attr+=value";
+  std::string const on = "Rsvp::Sample::Root::";
+  std::string const ones(10'000'000, '1');
+  struct {
+    std::string assignment;
+    std::string error;
+  } const cases[] = {
+      {"count", bad + "count'" + forms},
+      {"count-=1", bad + "count-=1'" + forms},
+      {"no\nthing=1", bad + "no?thing=1'" + forms},
+      {"x" + ones, bad + "x11111111111111111111111...'" + forms},
+      {"nothing=1", "No attribute 'nothing' in Rsvp::Sample::Special"},
+      {"=1", "No attribute '' in Rsvp::Sample::Special"},
+      {"mountPath=\"x\"",
+       "Cannot apply 'mountPath=\"x\"': " + on + "mountPath takes no assignment"},
+      {"slot=x", "Cannot apply 'slot=x': " + on + "slot takes no assignment"},
+      {"shared=x", "Cannot apply 'shared=x': " + on + "shared takes no assignment"},
+      {"shared[1]", "Cannot apply 'shared[1]': " + on + "shared takes no assignment"},
+      {"events+=x", "Cannot apply 'events+=x': " + on + "events takes no assignment"},
+      {"events[0]=x", "Cannot apply 'events[0]=x': " + on + "events takes no assignment"},
+      {"events[0]", "Cannot apply 'events[0]': " + on + "events takes no assignment"},
+      {"count+=1", "Cannot apply 'count+=1': " + on + "count takes count=value"},
+      {"count[1]=2", "Cannot apply 'count[1]=2': " + on + "count takes count=value"},
+      {"ids+=1", "Cannot apply 'ids+=1': " + on + "ids takes ids[key]"},
+      {"ids[" + sp + "]=true",
+       "Cannot apply 'ids[<sessionId=<dstIp=10...': " + on + "ids takes ids[key]"},
+      {"weights=1", "Cannot apply 'weights=1': " + on + "weights takes weights[key]=value"},
+      {"weights[" + sp + "]",
+       "Cannot apply 'weights[<sessionId=<dstI...': " + on + "weights takes weights[key]=value"},
+      {"leaf[4]=x", "Cannot apply 'leaf[4]=x': " + on + "leaf takes leaf[key]"},
+      {"points=x", "Cannot apply 'points=x': " + on + "points takes points+=value"},
+      {"points[0]=x", "Cannot apply 'points[0]=x': " + on + "points takes points+=value"},
+      {"path[" + sp + "]", "Cannot apply 'path[<sessionId=<dstIp=1...'"},
+      {"count=x", "Expected a number but found 'x' (attribute 'count')"},
+      {"count=1x", "Invalid U32 (attribute 'count')"},
+      {"count=" + ones,
+       "Number 111111111111111111111111... out of range for U32 (attribute 'count')"},
+      {"epoch=16777217",
+       "Root::epoch < 0 or > Rsvp::RsvpMsgIdObj::invalidMsgIdEpochValue not allowed"},
+      {"leaf[x]", "Expected a number but found 'x]' (attribute 'leaf')"},
+      {"leaf[4", "Expected ']' but found end of text (attribute 'leaf')"},
+      {"hop[1]x", "Expected '=' but found 'x' (attribute 'hop')"},
+      {"hop[1]=1.2.3", "Invalid IpGenAddr '1.2.3' (attribute 'hop')"},
+  };
+  auto special = Sample::specialFactory("root");
+  Kel::applyAssignment(*special, "count=5");
+  special->idsIs(spId(1));
+  std::string const before = Kel::browseText(*special);
+  for (auto const& c : cases) {
+    try {
+      Kel::applyAssignment(*special, c.assignment);
+      ADD_FAILURE() << c.assignment << " was applied";
+    } catch (std::exception const& e) {
+      EXPECT_EQ(e.what(), c.error) << c.assignment.substr(0, 40);
+    }
+    EXPECT_EQ(Kel::browseText(*special), before) << c.assignment.substr(0, 40);
+  }
+}
+
+// Every form with good and bad keys and values on every attribute of every
+// entity type the tool can make: applied, or refused with one of the
+// documented exceptions; never a crash or another exception.
+TEST(Assignment, EveryFormOnEveryAttributeKindFailsCleanly) {
+  auto const defaultText = [](Kel::TypeDesc const* t) -> std::string {
+    if (!t || !t->ops()) return "x";
+    Kel::GenericValue const v(*t);
+    return v.strep();
+  };
+  std::vector<Kel::TypeDesc const*> types = {&Root::kelType, &Sample::Special::kelType};
+  for (Kel::TypeDesc const* t : allTypes()) {
+    if (t->kind() == Kel::TypeKind::entity && t->create()) types.push_back(t);
+  }
+  std::size_t applied = 0;
+  std::size_t refused = 0;
+  for (Kel::TypeDesc const* t : types) {
+    std::string const nameOrKey = t->keyAttr() ? defaultText(t->attr(t->keyAttr())->type) : "e";
+    Kel::Ptr<Kel::Entity> const e = t->create()(nameOrKey);
+    t->forEachAttr([&](Kel::KelAttr const& a) {
+      std::string const n(a.name);
+      for (std::string const& k : {defaultText(a.keyType), std::string("x"), std::string()}) {
+        for (std::string const& v : {defaultText(a.type), std::string("x"), std::string()}) {
+          for (std::string const& text : {n + "=" + v, n + "+=" + v, n + "[" + k + "]",
+                                          n + "[" + k + "]=" + v, n, n + "[" + k}) {
+            try {
+              Kel::applyAssignment(*e, text);
+              ++applied;
+            } catch (Kel::RangeException const&) {
+              ++refused;
+            } catch (Kel::Exception const&) {
+              ++refused;
+            }
+          }
+        }
+      }
+    });
+    (void)Kel::browseText(*e);
+  }
+  EXPECT_GT(applied, 0u);
+  EXPECT_GT(refused, 0u);
+}
+
 }  // namespace

@@ -16,8 +16,6 @@ CASES = [
     ([], 2, USAGE),
     (["--types", "x"], 2, USAGE),
     (["Rsvp::Nothing"], 2, "No entity type 'Rsvp::Nothing' that can be made from a name"),
-    (["Rsvp::RsvpMsgIdObj"], 2,
-     "No entity type 'Rsvp::RsvpMsgIdObj' that can be made from a name"),
     (["Rsvp::Nothing\n" + "x" * 100000], 2,
      "No entity type 'Rsvp::Nothing?xxxxxxxxxx...' that can be made from a name"),
     # A reference, a queue of entities: no assignment reaches them.
@@ -46,10 +44,6 @@ CASES = [
      "Expected '<sessionId=' but found 'x]' (attribute 'spId')"),
     ([RESV, "m", "flowDescriptor[" + "1" * 100000 + "]"], 1,
      "Number 111111111111111111111111... out of range for U32 (attribute 'flowDescriptor')"),
-    ([PATH, "m", "nothing=1"], 1, "No attribute 'nothing' in Rsvp::RsvpPathMsg"),
-    ([PATH, "m", "explicitRouteObj"], 1,
-     "Bad assignment 'explicitRouteObj'; expected attr=value, attr[key], attr[key]=value or "
-     "attr+=value"),
     ([PATH, "m", "a\nb"], 1,
      "Bad assignment 'a?b'; expected attr=value, attr[key], attr[key]=value or attr+=value"),
 ]

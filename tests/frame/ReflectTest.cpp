@@ -471,7 +471,6 @@ TEST(Assignment, RefusedFormsRaiseTheExactTextAndChangeNothing) {
     std::string error;
   } const cases[] = {
       {"count", bad + "count'" + forms},
-      {"count-=1", bad + "count-=1'" + forms},
       {"no\nthing=1", bad + "no?thing=1'" + forms},
       {"x" + ones, bad + "x11111111111111111111111...'" + forms},
       {"nothing=1", "No attribute 'nothing' in Rsvp::Sample::Special"},
@@ -480,13 +479,10 @@ TEST(Assignment, RefusedFormsRaiseTheExactTextAndChangeNothing) {
        "Cannot apply 'mountPath=\"x\"': " + on + "mountPath takes no assignment"},
       {"slot=x", "Cannot apply 'slot=x': " + on + "slot takes no assignment"},
       {"shared=x", "Cannot apply 'shared=x': " + on + "shared takes no assignment"},
-      {"shared[1]", "Cannot apply 'shared[1]': " + on + "shared takes no assignment"},
       {"events+=x", "Cannot apply 'events+=x': " + on + "events takes no assignment"},
       {"events[0]=x", "Cannot apply 'events[0]=x': " + on + "events takes no assignment"},
-      {"events[0]", "Cannot apply 'events[0]': " + on + "events takes no assignment"},
       {"count+=1", "Cannot apply 'count+=1': " + on + "count takes count=value"},
       {"count[1]=2", "Cannot apply 'count[1]=2': " + on + "count takes count=value"},
-      {"ids+=1", "Cannot apply 'ids+=1': " + on + "ids takes ids[key]"},
       {"ids[" + sp + "]=true",
        "Cannot apply 'ids[<sessionId=<dstIp=10...': " + on + "ids takes ids[key]"},
       {"weights=1", "Cannot apply 'weights=1': " + on + "weights takes weights[key]=value"},

@@ -129,8 +129,18 @@ inline void kelLogRead(LogIn& i, bool* v) {
   if (b > 1) throw RangeException("Invalid bool in attribute log");
   *v = b == 1;
 }
-inline void kelLogRead(LogIn& i, F32* v) { *v = std::bit_cast<F32>(i.u32()); }
-inline void kelLogRead(LogIn& i, F64* v) { *v = std::bit_cast<F64>(i.u64()); }
+// A NaN is refused as its text is: it never equals itself, so no setter or
+// comparison could hold it as a value.
+inline void kelLogRead(LogIn& i, F32* v) {
+  F32 const read = std::bit_cast<F32>(i.u32());
+  if (read != read) throw RangeException("Invalid F32 'nan'");
+  *v = read;
+}
+inline void kelLogRead(LogIn& i, F64* v) {
+  F64 const read = std::bit_cast<F64>(i.u64());
+  if (read != read) throw RangeException("Invalid F64 'nan'");
+  *v = read;
+}
 inline void kelLogRead(LogIn& i, String* v) {
   U32 const n = i.u32();
   U8 const* p = i.bytes(n);

@@ -29,9 +29,9 @@
 #ifndef KEL_PTR_H
 #define KEL_PTR_H
 
+#include <Kel/Assert.h>
 #include <Kel/Types.h>
 
-#include <cassert>
 #include <cstddef>
 #include <type_traits>
 #include <utility>
@@ -67,7 +67,7 @@ class PtrInterface {
 
   // Drops one reference; the last one destroys the object.
   void deleteRef() const noexcept {
-    assert(references() > 0 && "Reference count is already zero.");
+    KEL_ASSERT(references() > 0 && "Reference count is already zero.");
 #if KEL_THREAD_SAFE_PTR
     if (refCount_.fetch_sub(1, std::memory_order_acq_rel) == 1) onZeroReferences();
 #else
@@ -123,11 +123,11 @@ class Ptr {
 
   [[nodiscard]] T* get() const noexcept { return p_; }
   [[nodiscard]] T* operator->() const noexcept {
-    assert(p_ && "Dereferencing a null Kel::Ptr.");
+    KEL_ASSERT(p_ && "Dereferencing a null Kel::Ptr.");
     return p_;
   }
   [[nodiscard]] T& operator*() const noexcept {
-    assert(p_ && "Dereferencing a null Kel::Ptr.");
+    KEL_ASSERT(p_ && "Dereferencing a null Kel::Ptr.");
     return *p_;
   }
   explicit operator bool() const noexcept { return p_ != nullptr; }

@@ -1,5 +1,6 @@
 // String forms of the basic types: exact texts, rejected input with its
 // error text, and randomized round trips.
+#include <Kel/LogCodec.h>
 #include <Kel/Text.h>
 
 #include <gtest/gtest.h>
@@ -111,6 +112,35 @@ TEST(Floats, NanIsRefusedInEverySpellingInfinityIsKept) {
   EXPECT_THROW(sequenceToValue(it, text.data() + text.size(), &d), RangeException);
   EXPECT_EQ(d, 2.5);
   EXPECT_EQ(it, text.data());
+}
+
+// The attribute log refuses a NaN bit pattern as the text does, and keeps
+// the target; infinities pass.
+TEST(Floats, NanIsRefusedFromTheLog) {
+  auto read = [](auto bits, auto target) {
+    String bytes;
+    LogOut out(bytes);
+    kelLogWrite(out, bits);
+    LogIn in(bytes);
+    kelLogRead(in, &target);
+    return target;
+  };
+  F64 const nan64 = std::numeric_limits<F64>::quiet_NaN();
+  F32 const nan32 = std::numeric_limits<F32>::quiet_NaN();
+  try {
+    (void)read(nan64, F64{2.5});
+    FAIL();
+  } catch (RangeException const& e) {
+    EXPECT_STREQ(e.what(), "Invalid F64 'nan'");
+  }
+  try {
+    (void)read(-nan32, F32{2.5f});
+    FAIL();
+  } catch (RangeException const& e) {
+    EXPECT_STREQ(e.what(), "Invalid F32 'nan'");
+  }
+  F64 const inf = std::numeric_limits<F64>::infinity();
+  EXPECT_EQ(read(-inf, F64{0}), -inf);
 }
 
 TEST(Strings, QuotingAndEscapes) {

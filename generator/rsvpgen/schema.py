@@ -19,7 +19,7 @@ VALUE_KEYS = {"value", "doc", "strep", "traits", "attrs", "methods"}
 ATTR_KEYS = {"name", "type", "doc", "const", "default", "range", "view", "derived"}
 ENTITY_KEYS = {"entity", "doc", "base", "baseArgs", "named", "key", "methods", "members", "attrs"}
 ENTITY_ATTR_KEYS = {"name", "kind", "type", "key", "doc", "default", "range", "ctor", "const",
-                    "id", "logged"}
+                    "id", "logged", "shared", "keyFrom", "param"}
 
 
 class SchemaError(Exception):
@@ -374,6 +374,26 @@ def _define_entity_attr(model, type_, attr, raw, where):
         _fail(where, f"a {kind} attribute takes no 'key'")
     if kind in ("child", "ref") and attr.type.category != "entity":
         _fail(where, f"a {kind} attribute holds an entity, not {attr.type.name}")
+    if raw.get("shared"):
+        if kind not in ("hashed-map", "ordered-map") or attr.type.category != "entity":
+            _fail(where, "only a map of entities can be 'shared'")
+        attr.shared = True
+    if "keyFrom" in raw:
+        if kind not in ("hashed-map", "ordered-map") or (attr.of_entities and not attr.shared):
+            _fail(where, "'keyFrom' belongs to a map of values or a shared map")
+        element = attr.type
+        field = raw["keyFrom"]
+        source = ([element.key] if getattr(element, "key", None) else []) + list(element.attrs)
+        found = [a for a in source if a.name == field]
+        if not found:
+            _fail(where, f"{element.name} has no attribute '{field}' to key by")
+        if found[0].type is not attr.key:
+            _fail(where, f"{element.name}.{field} is not a {attr.key.name}")
+        attr.key_from = field
+    if "param" in raw:
+        if kind != "derived":
+            _fail(where, "only a derived attribute takes a 'param'")
+        attr.param = str(raw["param"])
     if "id" in raw:
         log_id = raw["id"]
         if not isinstance(log_id, int) or isinstance(log_id, bool) or not 256 <= log_id < 2**31:

@@ -298,6 +298,9 @@ class EntityAttr:
         self.const = None     # the C++ value of a constant
         self.log_id = None    # declared attribute-log identifier
         self.logged = True
+        self.shared = False   # a map of pointers to constant entities, not owned
+        self.key_from = None  # the element's attribute that gives its key
+        self.param = None     # the parameter of a derived attribute, as C++
 
     def log_id_or(self, index):
         """The attribute-log identifier: declared, else the index; 0 when the
@@ -384,7 +387,7 @@ class EntityAttr:
     @property
     def owns_children(self):
         """Whether the attribute holds child entities whose parent it sets."""
-        return self.of_entities and self.kind in ("child", "hashed-map", "ordered-map")
+        return self.of_entities and self.kind in ("child", "hashed-map", "ordered-map") and not self.shared
 
     @property
     def child_params(self):
@@ -397,7 +400,7 @@ class EntityAttr:
         if self.kind == "hashed-set":
             return "Kel::NoValue"
         if self.of_entities:
-            const = " const" if self.kind in ("queue", "ref") else ""
+            const = " const" if self.kind in ("queue", "ref") or self.shared else ""
             return f"Kel::Ptr<{self.type.cpp}{const}>"
         return self.type.cpp
 

@@ -361,7 +361,7 @@ void LogWriter::writeMember(LogOut& out, Tracked& t, KelAttr const& attr, String
       drop(old->second);
       t.children.erase(old);
     }
-    if (present && attr.kind == AttrKind::queue) {
+    if (present && holdsShared(attr)) {
       at = openRecord(out, t.ref, id);
       out.bytes(key.data(), key.size());
       Entity* const fresh = writeShared(out, t, where, *attr.type, child.get());
@@ -623,14 +623,14 @@ void forEachHeld(Entity& e, F&& f) {
 }
 
 // Drops the references `e` holds that are not ownership: its reference
-// attributes and its queues of shared entities.
+// attributes, its queues of entities and its shared maps.
 void breakReferences(Entity& e) {
   TypeDesc const& type = e.fwkType();
   type.forEachAttr([&](KelAttr const& a) {
     if (a.kind == AttrKind::ref) {
       Ptr<Entity const> const none;
       type.attributeOp(nullptr, &e, &a, attrOpWrite, &none);
-    } else if (a.kind == AttrKind::queue && a.type->kind() == TypeKind::entity) {
+    } else if (isCollection(a.kind) && holdsShared(a)) {
       type.attributeOp(nullptr, &e, &a, attrOpDelAll);
     }
   });
@@ -937,7 +937,7 @@ void LogReader::decode(LogIn& in, Decoded& d, Check* check) {
     d.element = std::string_view(reinterpret_cast<char const*>(value.position()),
                                  value.remaining());
     if (!d.del) {
-      if (a.kind == AttrKind::queue && entities) {
+      if (holdsShared(a)) {
         readShared(*a.type);
       } else if (entities) {
         d.childRef = value.u32();
@@ -963,8 +963,10 @@ void LogReader::decode(LogIn& in, Decoded& d, Check* check) {
   if (!check) return;
 
   if (a.kind == AttrKind::queue) checkQueue(*check, d);
-  bool const shared = a.kind == AttrKind::ref || (a.kind == AttrKind::queue && entities);
+  bool const shared = holdsShared(a);
   bool const child = a.kind == AttrKind::child || (entities && !shared);
+  if (a.shared && !d.del && d.childRef == 0)
+    throw LogException("Bad reference in the attribute log");  // a shared map holds no null
   if (child && !d.del && d.childRef < 2) throw LogException("Bad reference in the attribute log");
   if (d.childRef != 0 && (!shared || d.fresh)) {
     // A new entity: its reference must be new to the stream (a snapshot
@@ -1133,6 +1135,14 @@ void LogReader::apply(Decoded& d) {
   if (d.del) {
     bool was = false;
     type.attributeOp(&was, e, &a, attrOpMemberDel, d.keyValue->get());
+    return;
+  }
+  if (a.shared) {
+    Ptr<Entity const> const target = shared(d);
+    if (!target ||
+        type.attributeOp(nullptr, e, &a, attrOpMemberWrite, d.keyValue->get(), &target) !=
+            attrDone)
+      refuse();
     return;
   }
   if (d.childRef != 0) {

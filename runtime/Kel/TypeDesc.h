@@ -64,7 +64,14 @@ struct KelAttr {
   // The attribute-log identifier: declared in the schema, else the index;
   // 0 for an attribute the log does not carry.
   U32 logId = 0;
+  // A map whose members are pointers to constant entities it does not own
+  // (queues of entities and references always are).
+  bool shared = false;
 };
+
+// Whether the members or target of `a` are entities held without being
+// owned: references, queues of entities and shared maps.
+[[nodiscard]] constexpr bool holdsShared(KelAttr const& a) noexcept;
 
 // Status of a generic operation.
 enum AttrStatus : int {
@@ -265,6 +272,11 @@ class TypeDesc {
   U32 depth_;
   Parts parts_{};
 };
+
+constexpr bool holdsShared(KelAttr const& a) noexcept {
+  return a.kind == AttrKind::ref || a.shared ||
+         (a.kind == AttrKind::queue && a.type->kind() == TypeKind::entity);
+}
 
 }  // namespace Kel
 

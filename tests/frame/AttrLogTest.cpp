@@ -308,7 +308,7 @@ TEST(AttrLog, RandomChangesReplicaFollows) {
     for (int step = 0; step < 3000; ++step) {
       Root& s = *link.source;
       Kel::U32 const k = rng() % 12;
-      switch (rng() % 19) {
+      switch (rng() % 21) {
         case 0: s.countIs(rng() % 5); break;
         case 1: s.labelIs(std::string(rng() % 3, 'x')); break;
         case 2: s.idsIs(spId(k)); break;
@@ -343,6 +343,25 @@ TEST(AttrLog, RandomChangesReplicaFollows) {
           if (auto leaf = s.leaf(k)) leaf->nextIs(rng() % 3 ? s.branch(rng() % 12) : nullptr);
           if (auto slot = s.slot()) slot->backIs(s.leaf(rng() % 12));
           break;
+        case 18:
+          // Shared maps: entities of the tree or outside it, not owned.
+          switch (rng() % 5) {
+            case 0:
+              if (auto leaf = s.leaf(k)) s.pinnedIs(leaf);
+              break;
+            case 1: s.pinnedIs(Sample::leafFactory(k)); break;
+            case 2: s.pinnedDel(k); break;
+            case 3: s.byPathIs(spId(k), rng() % 2 ? Sample::leafFactory(k) : s.branchIs(k)); break;
+            default: s.byPathDel(spId(k)); break;
+          }
+          break;
+        case 19:
+          if (rng() % 3) {
+            s.albumIs("album " + std::to_string(k))->titleIs(std::string(rng() % 3, 't'));
+          } else {
+            s.albumDel();
+          }
+          break;
         case 17:
           // The user keeps some leaves and changes them, in the tree or gone.
           if (rng() % 3 == 0 && !held.empty()) {
@@ -353,6 +372,7 @@ TEST(AttrLog, RandomChangesReplicaFollows) {
             held.push_back(leaf);
           }
           break;
+        case 20:
         default:
           // A shared entity outside the tree, or one in it.
           s.sharedIs(rng() % 2 ? Kel::Ptr<Sample::Leaf const>(Sample::leafFactory(k)) : s.leaf(k));
@@ -603,6 +623,38 @@ TEST(AttrLog, SharedEntityCycleFromTheStreamIsFreed) {
     ending.end(link);
     EXPECT_EQ(watch.notifierBase(), nullptr) << ending.what << ": the leaf was not freed";
   }
+}
+
+}  // namespace
+
+namespace {
+
+// A map of pointers to constant entities keyed by their own key refuses a
+// null pointer with its fixed text, and does not own what it holds.
+TEST(SharedMap, KeyedByItsElementsAndNotOwning) {
+  auto root = Sample::rootFactory("root");
+  try {
+    root->pinnedIs(nullptr);
+    FAIL();
+  } catch (Kel::NullPointerException const& e) {
+    EXPECT_STREQ(e.what(),
+                 "null _pinned parameter to mutator for Rsvp::Sample::Root::pinned not allowed\"");
+  }
+  auto const leaf = Sample::leafFactory(7);
+  struct Heard : Root::NotifieeConst {
+    using NotifieeConst::NotifieeConst;
+    void onPinned(Kel::U32 key) override { keys.push_back(key); }
+    std::vector<Kel::U32> keys;
+  } heard(root.get());
+  root->pinnedIs(leaf);
+  root->pinnedIs(leaf);  // the same pointer again: nothing to tell
+  EXPECT_EQ(root->pinned(7), leaf);
+  EXPECT_EQ(leaf->parent(), nullptr) << "not owned";
+  EXPECT_EQ(heard.keys, std::vector<Kel::U32>{7});
+  EXPECT_TRUE(root->pinnedDel(7));
+  EXPECT_EQ(heard.keys, (std::vector<Kel::U32>{7, 7}));
+  EXPECT_EQ(root->albumIs("first")->name(), "first");
+  EXPECT_EQ(root->albumIs("other")->name(), "first") << "the child is made once";
 }
 
 }  // namespace

@@ -53,7 +53,7 @@ TEST(Descriptors, IndicesOfSampleTypes) {
       {&Sample::Path::kelType, "isBypass", 259, "bool"},
       {&Sample::Special::kelType, "mountPath", 258, "Kel::String"},
       {&Sample::Special::kelType, "count", 259, "U32"},
-      {&Sample::Special::kelType, "extra", 258 + 16, "bool"},
+      {&Sample::Special::kelType, "extra", 258 + 19, "bool"},
   };
   for (auto const& c : cases) {
     Kel::KelAttr const* a = c.type->attr(c.attr);
@@ -369,7 +369,10 @@ TEST(Browser, PrintsTheTreeOnceWithSharedAndCyclicEntities) {
                 "    level: 1\n"
                 "    back: -> root/4\n"
                 "  shared: -> root/4\n"
-                "  localOnly: 0\n");
+                "  localOnly: 0\n"
+            "  pinned: {}\n"
+            "  byPath: {}\n"
+            "  album: null\n");
   leaf->nextIs(nullptr);  // reference counts never free a cycle by themselves
 }
 

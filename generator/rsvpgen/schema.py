@@ -19,7 +19,7 @@ VALUE_KEYS = {"value", "doc", "strep", "traits", "attrs", "methods"}
 ATTR_KEYS = {"name", "type", "doc", "const", "default", "range", "view", "derived"}
 ENTITY_KEYS = {"entity", "doc", "base", "baseArgs", "named", "key", "methods", "members", "attrs"}
 ENTITY_ATTR_KEYS = {"name", "kind", "type", "key", "doc", "default", "range", "ctor", "const",
-                    "id", "logged", "shared", "keyFrom", "param"}
+                    "id", "logged", "shared", "keyFrom", "param", "secret"}
 
 
 class SchemaError(Exception):
@@ -49,14 +49,14 @@ def load(root, files, imports=()):
         pending.append(_declare_unit(model, rel, data))
         model.units[-1].imported = imported
     # Attributes may name types of any unit, so they are read once every type
-    # is declared.
-    for unit, bodies in pending:
-        for type_, body in bodies:
-            where = f"{unit.path}: {type_.name}"
-            if type_.kind == "value":
-                _define_value(model, type_, body, where)
-            elif type_.kind == "entity":
-                _define_entity(model, type_, body, where)
+    # is declared: value types first (entities check their keys' traits), then
+    # the keys and bases of entities, then their attributes.
+    for define in (_define_value, _define_entity_head, _define_entity_attrs):
+        kind = "value" if define is _define_value else "entity"
+        for unit, bodies in pending:
+            for type_, body in bodies:
+                if type_.kind == kind:
+                    define(model, type_, body, f"{unit.path}: {type_.name}")
     for unit in model.units:
         _check_unit(unit)
         _check_log_ids(unit)
@@ -192,8 +192,6 @@ def _define_value(model, type_, body, where):
                 attr.view = _view(type_, attr, raw["view"], awhere)
             else:
                 attr.hand = True
-    if not type_.fields and type_.strep == "repr":
-        _fail(where, "a value type needs at least one attribute that is not a constant")
 
 
 def _view(type_, attr, raw, where):
@@ -311,7 +309,7 @@ def _new_attr_name(type_, raw, where, allowed, required):
     return name, awhere
 
 
-def _define_entity(model, type_, body, where):
+def _define_entity_head(model, type_, body, where):
     if "base" in body:
         base = resolve_type(model, body["base"], type_.ns, where)
         if not isinstance(base, EntityType):
@@ -331,6 +329,9 @@ def _define_entity(model, type_, body, where):
             _fail(where, "a keyed entity takes its name from its key; drop 'named'")
         type_.key = key
         type_.attrs.append(key)
+
+
+def _define_entity_attrs(model, type_, body, where):
     for raw in body.get("attrs", []) or []:
         name, awhere = _new_attr_name(type_, raw, where, ENTITY_ATTR_KEYS, ("name",))
         kind = raw.get("kind", "plain")
@@ -394,6 +395,10 @@ def _define_entity_attr(model, type_, attr, raw, where):
         if kind != "derived":
             _fail(where, "only a derived attribute takes a 'param'")
         attr.param = str(raw["param"])
+    if raw.get("secret"):
+        if kind != "derived":
+            _fail(where, "only a derived attribute can be 'secret'")
+        attr.secret = True
     if "id" in raw:
         log_id = raw["id"]
         if not isinstance(log_id, int) or isinstance(log_id, bool) or not 256 <= log_id < 2**31:

@@ -301,6 +301,7 @@ class EntityAttr:
         self.shared = False   # a map of pointers to constant entities, not owned
         self.key_from = None  # the element's attribute that gives its key
         self.param = None     # the parameter of a derived attribute, as C++
+        self.secret = False   # a derived attribute that reflection must not read
 
     def log_id_or(self, index):
         """The attribute-log identifier: declared, else the index; 0 when the

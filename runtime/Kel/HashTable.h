@@ -23,6 +23,7 @@
 #include <cassert>
 #include <cstddef>
 #include <memory>
+#include <type_traits>
 #include <utility>
 
 namespace Kel {
@@ -39,6 +40,13 @@ struct KeyTraits<U32> {
     h.addU32(k);
     return h.finish();
   }
+};
+
+// An enumeration hashes as its number.
+template <class K>
+  requires std::is_enum_v<K>
+struct KeyTraits<K> {
+  static U32 hash(K k) noexcept { return KeyTraits<U32>::hash(static_cast<U32>(k)); }
 };
 
 // The value of a set: nothing.

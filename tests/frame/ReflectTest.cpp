@@ -187,12 +187,14 @@ TEST(GenericValue, MethodsAgreeWithTheTypedOnes) {
 }
 
 // Every value type and enumeration: the default value prints and parses back,
-// but for the invalid path id, which text never produces (deliberately).
+// but for the invalid path id (alone or within), which text never produces
+// (deliberately).
 TEST(GenericValue, EveryDefaultRoundTrips) {
   for (Kel::TypeDesc const* t : allTypes()) {
-    if (!t->ops() || t == &RsvpPathId::kelType || t == &RsvpSpId::kelType) continue;
+    if (!t->ops()) continue;
     Kel::GenericValue v(*t);
     Kel::String const text = v.strep();
+    if (text.find("<lspId=65536>") != Kel::String::npos) continue;
     Kel::GenericValue back(*t);
     back.strepIs(text);
     EXPECT_TRUE(t->ops()->equal(v.get(), back.get())) << t->name() << " " << text;

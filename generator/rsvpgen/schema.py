@@ -348,11 +348,19 @@ def _define_entity_attrs(model, type_, body, where):
     if "baseArgs" in body:
         if type_.base is None:
             _fail(where, "'baseArgs' without a base")
-        wanted = type_.base.all_ctor_attrs
         given = body["baseArgs"] or []
+        if isinstance(given, dict):
+            # Some of the base's constructor arguments by name; the rest pass through.
+            known = {a.name: a for a in type_.base.cons_params}
+            for name, value in given.items():
+                if name not in known:
+                    _fail(where, f"the base takes no constructor argument '{name}'")
+                type_.base_fixed[name] = _literal(known[name], value, where)
+            return
+        wanted = type_.base.all_ctor_attrs
         if len(given) != len(wanted):
             _fail(where, f"the base takes {len(wanted)} constructor arguments, not {len(given)}")
-        type_.base_args = [_literal(a, v, where) for a, v in zip(wanted, given)]
+        type_.base_fixed = {a.name: _literal(a, v, where) for a, v in zip(wanted, given)}
 
 
 def _define_entity_attr(model, type_, attr, raw, where):

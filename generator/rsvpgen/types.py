@@ -314,6 +314,13 @@ class EntityAttr:
     def is_const(self):
         return self.kind == "constant"
 
+    @property
+    def class_default(self):
+        """A constructor argument with a default: the class's constructor
+        takes it so that a subclass may fix it; factories, owners and
+        reflection make the class itself with the default."""
+        return self.ctor and not self.is_key and self.default is not None
+
     # Names of the generated members.
     @property
     def member(self):
@@ -440,7 +447,7 @@ class EntityType(Type):
         self.doc = doc
         self.kind = "entity"
         self.base = None
-        self.base_args = []   # C++ values passed to the base's constructor
+        self.base_fixed = {}  # base constructor argument name -> C++ value fixed by this class
         self.named = False    # whether factories take a name
         self.key = None       # the EntityAttr holding the key, if keyed
         self.attrs = []       # own attributes, declaration order
@@ -490,14 +497,34 @@ class EntityType(Type):
     @property
     def inherited_params(self):
         """Constructor parameters passed through to the base."""
-        return [] if self.base is None or self.base_args else self.base.ctor_params
+        if self.base is None:
+            return []
+        return [p for p in self.base.cons_params if p.name not in self.base_fixed]
+
+    @property
+    def cons_params(self):
+        """The C++ constructor's parameters after the name: the base's not
+        fixed by this class, the key, then the attributes fixed at
+        construction."""
+        own = ([self.key] if self.key else []) + self.ctor_attrs
+        return self.inherited_params + own
 
     @property
     def ctor_params(self):
-        """Every constructor parameter after the name: the base's, the key,
-        then the attributes fixed at construction."""
-        own = ([self.key] if self.key else []) + self.ctor_attrs
-        return self.inherited_params + own
+        """What factories, owners and reflection give: the constructor's
+        parameters without those that take their default."""
+        return [p for p in self.cons_params if not p.class_default]
+
+    @property
+    def base_call_args(self):
+        """The arguments after the name passed to the base's constructor."""
+        return [self.base_fixed.get(p.name, f"_{p.name}") for p in self.base.cons_params]
+
+    @property
+    def cons_args(self):
+        """The arguments after the name that kelNew passes to the
+        constructor: its parameters, or the defaults."""
+        return [p.default if p.class_default else f"_{p.name}" for p in self.cons_params]
 
     @property
     def all_ctor_attrs(self):

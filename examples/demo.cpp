@@ -1,10 +1,14 @@
 // A walk through the library as an agent uses it: identifiers and values are
 // built, printed, parsed, compared and hashed; an entity notifies observers
 // and is browsed; a message arriving again is told a refresh or a change; a
-// forked replica follows the entity over a Unix socket (alone: --check-replica).
+// forked replica follows the entity over a Unix socket; the operator's
+// settings turn into the running configuration, and a replica follows both
+// trees (the replicas alone: --check-replica).
+#include <CipherkitLib/Codec.h>
 #include <Kel/AttrLog.h>
 #include <Rsvp/Rsvp.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <chrono>
 #include <csignal>
@@ -14,11 +18,13 @@
 #include <iostream>
 #include <map>
 #include <memory>
+#include <span>
 #include <sstream>
 #include <stdexcept>
 #include <string>
 #include <string_view>
 #include <system_error>
+#include <utility>
 
 #include <fcntl.h>
 #include <poll.h>
@@ -47,6 +53,7 @@ constexpr char kInSync = '!';
 class Fd {
  public:
   explicit Fd(int fd) noexcept : fd_(fd) {}
+  Fd(Fd&& other) noexcept : fd_(std::exchange(other.fd_, -1)) {}
   ~Fd() { reset(); }
   Fd(Fd const&) = delete;
   Fd& operator=(Fd const&) = delete;
@@ -65,17 +72,23 @@ void nonBlockingIs(int fd) {
   if (flags < 0 || ::fcntl(fd, F_SETFL, flags | O_NONBLOCK) < 0) sysFail("fcntl");
 }
 
-// Waits until `fd` reports one of `events` (or an error or hang-up, which
-// the next read or write tells apart); throws once the deadline has passed.
-short waitFor(int fd, short events, Clock::time_point deadline) {
+// Waits until one of `fds` reports one of its events (or an error or
+// hang-up, which the next read or write tells apart); poll() skips negative
+// descriptors. Throws once the deadline has passed.
+void waitForAny(std::span<pollfd> fds, Clock::time_point deadline) {
   for (;;) {
     auto const left = std::chrono::ceil<std::chrono::milliseconds>(deadline - Clock::now());
     if (left.count() <= 0) throw std::runtime_error("gave up waiting for the other process");
-    pollfd p{fd, events, 0};
-    int const n = ::poll(&p, 1, static_cast<int>(left.count()));
-    if (n > 0) return p.revents;
+    int const n = ::poll(fds.data(), fds.size(), static_cast<int>(left.count()));
+    if (n > 0) return;
     if (n < 0 && errno != EINTR) sysFail("poll");
   }
+}
+
+short waitFor(int fd, short events, Clock::time_point deadline) {
+  pollfd p{fd, events, 0};
+  waitForAny(std::span(&p, 1), deadline);
+  return p.revents;
 }
 
 // Appends what is available on a non-blocking `fd` to `into`; answers false
@@ -176,6 +189,63 @@ class Child {
   pid_t pid_;
 };
 
+// A socket listening at `where`; made before the fork, so that the child's
+// connect() cannot come too early.
+Fd listenAt(SocketPath const& where, int backlog) {
+  Fd listener(::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0));
+  if (listener.get() < 0) sysFail("socket");
+  sockaddr_un const addr = where.address();
+  if (::bind(listener.get(), reinterpret_cast<sockaddr const*>(&addr), sizeof addr) < 0) {
+    sysFail("bind");
+  }
+  if (::listen(listener.get(), backlog) < 0) sysFail("listen");
+  return listener;
+}
+
+// The next connection to `listener`, non-blocking. Connections are taken in
+// the order they were made.
+Fd acceptFrom(Fd const& listener, Clock::time_point deadline) {
+  waitFor(listener.get(), POLLIN, deadline);
+  int accepted;
+  while ((accepted = ::accept(listener.get(), nullptr, nullptr)) < 0) {
+    if (errno != EINTR) sysFail("accept");
+  }
+  Fd conn(accepted);
+  nonBlockingIs(conn.get());
+  return conn;
+}
+
+// A non-blocking connection to the socket at `where`.
+Fd connectTo(SocketPath const& where) {
+  Fd fd(::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0));
+  if (fd.get() < 0) sysFail("socket");
+  sockaddr_un const addr = where.address();
+  while (::connect(fd.get(), reinterpret_cast<sockaddr const*>(&addr), sizeof addr) < 0) {
+    if (errno == EISCONN) break;
+    if (errno != EINTR) sysFail("connect");
+  }
+  nonBlockingIs(fd.get());
+  return fd;
+}
+
+// Forks a process that runs `body` and ends with its answer as exit status;
+// answers the child's id.
+template <class Body>
+pid_t forkProcess(Body const& body) {
+  // Nothing buffered may be printed twice, once by each process.
+  std::cout.flush();
+  std::cerr.flush();
+  pid_t const pid = ::fork();
+  if (pid < 0) sysFail("fork");
+  if (pid == 0) {
+    int const code = body();
+    std::cout.flush();
+    // Leaves the parent's objects (the socket file above all) to the parent.
+    ::_exit(code);
+  }
+  return pid;
+}
+
 void printPrefixed(char const* prefix, std::string const& text) {
   std::istringstream lines(text);
   for (std::string line; std::getline(lines, line);) std::cout << prefix << line << "\n";
@@ -185,15 +255,7 @@ void printPrefixed(char const* prefix, std::string const& text) {
 // prints its tree and sends it back for comparison. Answers the exit status.
 int replicaProcess(SocketPath const& where, Clock::time_point deadline) {
   try {
-    Fd fd(::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0));
-    if (fd.get() < 0) sysFail("socket");
-    sockaddr_un const addr = where.address();
-    while (::connect(fd.get(), reinterpret_cast<sockaddr const*>(&addr), sizeof addr) < 0) {
-      if (errno == EISCONN) break;
-      if (errno != EINTR) sysFail("connect");
-    }
-    nonBlockingIs(fd.get());
-
+    Fd const fd = connectTo(where);
     Kel::Ptr<Rsvp::RsvpSpIdSet> const replica = Rsvp::rsvpSpIdSetFactory("activePaths");
     Kel::LogReader reader(*replica);
     // readFrom() forgets being in sync at the end of the stream, so the
@@ -231,36 +293,12 @@ bool replicaSection() {
   std::signal(SIGPIPE, SIG_IGN);
   try {
     SocketPath const where;
-    Fd listener(::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0));
-    if (listener.get() < 0) sysFail("socket");
-    sockaddr_un const addr = where.address();
-    if (::bind(listener.get(), reinterpret_cast<sockaddr const*>(&addr), sizeof addr) < 0) {
-      sysFail("bind");
-    }
-    // Listening before the fork: the child's connect() cannot come too early.
-    if (::listen(listener.get(), 1) < 0) sysFail("listen");
-
-    // Nothing buffered may be printed twice, once by each process.
-    std::cout.flush();
-    std::cerr.flush();
-    pid_t const pid = ::fork();
-    if (pid < 0) sysFail("fork");
-    if (pid == 0) {
+    Fd listener = listenAt(where, 1);
+    Child child(forkProcess([&] {
       listener.reset();
-      int const code = replicaProcess(where, deadline);
-      std::cout.flush();
-      // Leaves the parent's objects (the socket file above all) to the parent.
-      ::_exit(code);
-    }
-    Child child(pid);
-
-    waitFor(listener.get(), POLLIN, deadline);
-    int accepted;
-    while ((accepted = ::accept(listener.get(), nullptr, nullptr)) < 0) {
-      if (errno != EINTR) sysFail("accept");
-    }
-    Fd const conn(accepted);
-    nonBlockingIs(conn.get());
+      return replicaProcess(where, deadline);
+    }));
+    Fd const conn = acceptFrom(listener, deadline);
 
     RsvpSessionId const session(Lumo::IpGenAddr("10.0.0.2"), RsvpTunnelId(7),
                                 Lumo::IpGenAddr("10.0.0.1"));
@@ -323,13 +361,207 @@ bool replicaSection() {
   }
 }
 
+// ---- The configuration: the operator's settings (mpls/rsvp/cliConfig) and
+// the running configuration the agent derives from them (mpls/rsvp/config).
+
+// The agent's reading of the operator's settings. The static tunnel requests
+// are not copied: the running configuration refers to the operator's.
+void derive(Rsvp::RsvpConfig& run, Rsvp::RsvpCliConfig const& cli) {
+  using namespace Rsvp;
+  run.refreshPeriodIs(Kel::Seconds(cli.refreshInterval()));
+  run.helloEnabledIs(cli.helloInterval() != RsvpCliConfig::helloIntervalDisabled());
+  run.helloIntervalIs(Kel::Seconds(cli.helloInterval()));
+  run.authTypeIs(cli.authType() == Cli::md5 ? rsvpAuthMd5 : rsvpAuthNone);
+  // The operator may type any window; the agent runs with 1 to 255.
+  run.authSeqWindowSizeIs(std::clamp<Kel::U32>(cli.authSeqWindowSize(), 1, 255));
+  run.frrEnabledIs(cli.frrMode() != Cli::frrNone);
+  run.frrModeIs(cli.frrMode());
+  run.frrLocalReversionIs(cli.reversionMode() == Cli::reversionLocal);
+  run.staticTunnelRequestCollIs(cli.staticTunnelRequestColl());
+  run.runningStateIs(cli.enabled() ? rsvpRunning : rsvpStopped);
+  run.runningIs(cli.enabled());
+}
+
+// The configuration's replica process: one connection and one reader per
+// tree, the operator's first. Follows both until the publisher closes them,
+// then sends each tree back on its own connection.
+int configReplicaProcess(SocketPath const& where, Clock::time_point deadline) {
+  using namespace Rsvp;
+  try {
+    Kel::Ptr<RsvpCliConfig> const cli = rsvpCliConfigFactory("cliConfig");
+    Kel::Ptr<RsvpConfig> const run = rsvpConfigFactory("config");
+    struct Follower {
+      Fd fd;
+      Kel::LogReader reader;
+      bool open = true;
+      bool told = false;
+    } trees[2]{{connectTo(where), Kel::LogReader(*cli)}, {connectTo(where), Kel::LogReader(*run)}};
+    for (;;) {
+      pollfd p[2];
+      for (int i = 0; i < 2; ++i) p[i] = {trees[i].open ? trees[i].fd.get() : -1, POLLIN, 0};
+      if (!trees[0].open && !trees[1].open) break;
+      waitForAny(p, deadline);
+      for (int i = 0; i < 2; ++i) {
+        Follower& t = trees[i];
+        if (p[i].revents) t.open = t.reader.readFrom(t.fd.get());
+        if (t.reader.inSync() && !t.told) {
+          writeAll(t.fd.get(), std::string_view(&kInSync, 1), deadline);
+          t.told = true;
+        }
+      }
+    }
+    if (!trees[0].told || !trees[1].told) throw std::runtime_error("a stream ended early");
+    // The running configuration's replica reaches the requests through its
+    // own reference (the publisher compares what it reaches, too).
+    Kel::Ptr<RsvpCliTunnelRequestColl const> const reqs = run->staticTunnelRequestColl();
+    if (!reqs ||
+        reqs->staticTunnelReqSize() != cli->staticTunnelRequestColl()->staticTunnelReqSize()) {
+      throw std::runtime_error("the running configuration does not reach the static tunnels");
+    }
+    for (auto it = reqs->staticTunnelReqIter(); !it.done(); ++it) {
+      RsvpCliTunnelRequest const& r = *it.value();
+      std::cout << "replica: mpls/rsvp/config reaches static tunnel " << r.sessionName() << " "
+                << r.srcIp() << " -> " << r.dstIp() << " (" << r.hopSize() << " hops)\n";
+    }
+    writeAll(trees[0].fd.get(), Kel::browseText(*cli), deadline);
+    writeAll(trees[1].fd.get(), Kel::browseText(*run), deadline);
+    return 0;
+  } catch (std::exception const& e) {
+    std::cerr << "configuration replica: " << e.what() << "\n";
+    return 1;
+  }
+}
+
+bool configSection() {
+  using namespace Rsvp;
+  section("Configuration: the operator's settings and the running configuration");
+  Clock::time_point const deadline = Clock::now() + kGiveUpAfter;
+  std::signal(SIGPIPE, SIG_IGN);
+  try {
+    // A key for the demonstration; an agent provisions the one in its key store.
+    CipherkitLib::keyIs(Kel::String(CipherkitLib::kKeyBytes, 'k'));
+    Kel::Ptr<RsvpCliConfig> const cli = rsvpCliConfigFactory("cliConfig");
+    cli->refreshIntervalIs(45);
+    cli->helloMultiplierIs(5);
+    cli->authTypeIs(Cli::md5);
+    cli->encodedPasswordIs(1, CipherkitLib::doEncodeKey("pe1-secret"));
+    cli->activePasswordIndexIs(1);
+    cli->frrModeIs(Cli::frrLinkProtection);
+    cli->reversionModeIs(Cli::reversionLocal);
+    cli->enabledIs(true);
+    auto const tunnel = [&](Kel::U32 id, char const* dst, char const* via, char const* name) {
+      auto const req =
+          cli->staticTunnelRequestCollIs("static")->staticTunnelReqIs(RsvpTunnelRequestId(id, 0));
+      req->srcIpIs(Lumo::IpGenAddr("10.0.0.1"));
+      req->dstIpIs(Lumo::IpGenAddr(dst));
+      req->hopIs(0, Lumo::IpGenAddr("10.1.0.2"));
+      req->hopIs(1, Lumo::IpGenAddr(via));
+      req->sessionNameIs(name);
+      req->bandwidthIs(1.25e6f * static_cast<Kel::F32>(id));
+    };
+    tunnel(1, "10.0.0.2", "10.2.0.2", "pe1-to-pe2");
+    Kel::String const stored = cli->encodedPassword(1);
+    std::cout << "operator: refreshInterval " << cli->refreshInterval() << ", helloMultiplier "
+              << +cli->helloMultiplier() << ", authType " << cli->authType() << ", frrMode "
+              << cli->frrMode() << ", enabled " << std::boolalpha << cli->enabled() << "\n";
+    std::cout << "operator: password 1 stored as " << stored.substr(0, 12) << "... ("
+              << stored.size() << " characters), clear text in it: "
+              << (stored.find("pe1-secret") != Kel::String::npos) << "\n";
+    std::cout << "operator: activePassword() decodes it to \"" << cli->activePassword() << "\"\n";
+
+    Kel::Ptr<RsvpConfig> const run = rsvpConfigFactory("config");
+    derive(*run, *cli);
+    std::cout << "agent:    refreshPeriod " << run->refreshPeriod() << " s, hello "
+              << run->helloEnabled() << " every " << run->helloInterval() << " s, authType "
+              << run->authType() << ", window " << run->authSeqWindowSize() << ", frr "
+              << run->frrMode() << " local reversion " << run->frrLocalReversion() << ", "
+              << run->runningState() << "\n";
+    std::cout << "agent:    static tunnel requests by reference: "
+              << run->staticTunnelRequestColl()->staticTunnelReqSize() << "\n";
+
+    SocketPath const where;
+    Fd listener = listenAt(where, 2);
+    Child child(forkProcess([&] {
+      listener.reset();
+      return configReplicaProcess(where, deadline);
+    }));
+    struct Link {
+      Fd conn;
+      Kel::LogWriter writer;
+      std::string back{};
+      bool open = true;
+    } links[2]{{acceptFrom(listener, deadline), Kel::LogWriter(*cli)},
+               {acceptFrom(listener, deadline), Kel::LogWriter(*run)}};
+    for (Link& l : links) l.writer.subscriberNew(std::make_unique<Kel::FdSink>(l.conn.get()));
+    // Sends what waits for either socket and collects what the replica says
+    // on each, until `done`.
+    auto const pump = [&](auto done) {
+      while (!done()) {
+        pollfd p[2];
+        for (int i = 0; i < 2; ++i) {
+          Link const& l = links[i];
+          if (l.open && l.writer.subscribers() == 0) throw std::runtime_error("a connection broke");
+          if (!l.open && l.writer.pending()) throw std::runtime_error("the replica left early");
+          auto const events = static_cast<short>(POLLIN | (l.writer.pending() ? POLLOUT : 0));
+          p[i] = {l.open ? l.conn.get() : -1, events, 0};
+        }
+        if (!links[0].open && !links[1].open) throw std::runtime_error("the replica left early");
+        waitForAny(p, deadline);
+        for (int i = 0; i < 2; ++i) {
+          if (p[i].revents & POLLOUT) links[i].writer.flush();
+          if (p[i].revents & (POLLIN | POLLHUP | POLLERR)) {
+            links[i].open = readSome(links[i].conn.get(), links[i].back);
+          }
+        }
+      }
+    };
+    auto const sent = [&] { return !links[0].writer.pending() && !links[1].writer.pending(); };
+    pump([&] { return !links[0].back.empty() && !links[1].back.empty() && sent(); });
+    if (links[0].back.front() != kInSync || links[1].back.front() != kInSync) {
+      throw std::runtime_error("unexpected answer from the replica");
+    }
+    std::cout << "publisher: snapshots of both trees sent, the replica is in sync with each\n";
+
+    // After the snapshot: the operator adds a tunnel and lengthens the
+    // refresh; the agent derives its configuration anew.
+    tunnel(2, "10.0.0.3", "10.3.0.2", "pe1-to-pe3");
+    cli->refreshIntervalIs(60);
+    derive(*run, *cli);
+    for (Link& l : links) l.writer.flush();
+    pump(sent);
+    std::cout << "publisher: added tunnel pe1-to-pe3, refreshInterval 60, derived anew; "
+              << links[0].writer.records() << " + " << links[1].writer.records()
+              << " records written; closing\n";
+    std::cout.flush();  // before the replica's lines
+    for (Link& l : links) {
+      if (::shutdown(l.conn.get(), SHUT_WR) < 0) sysFail("shutdown");
+    }
+    pump([&] { return !links[0].open && !links[1].open; });
+    bool equal = child.wait(deadline) == 0;
+    Kel::Entity const* const sources[2] = {cli.get(), run.get()};
+    for (int i = 0; i < 2; ++i) {
+      bool const same = links[i].back.substr(1) == Kel::browseText(*sources[i]);
+      std::cout << "replica of " << (i == 0 ? cli->mountPath() : run->mountPath())
+                << " equals its source: " << same << "\n";
+      equal = equal && same;
+    }
+    std::cout << "configuration replicas: " << (equal ? "PASS" : "FAIL") << "\n";
+    return equal;
+  } catch (std::exception const& e) {
+    std::cout.flush();
+    std::cerr << "configuration section failed: " << e.what() << "\n";
+    return false;
+  }
+}
+
 }  // namespace
 
 int main(int argc, char** argv) {
   using namespace Rsvp;
 
   if (argc == 2 && std::string_view(argv[1]) == "--check-replica") {
-    return replicaSection() ? 0 : 1;
+    bool const pathsOk = replicaSection();
+    return configSection() && pathsOk ? 0 : 1;
   }
   if (argc != 1) {
     std::cerr << "usage: " << argv[0] << " [--check-replica]\n";
@@ -458,5 +690,6 @@ int main(int argc, char** argv) {
   receive(arrival("10.2.0.2", 253, 130.5, 2));
   receive(arrival("10.3.0.2", 253, 161.0, 3));
 
-  return replicaSection() ? 0 : 1;
+  bool const pathsOk = replicaSection();
+  return configSection() && pathsOk ? 0 : 1;
 }

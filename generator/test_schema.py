@@ -81,6 +81,9 @@ class LoaderErrors(unittest.TestCase):
         ("duplicate attribute",
          "unit: Unit\ntypes:\n  - value: V\n    attrs: [{name: x, type: U8}, {name: x, type: U8}]\n",
          "Unit.yaml: Rsvp::V.x: duplicate attribute"),
+        ("a name from the top needs a namespace",
+         "unit: Unit\ntypes:\n  - entity: ::Status\n    named: true\n",
+         "Unit.yaml: bad type name '::Status'"),
     ]
 
     def test_each_mistake_is_reported_precisely(self):
@@ -104,6 +107,24 @@ class Loading(unittest.TestCase):
         self.assertEqual(size.range_test("v"), "v < 1 || v > maxSize()")
         self.assertEqual(value.attrs[2].default_init, "Rsvp::red")
         self.assertEqual(unit.includes, ["Lumo/IpGenAddr.h"])
+
+    def test_a_name_from_the_top_leaves_rsvp(self):
+        model = load_text({"Unit.yaml": """\
+            unit: Unit
+            types:
+              - entity: ::Te::Status
+                named: true
+                attrs: [{name: prio, type: TrafficEngineering::BwPriority}]
+              - entity: Holder
+                named: true
+                attrs: [{name: status, kind: ref, type: Te::Status}]
+            """})
+        status, holder = model.units[0].types
+        self.assertEqual((status.name, status.ns), ("Te::Status", "Te"))
+        self.assertIs(holder.attrs[0].type, status)
+        self.assertEqual(status.attrs[0].type.desc, "TrafficEngineering::typeBwPriority")
+        self.assertEqual([ns for ns, _ in emit.namespace_blocks(model.units[0].types)],
+                         ["Te", "Rsvp"])
 
     def test_outputs_are_named_after_units(self):
         model = load_text({"Sub/Unit.yaml": GOOD})

@@ -98,9 +98,14 @@ def _declare_unit(model, rel, data):
             _fail(rel, "each type declares exactly one of 'enum', 'value' or 'entity'")
         kind = kinds[0]
         local = body[kind]
-        if not isinstance(local, str) or not all(IDENT.match(p) for p in local.split("::")):
+        # A name relative to Rsvp, or one from the top ("::TrafficEngineering::X")
+        # for a platform's type that this repository stands in for.
+        absolute = isinstance(local, str) and local.startswith("::")
+        parts = local[2:].split("::") if absolute else str(local).split("::")
+        if (not isinstance(local, str) or not all(IDENT.match(p) for p in parts)
+                or (absolute and len(parts) < 2)):
             _fail(rel, f"bad type name '{local}'")
-        qualified = f"Rsvp::{local}"
+        qualified = local[2:] if absolute else f"Rsvp::{local}"
         ns = qualified.rsplit("::", 1)[0]
         if qualified in model.types:
             _fail(f"{rel}: {local}", f"duplicate type '{qualified}'")

@@ -9,7 +9,9 @@ class Type:
               "Rsvp::RsvpSpId"); also the type name that reflection shows
     cpp       C++ spelling
     ns        namespace whose appendStrep/sequenceToValue serve the type
-    category  int, bool, float, string, enum, lumo or value
+    category  int, bool, float, string, enum, lumo or value; "lumo" is any
+              hand-written runtime value type: the network types and the
+              platform seams, each with its descriptor `<ns>::type<Name>`
     """
 
     def __init__(self, name, cpp, ns, category, include=None, bits=0,
@@ -34,10 +36,16 @@ class Type:
         return self.ns if self.category in ("value", "entity") else "Kel"
 
     @property
+    def to_strep(self):
+        """The function that answers a value's text: the model's own, else
+        Kel's, which finds the runtime types' appendStrep by argument."""
+        return f"{self.ns}::valueToStrep" if self.category in ("value", "enum") else "Kel::valueToStrep"
+
+    @property
     def desc(self):
         """The C++ object that describes the type for reflection."""
         if self.category == "lumo":
-            return f"Lumo::type{self.short}"
+            return f"{self.ns}::type{self.short}"
         return "Kel::typeBool" if self.name == "bool" else f"Kel::type{self.short}"
 
     @property
@@ -81,6 +89,13 @@ def _builtin_types():
     for name in ("Ip6Addr", "IpGenAddr", "IpGenPrefix", "MplsLabel", "EthType", "IntfId", "NetU8"):
         out.append(Type(f"Lumo::{name}", f"Lumo::{name}", "Lumo", "lumo",
                         include=f"Lumo/{name}.h"))
+    # The platform seams (runtime/<Namespace>/): value types that platform
+    # libraries supply, written by hand like the network types.
+    for ns, name, folder in (("Cspf", "PathKey", "Cspf"), ("Mpls", "LfibViaSetKey", "Mpls"),
+                             ("TrafficEngineering", "BwPriority", "TrafficEngineering"),
+                             ("Tunnel::TunnelTable", "TunnelId", "Tunnel")):
+        out.append(Type(f"{ns}::{name}", f"{ns}::{name}", ns, "lumo",
+                        include=f"{folder}/{name}.h"))
     return out
 
 

@@ -1,0 +1,239 @@
+// The state path: every cell of the PATH and RESV sub-state machine with its
+// trace texts and notifications, the jittered refresh intervals against
+// their formula, fast start, the state blocks' views and the table's counts.
+#include <Rsvp/Rsvp.h>
+
+#include <gtest/gtest.h>
+
+#include <cstdlib>
+#include <string>
+#include <vector>
+
+namespace {
+
+using namespace Rsvp;
+
+RsvpSpId sp(Kel::U32 lsp) {
+  RsvpSpId id;
+  id.pathIdIs(RsvpPathId(lsp));
+  return id;
+}
+
+// Lines of the RsvpSp facility at levels 8 and 9, while alive.
+struct Captured {
+  Captured() {
+    traceLevelIs("RsvpSp", 9);
+    traceSinkIs([this](std::string_view, int level, std::string_view line) {
+      lines.push_back(std::to_string(level) + " " + std::string(line));
+    });
+  }
+  ~Captured() {
+    traceSinkIs(nullptr);
+    traceLevelIs("RsvpSp", -1);
+  }
+  std::vector<std::string> lines;
+};
+
+char const* stateName(Kel::U32 s) {
+  static char const* const names[] = {"spOperStateDown", "spOperStateRcvd", "spOperStateSent",
+                                      "spOperStateBoth"};
+  return names[s];
+}
+
+// Every cell of the table, for both sub-states: the new state, the trace
+// and whether observers heard of it.
+TEST(SpOperState, EveryCellOfTheTable) {
+  Kel::U32 const table[4][4] = {
+      // msgRecv, msgSend, tearRecv, tearSend
+      {1, 2, 0, 0},
+      {1, 3, 0, 1},
+      {3, 2, 2, 0},
+      {3, 3, 2, 1},
+  };
+  char const* const actions[] = {"msgRecv", "msgSend", "tearRecv", "tearSend"};
+  for (bool path : {true, false}) {
+    for (Kel::U32 from = 0; from < 4; ++from) {
+      for (Kel::U32 action = 0; action < 4; ++action) {
+        auto state = rsvpSpStateFactory(sp(1), false);
+        auto const start = static_cast<RsvpSpOperState>(from);
+        path ? state->spOperPathStateIs(start) : state->spOperResvStateIs(start);
+        struct Heard : RsvpSpState::NotifieeConst {
+          using NotifieeConst::NotifieeConst;
+          void onSpOperPathState() override { ++count; }
+          void onSpOperResvState() override { ++count; }
+          int count = 0;
+        } heard(state.get());
+        Captured trace;
+        auto const act = static_cast<RsvpSpOperStateAction>(action);
+        path ? state->updateOperPathState(act) : state->updateOperResvState(act);
+        Kel::U32 const to = table[from][action];
+        EXPECT_EQ(path ? state->spOperPathState() : state->spOperResvState(), to)
+            << stateName(from) << " " << actions[action];
+        EXPECT_EQ(heard.count, to == from ? 0 : 1);
+        std::string const kind = path ? "PATH" : "RESV";
+        std::string const decision =
+            to == from ? "9 Keeping " + kind + " state " + stateName(from) + " (action " +
+                             actions[action] + ")"
+                       : "9 Changing " + kind + " state from " + stateName(from) + " to " +
+                             stateName(to) + " (action " + actions[action] + ")";
+        ASSERT_EQ(trace.lines.size(), 2u);
+        EXPECT_EQ(trace.lines[0], std::string("8 ") +
+                                      (path ? "updateOperPathState" : "updateOperResvState") +
+                                      " action=" + actions[action]);
+        EXPECT_EQ(trace.lines[1], decision);
+      }
+    }
+  }
+}
+
+// An action or a stored state outside the four falls back to Down.
+TEST(SpOperState, OutOfRangeFallsBackToDown) {
+  for (Kel::U32 from = 0; from < 4; ++from) {
+    auto state = rsvpSpStateFactory(sp(1), false);
+    state->spOperPathStateIs(static_cast<RsvpSpOperState>(from));
+    state->updateOperPathState(static_cast<RsvpSpOperStateAction>(4));
+    EXPECT_EQ(state->spOperPathState(), spOperStateDown) << from;
+  }
+  auto state = rsvpSpStateFactory(sp(1), false);
+  state->spOperResvStateIs(static_cast<RsvpSpOperState>(7));
+  state->updateOperResvState(msgRecv);
+  EXPECT_EQ(state->spOperResvState(), spOperStateDown);
+}
+
+// The formula, written out in single precision.
+double expectedRefresh(int drawn, unsigned int base) {
+  float const factor = static_cast<float>(drawn) / 2147483648.0f + 0.5f;
+  float const seconds = static_cast<float>(base >> 16) * 65536.0f + static_cast<float>(base & 0xffffu);
+  return static_cast<double>(factor * seconds);
+}
+
+TEST(SpRefresh, JitterFollowsTheProcessGenerator) {
+  for (unsigned int seed : {1u, 7u, 12345u}) {
+    for (unsigned int base : {0u, 1u, 2u, 30u, 65537u, 0x80000000u, 0xffffffffu}) {
+      std::srand(seed);
+      int const drawn = std::rand();
+      RsvpSpState::setRandomSeed(seed);
+      double const got = RsvpSpState::randomRefresh(base);
+      EXPECT_EQ(got, expectedRefresh(drawn, base)) << seed << " " << base;
+      EXPECT_GE(got, 0.5 * base * (1 - 1e-6));
+      EXPECT_LT(got, 1.5 * base + 1);
+    }
+  }
+}
+
+TEST(SpRefresh, FastStartDoublesTheTruncatedBase) {
+  struct {
+    char const* what;
+    bool fastStart;
+    double startBase;
+    double maxBase;
+    std::vector<unsigned int> bases;
+  } const cases[] = {
+      {"fast start", true, 2.0, 30, {2, 4, 8, 16, 30, 30}},
+      {"no fast start", false, 2.0, 30, {30, 30, 30}},
+      {"a base of 2.9 is jittered as 2", true, 2.9, 30, {2, 5, 11, 23, 30}},
+      {"bases at and above 2^31", false, 2.0, 4294967295.0, {4294967295u, 4294967295u}},
+  };
+  for (auto const& c : cases) {
+    for (bool downstream : {true, false}) {
+      auto state = rsvpSpStateFactory(sp(1), false);
+      downstream ? state->currentDsBaseRefreshIs(c.startBase)
+                 : state->currentUsBaseRefreshIs(c.startBase);
+      unsigned int seed = 3;
+      for (unsigned int base : c.bases) {
+        // The draw the call will make: the generator is the process's.
+        std::srand(++seed);
+        int const drawn = std::rand();
+        RsvpSpState::setRandomSeed(seed);
+        double const got = downstream ? state->generateAndUpdateDsRefreshValue(c.maxBase, c.fastStart)
+                                      : state->generateAndUpdateUsRefreshValue(c.maxBase, c.fastStart);
+        EXPECT_EQ(got, expectedRefresh(drawn, base)) << c.what << " base " << base;
+      }
+    }
+  }
+}
+
+TEST(SpState, DefaultsDerivedViewsAndReinstantiation) {
+  auto coll = rsvpSpStateCollFactory("spStates");
+  auto state = coll->spStateIs(sp(1), false);
+  EXPECT_EQ(state->localLabel().value(), 1048576u);
+  EXPECT_EQ(state->refreshMultiplier(), 3u);
+  EXPECT_EQ(state->currentDsBaseRefresh(), 2.0);
+  EXPECT_EQ(state->bandwidth(), 0.0f) << "no PATH message held";
+  auto msg = rsvpPathMsgFactory();
+  RsvpSenderTspecObj tspec;
+  tspec.tokenBucketRateIs(1250.5f);
+  msg->senderTspecObjIs(tspec);
+  state->inPathStateIs()->msgIs(msg);
+  EXPECT_EQ(state->bandwidth(), 1250.5f);
+  try {
+    coll->spStateIs(sp(1), true);
+    FAIL();
+  } catch (Kel::Exception const& e) {
+    EXPECT_EQ(std::string(e.what()).rfind("Reinstantiating the entity with fullName", 0), 0u);
+    EXPECT_NE(std::string(e.what()).find(
+                  " where constructor parameter attribute 'isBypass' has a different value of"),
+              std::string::npos);
+  }
+  auto other = coll->spStateIs(sp(2), true);
+  other->spCliIdIs(RsvpCliId(1));
+  state->spCliIdIs(RsvpCliId(2));
+  EXPECT_TRUE(RsvpSpState::spCliIdLesser(*other, *state));
+  EXPECT_FALSE(RsvpSpState::spCliIdLesser(*state, *other));
+}
+
+// The three counts walk the table; checked against a plain count over a
+// random mix.
+TEST(SpStateColl, CountsAgreeWithAWalk) {
+  auto coll = rsvpSpStateCollFactory("spStates");
+  Kel::U32 operational = 0, bypass = 0, inUse = 0;
+  for (Kel::U32 i = 0; i < 200; ++i) {
+    bool const isBypass = i % 3 == 0;
+    auto s = coll->spStateIs(sp(i), isBypass);
+    s->operationalIs(i % 2 == 0);
+    s->dsFrrInUseIs(i % 5 == 0);
+    operational += i % 2 == 0;
+    bypass += isBypass;
+    inUse += i % 5 == 0;
+  }
+  EXPECT_EQ(coll->operationalCount(), operational);
+  EXPECT_EQ(coll->bypassCount(), bypass);
+  EXPECT_EQ(coll->bypassInUseCount(), inUse);
+}
+
+TEST(StateBlocks, LatestMessageAndHeadEndViews) {
+  auto in = rsvpInPathStateFactory();
+  EXPECT_EQ(in->latestMsg(), nullptr) << "a tie at 0 goes to the empty primary";
+  auto primary = rsvpPathMsgFactory();
+  auto backup = rsvpPathMsgFactory();
+  in->msgIs(primary);
+  in->backupMsgIs(backup);
+  EXPECT_EQ(in->latestMsg(), primary);
+  in->backupMsgLastRefreshIs(5);
+  EXPECT_EQ(in->latestMsg(), backup);
+  EXPECT_EQ(in->latestMsgLastRefresh(), 5);
+  in->msgLastRefreshIs(5);
+  EXPECT_EQ(in->latestMsg(), primary) << "a tie goes to the primary";
+
+  auto head = rsvpHeadendStateFactory();
+  EXPECT_EQ(head->srcIp(), Lumo::IpGenAddr());
+  EXPECT_EQ(head->bandwidth(), 0.0f);
+  EXPECT_EQ(head->dsLabel().value(), 1048576u);
+  auto config = rsvpTunnelConfigFactory(RsvpTunnelConfigId(1, 2, staticReqType),
+                                        Lumo::IpGenAddr("10.0.0.1"), Lumo::IpGenAddr("10.0.0.9"),
+                                        sp(4));
+  config->hopIs(1, Lumo::IpGenAddr("10.0.1.1"));
+  config->sessionNameIs("t1");
+  head->tunnelConfigIs(config);
+  EXPECT_EQ(head->hop(1), Lumo::IpGenAddr("10.0.1.1"));
+  EXPECT_EQ(head->hop(2), Lumo::IpGenAddr()) << "beyond the configured hops";
+  EXPECT_EQ(head->sessionName(), "t1");
+  EXPECT_EQ(head->tunnelConfigId(), RsvpTunnelConfigId(1, 2, staticReqType));
+
+  auto out = rsvpOutPathStateFactory();
+  auto made = out->msgIs();
+  EXPECT_EQ(made->msgType(), rsvpPathMsg) << "an empty message of the slot's kind";
+  EXPECT_EQ(made->parent(), out.get());
+}
+
+}  // namespace

@@ -12,6 +12,8 @@ Kel::String PathKey::stringValue() const {
   return out;
 }
 
+void PathKey::stringValueIs(std::string_view text) { *this = Kel::strepToValue<PathKey>(text); }
+
 void PathKey::toNetwork(Kel::U8* out) const noexcept {
   src_.toNetwork(out);
   dst_.toNetwork(out + Lumo::IpGenAddr::wireSize);

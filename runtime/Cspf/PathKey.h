@@ -43,6 +43,9 @@ class PathKey {
   }
 
   [[nodiscard]] Kel::String stringValue() const;
+  // Reads the whole of `text`; raises Kel::RangeException ("Invalid PathKey" for
+  // text left over) and keeps the old value on failure.
+  void stringValueIs(std::string_view text);
 
   void toNetwork(Kel::U8* out) const noexcept;
   // Raises Kel::RangeException on truncation and on a bad address family.

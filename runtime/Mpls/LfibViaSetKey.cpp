@@ -12,6 +12,8 @@ Kel::String LfibViaSetKey::stringValue() const {
   return out;
 }
 
+void LfibViaSetKey::stringValueIs(std::string_view text) { *this = Kel::strepToValue<LfibViaSetKey>(text); }
+
 void LfibViaSetKey::toNetwork(Kel::U8* out) const noexcept {
   Lumo::detail::storeBe32(out, static_cast<Kel::U32>(id_ >> 32));
   Lumo::detail::storeBe32(out + 4, static_cast<Kel::U32>(id_));

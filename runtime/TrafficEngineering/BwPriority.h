@@ -44,6 +44,9 @@ class BwPriority {
   }
 
   [[nodiscard]] Kel::String stringValue() const;
+  // Reads the whole of `text`; raises Kel::RangeException ("Invalid BwPriority" for
+  // text left over) and keeps the old value on failure.
+  void stringValueIs(std::string_view text);
 
   void toNetwork(Kel::U8* out) const noexcept {
     out[0] = setup_;

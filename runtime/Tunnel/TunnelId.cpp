@@ -12,6 +12,8 @@ Kel::String TunnelId::stringValue() const {
   return out;
 }
 
+void TunnelId::stringValueIs(std::string_view text) { *this = Kel::strepToValue<TunnelId>(text); }
+
 void TunnelId::toNetwork(Kel::U8* out) const noexcept { Lumo::detail::storeBe32(out, index_); }
 
 TunnelId TunnelId::fromNetwork(Kel::U8 const* in, std::size_t avail) {

@@ -47,6 +47,14 @@ TraceFacility& spTrace() {
   static TraceFacility f("RsvpSp");
   return f;
 }
+TraceFacility& sessionTrace() {
+  static TraceFacility f("RsvpSession");
+  return f;
+}
+TraceFacility& errorTrace() {
+  static TraceFacility f("RsvpError");
+  return f;
+}
 TraceFacility& neighborTrace() {
   static TraceFacility f("RsvpNeighbor");
   return f;
@@ -57,8 +65,9 @@ TraceFacility& integrityTrace() {
 }
 
 std::span<TraceFacility* const> traceFacilities() {
-  static TraceFacility* const all[] = {&integrityTrace(), &msgTrace(), &neighborTrace(),
-                                       &rawDataTrace(), &spTrace()};
+  static TraceFacility* const all[] = {&errorTrace(),    &integrityTrace(), &msgTrace(),
+                                       &neighborTrace(), &rawDataTrace(),   &sessionTrace(),
+                                       &spTrace()};
   return all;
 }
 

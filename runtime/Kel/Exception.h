@@ -22,9 +22,13 @@ class Exception : public std::exception {
   std::string text_;
 };
 
-// A null pointer given to a mutator of a pointer attribute:
-// "null _<param> parameter to mutator for <Type>::<attr> not allowed" and one
-// double-quote character, which belongs to the text.
+// A null pointer given to a mutator of a pointer attribute. The text is
+// "null " + param + " parameter to mutator for " + qualifiedAttr +
+// " not allowed" followed by one stray double-quote character ("), which
+// belongs to the text. `param` is written as given, leading underscore
+// included: the generated mutators pass "_<attr>" (such as "_tunnelReq"),
+// giving "null _tunnelReq parameter to mutator for
+// Rsvp::RsvpTunnelRequestTable::tunnelReq not allowed"".
 class NullPointerException : public Exception {
  public:
   NullPointerException(std::string_view param, std::string_view qualifiedAttr);

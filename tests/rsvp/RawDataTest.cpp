@@ -22,7 +22,7 @@ struct Traced {
   }
   ~Traced() {
     Rsvp::traceSinkIs(nullptr);
-    Rsvp::rawDataTrace().levelIs(-1);
+    Rsvp::rawDataTrace().levelIs(Rsvp::TraceFacility::kDefaultLevel);
   }
 };
 

@@ -28,7 +28,7 @@ CASES = [
     ([PATH, "m", "unknownObj[1]"], 1,
      "Cannot apply 'unknownObj[1]': Rsvp::RsvpMsg::unknownObj takes no assignment"),
     # Fixed and derived attributes.
-    ([PATH, "m", "msgType=rsvpPathMsg"], 1, "Attribute Rsvp::RsvpMsg::msgType is immutable"),
+    ([PATH, "m", "msgType=rsvpPathMsg"], 1, "Attribute Rsvp::RsvpPathMsg::msgType is immutable"),
     (["Rsvp::RsvpRawData", "r", "size=1"], 1,
      "Cannot apply 'size=1': Rsvp::RsvpRawData::size takes no assignment"),
     # A queue of values, a map of entities, a set: the wrong form.

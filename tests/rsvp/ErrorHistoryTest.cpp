@@ -1,0 +1,226 @@
+// Errors and history: the error record's reset (order, notifications, entry
+// trace), the history entries' factories and their fixed historyEntryType.
+#include <Rsvp/Rsvp.h>
+#include <Rsvp/RsvpTrace.h>
+
+#include <gtest/gtest.h>
+
+#include <functional>
+#include <string>
+#include <vector>
+
+namespace {
+
+using namespace Rsvp;
+
+// Records the name of each attribute that notifies, in order.
+struct ErrorStateLog : RsvpErrorState::NotifieeConst {
+  std::vector<std::string> calls;
+  using NotifieeConst::NotifieeConst;
+  void onError() override { calls.emplace_back("error"); }
+  void onErrorDetectedTime() override { calls.emplace_back("errorDetectedTime"); }
+  void onErrorProcessedTime() override { calls.emplace_back("errorProcessedTime"); }
+  void onOffendingMsg() override { calls.emplace_back("offendingMsg"); }
+};
+
+struct Captured {
+  std::vector<std::string> lines;
+  Captured() {
+    traceSinkIs([this](std::string_view f, int level, std::string_view line) {
+      lines.push_back(std::string(f) + "[" + std::to_string(level) + "] " + std::string(line));
+    });
+  }
+  ~Captured() {
+    traceSinkIs(nullptr);
+    errorTrace().levelIs(TraceFacility::kDefaultLevel);
+  }
+};
+
+bool isDefault(RsvpErrorState const& s) {
+  return s.error().errorCode() == rsvpErrorCodeUnknown && s.error().errorValue() == 0 &&
+         s.errorDetectedTime() == 0 && s.errorProcessedTime() == 0 && !s.offendingMsg();
+}
+
+TEST(ErrorState, FreshAndResetMeanNoErrorKnown) {
+  auto state = rsvpErrorStateFactory();
+  EXPECT_TRUE(isDefault(*state));
+  EXPECT_EQ(static_cast<Kel::U32>(state->error().errorCode()), 256u) << "not rsvpConfirmation (0)";
+  EXPECT_EQ(valueToStrep(RsvpError(rsvpErrorCodeUnknown, 0)),
+            "Value('Rsvp::RsvpError', ** {'errorCode': rsvpErrorCodeUnknown, 'errorValue': 0})");
+}
+
+// Which attributes differ from their defaults before reset() -> the
+// notifications reset() gives, always in declaration order.
+TEST(ErrorState, ResetNotifiesEachChangedAttributeInOrder) {
+  Kel::Ptr<RsvpMsg const> const msg = rsvpPathMsgFactory();
+  struct Case {
+    char const* name;
+    std::function<void(RsvpErrorState&)> set;
+    std::vector<std::string> expected;
+  } const cases[] = {
+      {"everything",
+       [&](RsvpErrorState& s) {
+         s.offendingMsgIs(msg);
+         s.errorProcessedTimeIs(2.5);
+         s.errorDetectedTimeIs(1.5);
+         s.errorIs(RsvpError(rsvpConfirmation, 3));
+       },
+       {"error", "errorDetectedTime", "errorProcessedTime", "offendingMsg"}},
+      {"code 0 only",
+       [](RsvpErrorState& s) { s.errorIs(RsvpError(rsvpConfirmation, 0)); },
+       {"error"}},
+      {"value only",
+       [](RsvpErrorState& s) { s.errorIs(RsvpError(rsvpErrorCodeUnknown, 1)); },
+       {"error"}},
+      {"times",
+       [](RsvpErrorState& s) {
+         s.errorProcessedTimeIs(-1);
+         s.errorDetectedTimeIs(7);
+       },
+       {"errorDetectedTime", "errorProcessedTime"}},
+      {"message only", [&](RsvpErrorState& s) { s.offendingMsgIs(msg); }, {"offendingMsg"}},
+      {"nothing", [](RsvpErrorState&) {}, {}},
+  };
+  for (Case const& c : cases) {
+    SCOPED_TRACE(c.name);
+    auto state = rsvpErrorStateFactory();
+    c.set(*state);
+    ErrorStateLog log(state.get());
+    state->reset();
+    EXPECT_EQ(log.calls, c.expected);
+    EXPECT_TRUE(isDefault(*state));
+    log.calls.clear();
+    state->reset();
+    EXPECT_TRUE(log.calls.empty()) << "a second reset changes nothing";
+  }
+}
+
+TEST(ErrorState, ResetTracesItsEntryAtLevel8) {
+  auto parent = rsvpErrorStateFactory();
+  Captured c;
+  parent->reset();
+  EXPECT_TRUE(c.lines.empty()) << "entry lines are off by default";
+  errorTrace().levelIs(8);
+  parent->reset();
+  EXPECT_EQ(c.lines, std::vector<std::string>{"RsvpError[8] reset fullName=RsvpErrorState"});
+  errorTrace().levelIs(7);
+  parent->reset();
+  EXPECT_EQ(c.lines.size(), 1u);
+}
+
+// One row per leaf: its factory, its base, its historyEntryType and the
+// exception text of a write to that attribute.
+struct Leaf {
+  char const* name;
+  std::function<Kel::Ptr<RsvpHistoryEntry>(Kel::Seconds)> make;
+  bool isSession;
+  RsvpHistoryEntryType type;
+  Kel::U32 number;
+  char const* immutable;
+};
+
+Lumo::IpGenAddr addr(char const* text) { return Kel::strepToValue<Lumo::IpGenAddr>(text); }
+
+std::vector<Leaf> const& leaves() {
+  static std::vector<Leaf> const all = {
+      {"RsvpSessionCreationHistoryEntry",
+       [](Kel::Seconds t) { return rsvpSessionCreationHistoryEntryFactory(t); }, true,
+       rsvpSessionCreationHistoryEntry, 1,
+       "Attribute Rsvp::RsvpSessionCreationHistoryEntry::historyEntryType is immutable"},
+      {"RsvpSessionMemberHistoryEntry",
+       [](Kel::Seconds t) { return rsvpSessionMemberHistoryEntryFactory(t, RsvpCliId(9), true); },
+       true, rsvpSessionMemberHistoryEntry, 2,
+       "Attribute Rsvp::RsvpSessionMemberHistoryEntry::historyEntryType is immutable"},
+      {"RsvpSpOperStateHistoryEntry",
+       [](Kel::Seconds t) {
+         return rsvpSpOperStateHistoryEntryFactory(t, spOperStateRcvd, spOperStateDown);
+       },
+       false, rsvpSpOperStateHistoryEntry, 3,
+       "Attribute Rsvp::RsvpSpOperStateHistoryEntry::historyEntryType is immutable"},
+      {"RsvpSpFrrAvailableHistoryEntry",
+       [](Kel::Seconds t) {
+         return rsvpSpFrrAvailableHistoryEntryFactory(t, true, addr("10.0.0.9"), true);
+       },
+       false, rsvpSpFrrAvailableHistoryEntry, 4,
+       "Attribute Rsvp::RsvpSpFrrAvailableHistoryEntry::historyEntryType is immutable"},
+      {"RsvpSpDsFrrInUseHistoryEntry",
+       [](Kel::Seconds t) {
+         return rsvpSpDsFrrInUseHistoryEntryFactory(t, true, addr("2001:db8::1"), false);
+       },
+       false, rsvpSpDsFrrInUseHistoryEntry, 5,
+       "Attribute Rsvp::RsvpSpDsFrrInUseHistoryEntry::historyEntryType is immutable"},
+      {"RsvpSpUsFrrInUseHistoryEntry",
+       [](Kel::Seconds t) { return rsvpSpUsFrrInUseHistoryEntryFactory(t, true); }, false,
+       rsvpSpUsFrrInUseHistoryEntry, 6,
+       "Attribute Rsvp::RsvpSpUsFrrInUseHistoryEntry::historyEntryType is immutable"},
+      {"RsvpSpErrorHistoryEntry",
+       [](Kel::Seconds t) { return rsvpSpErrorHistoryEntryFactory(t, rsvpRoutingProblem, 5); },
+       false, rsvpSpErrorHistoryEntry, 7,
+       "Attribute Rsvp::RsvpSpErrorHistoryEntry::historyEntryType is immutable"},
+  };
+  return all;
+}
+
+int writeAttr(Kel::Entity& e, char const* attr, Kel::U32 op, void const* value) {
+  Kel::KelAttr const* a = e.fwkType().attr(attr);
+  EXPECT_NE(a, nullptr) << attr;
+  return e.fwkType().attributeOp(nullptr, &e, a, op, value);
+}
+
+TEST(HistoryEntry, EachLeafFixesItsTypeAndRefusesAWriteToIt) {
+  for (Leaf const& leaf : leaves()) {
+    SCOPED_TRACE(leaf.name);
+    auto entry = leaf.make(12.25);
+    EXPECT_EQ(entry->fwkType().name(), std::string("Rsvp::") + leaf.name);
+    EXPECT_EQ(entry->name(), leaf.name) << "named after its type";
+    EXPECT_EQ(entry->timestamp(), 12.25);
+    EXPECT_EQ(entry->historyEntryType(), leaf.type);
+    EXPECT_EQ(static_cast<Kel::U32>(entry->historyEntryType()), leaf.number);
+    EXPECT_EQ(dynamic_cast<RsvpSessionHistoryEntry const*>(entry.get()) != nullptr, leaf.isSession);
+    EXPECT_EQ(dynamic_cast<RsvpSpHistoryEntry const*>(entry.get()) != nullptr, !leaf.isSession);
+    RsvpHistoryEntryType const other = rsvpUnknownEntry;
+    for (Kel::U32 op : {Kel::attrOpWrite, Kel::attrOpCheck}) {
+      try {
+        writeAttr(*entry, "historyEntryType", op, &other);
+        ADD_FAILURE() << "no exception for op " << op;
+      } catch (Kel::ImmutableAttributeException const& e) {
+        EXPECT_STREQ(e.what(), leaf.immutable);
+      }
+    }
+    EXPECT_EQ(entry->historyEntryType(), leaf.type) << "unchanged";
+    Kel::Seconds const later = 99;
+    EXPECT_THROW(writeAttr(*entry, "timestamp", Kel::attrOpWrite, &later),
+                 Kel::ImmutableAttributeException);
+    EXPECT_EQ(entry->timestamp(), 12.25);
+  }
+}
+
+TEST(HistoryEntry, BasesAreUnknownEntries) {
+  Kel::Ptr<RsvpHistoryEntry> const bases[] = {
+      rsvpHistoryEntryFactory(1), rsvpSessionHistoryEntryFactory(2), rsvpSpHistoryEntryFactory(3)};
+  for (auto const& b : bases) {
+    EXPECT_EQ(b->historyEntryType(), rsvpUnknownEntry) << b->fwkType().name();
+  }
+}
+
+TEST(HistoryEntry, LeavesKeepTheirFields) {
+  auto oper = rsvpSpOperStateHistoryEntryFactory(1, spOperStateRcvd, spOperStateDown);
+  EXPECT_EQ(oper->spOperPathState(), spOperStateRcvd);
+  EXPECT_EQ(oper->spOperResvState(), spOperStateDown);
+  auto member = rsvpSessionMemberHistoryEntryFactory(2, RsvpCliId(9), false);
+  EXPECT_EQ(member->spCliId(), RsvpCliId(9));
+  EXPECT_FALSE(member->created());
+  auto frr = rsvpSpFrrAvailableHistoryEntryFactory(3, true, addr("10.0.0.9"), false);
+  EXPECT_TRUE(frr->bypassAvailable());
+  EXPECT_EQ(frr->bypassNextHop(), addr("10.0.0.9"));
+  EXPECT_FALSE(frr->bypassNodeProtected());
+  auto ds = rsvpSpDsFrrInUseHistoryEntryFactory(4, false, addr("2001:db8::1"), true);
+  EXPECT_FALSE(ds->dsFrrInUse());
+  EXPECT_EQ(ds->dsNextHop(), addr("2001:db8::1"));
+  EXPECT_TRUE(ds->dsNodeProtected());
+  auto err = rsvpSpErrorHistoryEntryFactory(5, rsvpRoutingProblem, 65535);
+  EXPECT_EQ(err->errorCode(), rsvpRoutingProblem);
+  EXPECT_EQ(err->errorValue(), 65535);
+}
+
+}  // namespace

@@ -12,7 +12,9 @@ Kel::String LfibViaSetKey::stringValue() const {
   return out;
 }
 
-void LfibViaSetKey::stringValueIs(std::string_view text) { *this = Kel::strepToValue<LfibViaSetKey>(text); }
+void LfibViaSetKey::stringValueIs(std::string_view text) {
+  *this = Kel::strepToValue<LfibViaSetKey>(text);
+}
 
 void LfibViaSetKey::toNetwork(Kel::U8* out) const noexcept {
   Lumo::detail::storeBe32(out, static_cast<Kel::U32>(id_ >> 32));
@@ -32,9 +34,7 @@ void sequenceToValue(Kel::TextIt& it, Kel::TextIt end, LfibViaSetKey* out) {
   *out = LfibViaSetKey(id);
 }
 
-std::ostream& operator<<(std::ostream& os, LfibViaSetKey const& v) {
-  return os << v.stringValue();
-}
+std::ostream& operator<<(std::ostream& os, LfibViaSetKey const& v) { return os << v.stringValue(); }
 
 namespace {
 constexpr Kel::TypeDesc::Parts kParts = [] {

@@ -17,7 +17,9 @@ Kel::String BwPriority::stringValue() const {
   return out;
 }
 
-void BwPriority::stringValueIs(std::string_view text) { *this = Kel::strepToValue<BwPriority>(text); }
+void BwPriority::stringValueIs(std::string_view text) {
+  *this = Kel::strepToValue<BwPriority>(text);
+}
 
 BwPriority BwPriority::fromNetwork(Kel::U8 const* in, std::size_t avail) {
   Lumo::detail::checkAvail("BwPriority", wireSize, avail);

@@ -42,9 +42,7 @@ class TunnelId {
   // Raises Kel::RangeException on truncation.
   [[nodiscard]] static TunnelId fromNetwork(Kel::U8 const* in, std::size_t avail);
 
-  friend constexpr bool operator==(TunnelId a, TunnelId b) noexcept {
-    return a.index_ == b.index_;
-  }
+  friend constexpr bool operator==(TunnelId a, TunnelId b) noexcept { return a.index_ == b.index_; }
   friend constexpr bool operator<(TunnelId a, TunnelId b) noexcept { return a.index_ < b.index_; }
 
  private:

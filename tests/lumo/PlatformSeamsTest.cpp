@@ -126,8 +126,10 @@ TEST(PlatformSeams, RefusedTextChangesNothing) {
 }
 
 TEST(PlatformSeams, PriorityRangeAtEveryEntrance) {
-  std::string const setupText = "BwPriority::setup < BwPriority::min or > BwPriority::max not allowed";
-  std::string const holdText = "BwPriority::hold < BwPriority::min or > BwPriority::max not allowed";
+  std::string const setupText =
+      "BwPriority::setup < BwPriority::min or > BwPriority::max not allowed";
+  std::string const holdText =
+      "BwPriority::hold < BwPriority::min or > BwPriority::max not allowed";
   for (Kel::U8 v : {Kel::U8{8}, Kel::U8{255}}) {
     BwPriority p(7, 7);
     EXPECT_THROW(BwPriority(v, 0), Kel::RangeException);

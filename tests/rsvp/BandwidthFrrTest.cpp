@@ -1,0 +1,187 @@
+// Bandwidth policy and fast-reroute data: the metric's unchecked arithmetic
+// and checked text, the reclaim tree's visiting order against a sorted
+// model, the bandwidth status's references, and the FRR tables' defaults
+// and notifications.
+#include <Rsvp/Rsvp.h>
+
+#include <gtest/gtest.h>
+
+#include <random>
+#include <set>
+#include <string>
+#include <vector>
+
+namespace {
+
+using namespace Rsvp;
+
+std::string const kMetricRange = "BwMetric::value < BwMetric::min or > BwMetric::max not allowed";
+
+BwMetric metric(Kel::U8 v) { return BwMetric(v); }
+
+TEST(BwMetric, ArithmeticWrapsWithoutARangeCheck) {
+  struct {
+    Kel::U8 a;
+    char op;
+    Kel::U8 b;
+    Kel::U8 result;
+  } const cases[] = {
+      {7, '+', 1, 8}, {0, '-', 1, 255}, {7, '+', 7, 14}, {3, '-', 5, 254}, {5, '-', 5, 0}};
+  for (auto const& c : cases) {
+    BwMetric const a = metric(c.a);
+    BwMetric const b = metric(c.b);
+    BwMetric const viaBinary = c.op == '+' ? a + b : a - b;
+    BwMetric compound = a;
+    if (c.op == '+') {
+      compound += b;
+    } else {
+      compound -= b;
+    }
+    EXPECT_EQ(viaBinary.value(), c.result) << int(c.a) << c.op << int(c.b);
+    EXPECT_EQ(compound, viaBinary);
+    EXPECT_EQ(a, metric(c.a)) << "the binary operators leave their operands alone";
+  }
+  EXPECT_EQ(metric(0) - metric(1) + metric(1), metric(0)) << "255 + 1 wraps to 0";
+}
+
+TEST(BwMetric, TextIsRangeChecked) {
+  for (std::string const text : {"0", "7"}) {
+    BwMetric m = metric(3);
+    m.stringValueIs(text);
+    EXPECT_EQ(m.stringValue(), text);
+  }
+  struct {
+    std::string text;
+    std::string what;
+  } const refused[] = {{"8", kMetricRange},        {"-1", kMetricRange},
+                       {"255", kMetricRange},      {"4294967296", kMetricRange},
+                       {"3x", "Invalid BwMetric"}, {"", "Expected a number but found end of text"}};
+  for (auto const& c : refused) {
+    BwMetric m = metric(3);
+    try {
+      m.stringValueIs(c.text);
+      ADD_FAILURE() << c.text;
+    } catch (Kel::RangeException const& e) {
+      EXPECT_EQ(e.what(), c.what) << c.text;
+    }
+    EXPECT_EQ(m, metric(3)) << c.text;
+  }
+  try {
+    (void)BwMetric(8);
+    ADD_FAILURE();
+  } catch (Kel::RangeException const& e) {
+    EXPECT_EQ(e.what(), kMetricRange);
+  }
+}
+
+// Policies made in a random order are visited in ascending order: metrics
+// within a priority, priorities within an interface.
+TEST(BwReclaimPolicy, VisitsInAscendingOrder) {
+  std::mt19937 rng(8);
+  for (int round = 0; round < 20; ++round) {
+    auto const tree = bwReclaimPolicyFactory("reclaim");
+    auto const intf = tree->intfPolicyIs(Lumo::IntfId("Ethernet1"));
+    std::set<TrafficEngineering::BwPriority> priorities;
+    std::set<Kel::U8> metrics;
+    auto const first = intf->priorityPolicyIs(TrafficEngineering::BwPriority(4, 4));
+    priorities.insert(TrafficEngineering::BwPriority(4, 4));
+    for (int i = 0; i < 12; ++i) {
+      TrafficEngineering::BwPriority const p(static_cast<Kel::U8>(rng() % 8),
+                                             static_cast<Kel::U8>(rng() % 8));
+      intf->priorityPolicyIs(p);
+      priorities.insert(p);
+      Kel::U8 const m = static_cast<Kel::U8>(rng() % 8);
+      first->metricPolicyIs(metric(m))->spIdIs(RsvpSpId());
+      metrics.insert(m);
+    }
+    std::vector<Kel::U8> visited;
+    for (auto it = first->metricPolicyIter(); !it.done(); ++it) {
+      EXPECT_EQ(it.value()->metric(), it.key());
+      visited.push_back(it.key().value());
+    }
+    EXPECT_EQ(visited, std::vector<Kel::U8>(metrics.begin(), metrics.end()));
+    std::vector<TrafficEngineering::BwPriority> visitedPriorities;
+    for (auto it = intf->priorityPolicyIter(); !it.done(); ++it) {
+      visitedPriorities.push_back(it.key());
+    }
+    EXPECT_EQ(visitedPriorities,
+              std::vector<TrafficEngineering::BwPriority>(priorities.begin(), priorities.end()));
+  }
+}
+
+TEST(BwResvStatus, ReferencesAndFigures) {
+  auto const client = TrafficEngineering::bandwidthClientStatusFactory("client");
+  client->reservedBandwidthIs(Lumo::IntfId("Ethernet1"), 1e6);
+  auto const hold = TrafficEngineering::bandwidthHoldStatusFactory("hold");
+  auto const status = BwResvStatus::fromTeStatus("resv", client, hold);
+  EXPECT_EQ(status->clientStatus(), client);
+  EXPECT_EQ(status->holdStatus(), hold);
+  EXPECT_EQ(status->setupStatus(), nullptr);
+  EXPECT_EQ(status->policy(), nullptr);
+  auto const policy = bwReclaimPolicyFactory("reclaim");
+  status->setupStatusIs(hold);
+  status->policyIs(policy);
+  status->setupStatusDel();
+  status->policyDel();
+  EXPECT_EQ(status->setupStatus(), nullptr);
+  EXPECT_EQ(status->policy(), nullptr);
+  Lumo::IntfId const intf("Ethernet1");
+  TrafficEngineering::BwPriority const prio(0, 0);
+  EXPECT_EQ(status->capacity(intf, prio), 0.0);
+  EXPECT_EQ(status->availableBandwidth(intf, prio), 0.0);
+  EXPECT_EQ(status->reservedBandwidth(intf, prio), 0.0);
+}
+
+TEST(RsvpFrr, BypassInfoDefaultText) {
+  EXPECT_EQ(valueToStrep(RsvpBypassInfo()),
+            "Value('Rsvp::RsvpBypassInfo', ** {'bypassAvailable': false, 'bypassNextHop': , "
+            "'bypassLabel': 1048576, 'bypassLastHop': , 'bypassSpId': " +
+                valueToStrep(RsvpSpId()) + ", 'bypassNodeProtected': false})");
+}
+
+struct PathKeyCounter : RsvpFrrSharedData::NotifieeConst {
+  using RsvpFrrSharedData::NotifieeConst::NotifieeConst;
+  using RsvpFrrSharedData::NotifieeConst::onPathKeyToNeighbor;
+  void onPathKeyToNeighbor(Cspf::PathKey const& key) override { keys.push_back(key); }
+  std::vector<Cspf::PathKey> keys;
+};
+
+TEST(RsvpFrr, SharedDataAnswersDefaultsAndNotifiesOncePerChange) {
+  auto const data = rsvpFrrSharedDataFactory("frr");
+  PathKeyCounter counter(data.get());
+  Cspf::PathKey const key(Lumo::IpGenAddr::ipv4(0x0a000001), Lumo::IpGenAddr::ipv4(0x0a000009), 4);
+  EXPECT_TRUE(!data->pathKeyToNeighbor(key));
+  PathKeyToNeighborAndFrrInfo info(key, RsvpNeighborId(Lumo::IpGenAddr::ipv4(0x0a000002)), false);
+  data->pathKeyToNeighborIs(info);
+  info.neighborIdIs(RsvpNeighborId(Lumo::IpGenAddr::ipv4(0x0a000003)));
+  info.nodeProtectionReqIs(true);
+  data->pathKeyToNeighborIs(info);
+  data->pathKeyToNeighborIs(info);  // the same entry again: no change
+  EXPECT_EQ(counter.keys, (std::vector<Cspf::PathKey>{key, key}));
+  EXPECT_EQ(data->pathKeyToNeighborSize(), 1u);
+  EXPECT_EQ(data->pathKeyToNeighbor(key), info);
+  EXPECT_FALSE(!data->pathKeyToNeighbor(key));
+  EXPECT_TRUE(data->pathKeyToNeighborDel(key));
+  EXPECT_TRUE(!data->pathKeyToNeighbor(key));
+  EXPECT_EQ(counter.keys.size(), 3u);
+}
+
+TEST(RsvpFrr, NextHopsNotifyWithTheAddress) {
+  struct Counter : RsvpFrrNextHopColl::NotifieeConst {
+    using RsvpFrrNextHopColl::NotifieeConst::NotifieeConst;
+    using RsvpFrrNextHopColl::NotifieeConst::onNextHop;
+    void onNextHop(Lumo::IpGenAddr const& a) override { seen.push_back(a); }
+    std::vector<Lumo::IpGenAddr> seen;
+  };
+  auto const hops = rsvpFrrNextHopCollFactory("hops");
+  Counter counter(hops.get());
+  Lumo::IpGenAddr const a = Lumo::IpGenAddr::ipv4(0x0a000001);
+  hops->nextHopIs(a);
+  hops->nextHopIs(a);
+  EXPECT_TRUE(hops->nextHop(a));
+  hops->nextHopDelAll();
+  EXPECT_FALSE(hops->nextHop(a));
+  EXPECT_EQ(counter.seen, (std::vector<Lumo::IpGenAddr>{a, a}));
+}
+
+}  // namespace

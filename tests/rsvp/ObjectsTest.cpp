@@ -132,6 +132,11 @@ void fill(Kel::TypeDesc const& type, void* v, std::mt19937& rng) {
   } else if (name == "Lumo::IpGenPrefix") {
     *static_cast<Lumo::IpGenPrefix*>(v) =
         Lumo::IpGenPrefix(Lumo::IpGenAddr::ipv4(rng()), static_cast<Kel::U8>(rng() % 33));
+  } else if (name == "Cspf::PathKey") {
+    *static_cast<Cspf::PathKey*>(v) = Cspf::PathKey(
+        Lumo::IpGenAddr::ipv4(rng()), Lumo::IpGenAddr("2001:db8::9"), static_cast<Kel::U16>(rng()));
+  } else if (name == "Mpls::LfibViaSetKey") {
+    *static_cast<Mpls::LfibViaSetKey*>(v) = Mpls::LfibViaSetKey((Kel::U64{rng()} << 32) | rng());
   } else if (name == "Lumo::NetU8") {
     *static_cast<Lumo::NetU8*>(v) = Lumo::NetU8(static_cast<Kel::U8>(rng()));
   }

@@ -4,6 +4,8 @@
 #include <Rsvp/RsvpSp.h>
 #include <Rsvp/RsvpTrace.h>
 
+#include <Kel/Assert.h>
+
 #include <algorithm>
 #include <cstdlib>
 
@@ -92,6 +94,18 @@ Kel::Seconds RsvpSpState::generateAndUpdateDsRefreshValue(Kel::Seconds const& ma
                                           fastStart, currentDsBaseRefresh(), &next);
   currentDsBaseRefreshIs(next);
   return result;
+}
+
+std::size_t RsvpSpState::spHistoryEntrys() const { return spHistoryEntrySize(); }
+
+void RsvpSpState::addSpHistoryEntry(Kel::Ptr<RsvpSpHistoryEntry const> const& entry) {
+  KEL_ASSERT(spHistoryEntrys() <= RsvpConstants::maxHistoryQueueSize());
+  if (spHistoryEntrys() == RsvpConstants::maxHistoryQueueSize()) {
+    RSVP_TRACE(spTrace(), 9, "SP event queue full, dequeuing entry at the head");
+    (void)spHistoryEntryDeq();
+  }
+  RSVP_TRACE(spTrace(), 9, "Adding entry to the SP event queue");
+  spHistoryEntryEnq(entry);
 }
 
 bool RsvpSpState::spCliIdLesser(RsvpSpState const& a, RsvpSpState const& b) {

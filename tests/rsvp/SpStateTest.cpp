@@ -237,3 +237,84 @@ TEST(StateBlocks, LatestMessageAndHeadEndViews) {
 }
 
 }  // namespace
+
+namespace {
+
+// Both history queues keep the newest ten, oldest first, with their trace
+// texts; more than ten put there by the raw queue operations is fatal.
+struct HistoryCase {
+  char const* what;
+  char const* facility;
+  char const* full;
+  char const* adding;
+  char const* assertion;
+  std::size_t (*add)(double timestamp);  // answers the queue's size after adding
+  void (*overfill)();
+  double (*head)();
+};
+
+Kel::Ptr<RsvpSpState> historySp;
+Kel::Ptr<RsvpSessionState> historySession;
+
+HistoryCase const historyCases[] = {
+    {"state path", "RsvpSp", "9 SP event queue full, dequeuing entry at the head",
+     "9 Adding entry to the SP event queue",
+     "spHistoryEntrys\\(\\) <= RsvpConstants::maxHistoryQueueSize\\(\\)",
+     [](double t) {
+       historySp->addSpHistoryEntry(rsvpSpUsFrrInUseHistoryEntryFactory(t, true));
+       return historySp->spHistoryEntrys();
+     },
+     [] {
+       for (int i = 0; i < 11; ++i) historySp->spHistoryEntryEnq(rsvpSpHistoryEntryFactory(i));
+       historySp->addSpHistoryEntry(rsvpSpHistoryEntryFactory(99));
+     },
+     [] { return historySp->spHistoryEntryIter().value()->timestamp(); }},
+    {"session", "RsvpSession", "9 Session event queue full, dequeuing entry at the head",
+     "9 Adding entry to the session event queue",
+     "sessionHistoryEntrys\\(\\) <= RsvpConstants::maxHistoryQueueSize\\(\\)",
+     [](double t) {
+       historySession->addSessionHistoryEntry(rsvpSessionCreationHistoryEntryFactory(t));
+       return historySession->sessionHistoryEntrys();
+     },
+     [] {
+       for (int i = 0; i < 11; ++i)
+         historySession->sessionHistoryEntryEnq(rsvpSessionHistoryEntryFactory(i));
+       historySession->addSessionHistoryEntry(rsvpSessionHistoryEntryFactory(99));
+     },
+     [] { return historySession->sessionHistoryEntryIter().value()->timestamp(); }},
+};
+
+TEST(History, TheEleventhEntryDropsTheFirst) {
+  for (HistoryCase const& c : historyCases) {
+    historySp = rsvpSpStateFactory(sp(1), false);
+    historySession = rsvpSessionStateFactory(RsvpSessionId());
+    for (int i = 0; i < 10; ++i) EXPECT_EQ(c.add(i), static_cast<std::size_t>(i + 1)) << c.what;
+    std::vector<std::string> lines;
+    traceLevelIs(c.facility, 9);
+    traceSinkIs([&](std::string_view, int level, std::string_view line) {
+      lines.push_back(std::to_string(level) + " " + std::string(line));
+    });
+    EXPECT_EQ(c.add(10), 10u) << c.what;
+    traceSinkIs(nullptr);
+    traceLevelIs(c.facility, 0);
+    EXPECT_EQ(lines, (std::vector<std::string>{c.full, c.adding})) << c.what;
+    EXPECT_EQ(c.head(), 1.0) << c.what << ": the first entry went";
+  }
+  historySp = nullptr;
+  historySession = nullptr;
+}
+
+TEST(HistoryDeathTest, MoreThanTheBoundIsFatal) {
+  for (HistoryCase const& c : historyCases) {
+    EXPECT_DEATH(
+        {
+          historySp = rsvpSpStateFactory(sp(1), false);
+          historySession = rsvpSessionStateFactory(RsvpSessionId());
+          c.overfill();
+        },
+        c.assertion)
+        << c.what;
+  }
+}
+
+}  // namespace

@@ -381,7 +381,8 @@ void BM_AttrLogReaderFrameMemory(benchmark::State& state) {
   auto const slot = static_cast<Kel::S32>(Sample::Root::kelType.attr("slot")->logId);
   std::string payload;
   Kel::LogOut out(payload);
-  for (std::size_t i = 0; i < count; ++i) Kel::closeLogRecord(out, Kel::openLogRecord(out, 1, -slot));
+  for (std::size_t i = 0; i < count; ++i)
+    Kel::closeLogRecord(out, Kel::openLogRecord(out, 1, -slot));
   std::string frame;
   Kel::logFrame(frame, Kel::logFrameChanges, 3, payload);
 

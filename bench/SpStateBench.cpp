@@ -1,8 +1,9 @@
 // The state path: the sub-state machine with and without an observer, the
-// refresh-interval draw, the three counts of the table over 100k state
-// paths, and the heap bytes of a bare state path and of a transit one as a
-// transit router holds it (four message blocks, a PATH in and out and a RESV
-// in and out), from the counting operator new.
+// refresh-interval draw, a history entry added to a full queue, the three
+// counts of the table over 100k state paths, and the heap bytes of a bare
+// state path and of a transit one as a transit router holds it (four message
+// blocks, a PATH in and out and a RESV in and out), from the counting
+// operator new.
 #include <Rsvp/Rsvp.h>
 
 #include <benchmark/benchmark.h>
@@ -52,6 +53,17 @@ void BM_SpGenerateDsRefresh(benchmark::State& state) {
   state.SetItemsProcessed(state.iterations());
 }
 BENCHMARK(BM_SpGenerateDsRefresh);
+
+// addSpHistoryEntry on a full queue: the oldest entry goes, the new one comes.
+void BM_SpAddHistoryEntryFull(benchmark::State& state) {
+  auto sp = rsvpSpStateFactory(spId(1), false);
+  auto const entry = rsvpSpOperStateHistoryEntryFactory(1.0, spOperStateRcvd, spOperStateDown);
+  for (int i = 0; i < 10; ++i) sp->addSpHistoryEntry(entry);
+  for (auto _ : state) sp->addSpHistoryEntry(entry);
+  state.SetItemsProcessed(state.iterations());
+  if (sp->spHistoryEntrys() != 10) state.SkipWithError("the queue left its bound");
+}
+BENCHMARK(BM_SpAddHistoryEntryFull);
 
 // A PATH as a transit router receives it, with its objects set.
 Kel::Ptr<RsvpPathMsg> fullPath(Kel::U32 i) {

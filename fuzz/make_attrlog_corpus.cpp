@@ -69,7 +69,8 @@ int main(int argc, char** argv) {
     std::string const frame = s->take();
     std::string const dir = argv[1];
     write(dir + "/frame-" + name, 0, frame);
-    if (frame.size() >= 28) write(dir + "/records-" + name, 1, std::string_view(frame).substr(24, frame.size() - 28));
+    if (frame.size() >= 28)
+      write(dir + "/records-" + name, 1, std::string_view(frame).substr(24, frame.size() - 28));
   }
   return 0;
 }

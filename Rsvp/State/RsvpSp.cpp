@@ -74,12 +74,13 @@ void RsvpSpState::setRandomSeed(unsigned int seed) { std::srand(seed); }
 
 Kel::Seconds RsvpSpState::randomRefresh(unsigned int base) {
   float const factor = static_cast<float>(std::rand()) * 0x1p-31f + 0.5f;
-  float const seconds = static_cast<float>(base >> 16) * 65536.0f + static_cast<float>(base & 0xffffu);
+  float const seconds =
+      static_cast<float>(base >> 16) * 65536.0f + static_cast<float>(base & 0xffffu);
   return static_cast<Kel::Seconds>(factor * seconds);
 }
 
 Kel::Seconds RsvpSpState::generateAndUpdateUsRefreshValue(Kel::Seconds const& maxBaseRefresh,
-                                                         bool fastStart) {
+                                                          bool fastStart) {
   Kel::Seconds next = 0;
   Kel::Seconds const result = nextRefresh("generateAndUpdateUsRefreshValue", maxBaseRefresh,
                                           fastStart, currentUsBaseRefresh(), &next);
@@ -88,7 +89,7 @@ Kel::Seconds RsvpSpState::generateAndUpdateUsRefreshValue(Kel::Seconds const& ma
 }
 
 Kel::Seconds RsvpSpState::generateAndUpdateDsRefreshValue(Kel::Seconds const& maxBaseRefresh,
-                                                         bool fastStart) {
+                                                          bool fastStart) {
   Kel::Seconds next = 0;
   Kel::Seconds const result = nextRefresh("generateAndUpdateDsRefreshValue", maxBaseRefresh,
                                           fastStart, currentDsBaseRefresh(), &next);

@@ -55,15 +55,6 @@ void sequenceToValue(Kel::TextIt& it, Kel::TextIt end, PathKey* out) {
 
 std::ostream& operator<<(std::ostream& os, PathKey const& v) { return os << v.stringValue(); }
 
-namespace {
-constexpr Kel::TypeDesc::Parts kParts = [] {
-  Kel::TypeDesc::Parts p;
-  p.kind = Kel::TypeKind::basic;
-  p.ops = &Kel::valueOpsOf<PathKey>;
-  return p;
-}();
-}  // namespace
-
-Kel::TypeDesc const typePathKey("Cspf::PathKey", nullptr, 0, kParts);
+Kel::TypeDesc const typePathKey("Cspf::PathKey", nullptr, 0, Kel::basicTypeParts<PathKey>());
 
 }  // namespace Cspf

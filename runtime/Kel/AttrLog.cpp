@@ -552,8 +552,8 @@ struct LogReader::Decoded {
   std::string_view raw;  // the record's value, in the frame's payload
   KelAttr const* attr = nullptr;
   bool del = false;
-  bool release = false;  // the writer has forgotten `ref`
-  std::string_view key;  // encoded, in the frame's payload
+  bool release = false;      // the writer has forgotten `ref`
+  std::string_view key;      // encoded, in the frame's payload
   std::string_view element;  // a queue entry's encoded element, after the key
   std::optional<GenericValue> keyValue;
   std::optional<GenericValue> value;
@@ -608,7 +608,8 @@ void forEachHeld(Entity& e, F&& f) {
       Entity* held = nullptr;
       {
         Ptr<Entity const> p;
-        if (type.attributeOp(&p, &e, &a, attrOpRead) == attrDone) held = const_cast<Entity*>(p.get());
+        if (type.attributeOp(&p, &e, &a, attrOpRead) == attrDone)
+          held = const_cast<Entity*>(p.get());
       }
       if (held) f(held);
       return;
@@ -919,7 +920,8 @@ void LogReader::decode(LogIn& in, Decoded& d, Check* check) {
     return;
   }
   TypeDesc const* type = typeOf(d.ref);
-  if (!type) throw LogException("Unknown entity " + std::to_string(d.ref) + " in the attribute log");
+  if (!type)
+    throw LogException("Unknown entity " + std::to_string(d.ref) + " in the attribute log");
   d.del = id < 0;
   U32 const logId = static_cast<U32>(d.del ? -static_cast<S64>(id) : id);
   d.attr = type->attrByLogId(logId);
@@ -934,8 +936,8 @@ void LogReader::decode(LogIn& in, Decoded& d, Check* check) {
     a.keyType->ops()->logRead(value, d.keyValue->get());
     d.key = std::string_view(reinterpret_cast<char const*>(keyAt),
                              static_cast<std::size_t>(value.position() - keyAt));
-    d.element = std::string_view(reinterpret_cast<char const*>(value.position()),
-                                 value.remaining());
+    d.element =
+        std::string_view(reinterpret_cast<char const*>(value.position()), value.remaining());
     if (!d.del) {
       if (holdsShared(a)) {
         readShared(*a.type);
@@ -971,9 +973,9 @@ void LogReader::decode(LogIn& in, Decoded& d, Check* check) {
   if (d.childRef != 0 && (!shared || d.fresh)) {
     // A new entity: its reference must be new to the stream (a snapshot
     // names the tree's entities again).
-    bool const known = d.childRef == 1 || check->announced.count(d.childRef) ||
-                       (!check->snapshot && refs_.count(d.childRef) &&
-                        !check->released.count(d.childRef));
+    bool const known =
+        d.childRef == 1 || check->announced.count(d.childRef) ||
+        (!check->snapshot && refs_.count(d.childRef) && !check->released.count(d.childRef));
     if (known) throw LogException("Entity announced twice in the attribute log");
     check->released.erase(d.childRef);
     check->announced[d.childRef] = a.type;
@@ -1006,9 +1008,9 @@ void LogReader::checkQueue(Check& check, Decoded const& d) {
     U32 const base = q.front().seq;
     U32 const at = seq - base;
     if (at <= q.back().seq - base) {
-      auto const pos = std::lower_bound(q.begin(), q.end(), at, [base](Check::Entry const& x, U32 v) {
-        return x.seq - base < v;
-      });
+      auto const pos =
+          std::lower_bound(q.begin(), q.end(), at,
+                           [base](Check::Entry const& x, U32 v) { return x.seq - base < v; });
       if (pos != q.end() && pos->seq == seq) found = static_cast<std::size_t>(pos - q.begin());
     }
   }
@@ -1016,7 +1018,9 @@ void LogReader::checkQueue(Check& check, Decoded const& d) {
     if (found < q.size()) q.erase(q.begin() + static_cast<std::ptrdiff_t>(found));
     return;
   }
-  auto refuse = [&] { throw LogException("Attribute log record for " + String(a.name) + " refused"); };
+  auto refuse = [&] {
+    throw LogException("Attribute log record for " + String(a.name) + " refused");
+  };
   if (found < q.size()) {
     Check::Entry& entry = q[found];
     bool same = false;
@@ -1140,8 +1144,7 @@ void LogReader::apply(Decoded& d) {
   if (a.shared) {
     Ptr<Entity const> const target = shared(d);
     if (!target ||
-        type.attributeOp(nullptr, e, &a, attrOpMemberWrite, d.keyValue->get(), &target) !=
-            attrDone)
+        type.attributeOp(nullptr, e, &a, attrOpMemberWrite, d.keyValue->get(), &target) != attrDone)
       refuse();
     return;
   }
@@ -1171,8 +1174,7 @@ void LogReader::applyChild(Entity& e, Decoded& d) {
   }
   Ptr<Entity const> existing;
   int const there = slot ? type.attributeOp(&existing, &e, &a, attrOpRead)
-                         : type.attributeOp(&existing, &e, &a, attrOpMemberRead,
-                                            d.keyValue->get());
+                         : type.attributeOp(&existing, &e, &a, attrOpMemberRead, d.keyValue->get());
   if (there == attrDone && existing &&
       (!snapshot_ || !sameCtorArgs(*existing, *a.type, slot, d.args))) {
     bool was = false;
@@ -1189,8 +1191,7 @@ void LogReader::applyChild(Entity& e, Decoded& d) {
   if (slot) {
     if (type.attributeOp(&child, &e, &a, attrOpCreate, packed) != attrDone || !child) refuse();
   } else {
-    if (type.attributeOp(nullptr, &e, &a, attrOpMemberWrite, d.keyValue->get(), packed) !=
-        attrDone)
+    if (type.attributeOp(nullptr, &e, &a, attrOpMemberWrite, d.keyValue->get(), packed) != attrDone)
       refuse();
     Ptr<Entity const> made;
     if (type.attributeOp(&made, &e, &a, attrOpMemberRead, d.keyValue->get()) != attrDone) refuse();
@@ -1216,7 +1217,7 @@ Ptr<Entity const> LogReader::shared(Decoded const& d) {
 // it waits among the held entities for collect().
 void LogReader::forget(Ptr<Entity> e) {
   if (!e || e.get() == replica_) return;
-  if (e->references() == 1) return;  // freed here
+  if (e->references() == 1) return;         // freed here
   if (attached(e.get(), replica_)) return;  // the replica's tree holds it
   limbo_.push_back(std::move(e));
   if (limbo_.size() >= collectAt_) {

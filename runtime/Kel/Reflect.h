@@ -92,6 +92,16 @@ inline constexpr ValueOps valueOpsOf{
     [](LogIn& in, void* out) { kelLogRead(in, static_cast<T*>(out)); },
 };
 
+// The parts of the descriptor of a value type written by hand (network
+// types, platform seams): a basic type with T's value methods.
+template <class T>
+constexpr TypeDesc::Parts basicTypeParts() {
+  TypeDesc::Parts p;
+  p.kind = TypeKind::basic;
+  p.ops = &valueOpsOf<T>;
+  return p;
+}
+
 // Descriptors of the basic types.
 extern TypeDesc const typeU8, typeU16, typeU32, typeU64, typeS8, typeS16, typeS32, typeS64;
 extern TypeDesc const typeBool, typeF32, typeF64, typeSeconds, typeString, typeName;

@@ -36,15 +36,7 @@ void sequenceToValue(Kel::TextIt& it, Kel::TextIt end, LfibViaSetKey* out) {
 
 std::ostream& operator<<(std::ostream& os, LfibViaSetKey const& v) { return os << v.stringValue(); }
 
-namespace {
-constexpr Kel::TypeDesc::Parts kParts = [] {
-  Kel::TypeDesc::Parts p;
-  p.kind = Kel::TypeKind::basic;
-  p.ops = &Kel::valueOpsOf<LfibViaSetKey>;
-  return p;
-}();
-}  // namespace
-
-Kel::TypeDesc const typeLfibViaSetKey("Mpls::LfibViaSetKey", nullptr, 0, kParts);
+Kel::TypeDesc const typeLfibViaSetKey("Mpls::LfibViaSetKey", nullptr, 0,
+                                      Kel::basicTypeParts<LfibViaSetKey>());
 
 }  // namespace Mpls

@@ -56,15 +56,7 @@ void sequenceToValue(Kel::TextIt& it, Kel::TextIt end, BwPriority* out) {
 
 std::ostream& operator<<(std::ostream& os, BwPriority const& v) { return os << v.stringValue(); }
 
-namespace {
-constexpr Kel::TypeDesc::Parts kParts = [] {
-  Kel::TypeDesc::Parts p;
-  p.kind = Kel::TypeKind::basic;
-  p.ops = &Kel::valueOpsOf<BwPriority>;
-  return p;
-}();
-}  // namespace
-
-Kel::TypeDesc const typeBwPriority("TrafficEngineering::BwPriority", nullptr, 0, kParts);
+Kel::TypeDesc const typeBwPriority("TrafficEngineering::BwPriority", nullptr, 0,
+                                   Kel::basicTypeParts<BwPriority>());
 
 }  // namespace TrafficEngineering

@@ -31,15 +31,7 @@ void sequenceToValue(Kel::TextIt& it, Kel::TextIt end, TunnelId* out) {
 
 std::ostream& operator<<(std::ostream& os, TunnelId const& v) { return os << v.stringValue(); }
 
-namespace {
-constexpr Kel::TypeDesc::Parts kParts = [] {
-  Kel::TypeDesc::Parts p;
-  p.kind = Kel::TypeKind::basic;
-  p.ops = &Kel::valueOpsOf<TunnelId>;
-  return p;
-}();
-}  // namespace
-
-Kel::TypeDesc const typeTunnelId("Tunnel::TunnelTable::TunnelId", nullptr, 0, kParts);
+Kel::TypeDesc const typeTunnelId("Tunnel::TunnelTable::TunnelId", nullptr, 0,
+                                 Kel::basicTypeParts<TunnelId>());
 
 }  // namespace Tunnel::TunnelTable

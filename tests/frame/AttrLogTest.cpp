@@ -120,7 +120,8 @@ std::vector<std::string> splitRecords(std::string const& frames) {
       auto const* at = reinterpret_cast<char const*>(records.position());
       records.skip(8);
       records.skip(records.u32());
-      out.emplace_back(at, static_cast<std::size_t>(reinterpret_cast<char const*>(records.position()) - at));
+      out.emplace_back(
+          at, static_cast<std::size_t>(reinterpret_cast<char const*>(records.position()) - at));
     }
   }
   return out;
@@ -385,8 +386,8 @@ TEST(AttrLog, RandomChangesReplicaFollows) {
           // The same frame with a bad record slipped in: refused whole.
           auto records = splitRecords(frames);
           auto const& [what, record] = bad[rng() % bad.size()];
-          records.insert(records.begin() + static_cast<std::ptrdiff_t>(rng() % (records.size() + 1)),
-                         record);
+          records.insert(
+              records.begin() + static_cast<std::ptrdiff_t>(rng() % (records.size() + 1)), record);
           Hand h;
           for (auto const& r : records) h.payload += r;
           std::string const before = Kel::browseText(*link.replica);
@@ -401,10 +402,10 @@ TEST(AttrLog, RandomChangesReplicaFollows) {
         ASSERT_TRUE(link.same()) << "round " << round << " step " << step << "\n"
                                  << Kel::browseText(*link.source) << "\n"
                                  << Kel::browseText(*link.replica);
-        ASSERT_TRUE(link.sameSize()) << "round " << round << " step " << step << ": "
-                                     << link.reader.namedEntities() << " named, "
-                                     << link.reader.heldEntities() << " held, "
-                                     << link.writer.trackedEntities() << " tracked";
+        ASSERT_TRUE(link.sameSize())
+            << "round " << round << " step " << step << ": " << link.reader.namedEntities()
+            << " named, " << link.reader.heldEntities() << " held, "
+            << link.writer.trackedEntities() << " tracked";
       }
       if (rng() % 97 == 0) {
         link.writer.flush();

@@ -411,14 +411,13 @@ TEST_P(QueueAgainstModel, NumberingAndOrder) {
 
 INSTANTIATE_TEST_SUITE_P(
     Mixes, QueueAgainstModel,
-    testing::Values(QueueCase{"mostly enq, long queue", 21, 6000, 60, 75, 85, 95, 2000},
-                    QueueCase{"balanced, often empty", 22, 20000, 40, 70, 85, 95, 500},
-                    QueueCase{"del-heavy, tail often removed", 23, 20000, 45, 50, 85, 95, 1000},
-                    QueueCase{"frequent clears", 24, 5000, 50, 65, 80, 90, 20},
-                    QueueCase{"numbers wrap, long queue", 25, 6000, 60, 75, 85, 95, 2000,
-                              0xffffff00u},
-                    QueueCase{"numbers wrap, del-heavy", 26, 20000, 45, 50, 85, 95, 1000,
-                              0xfffff000u}),
+    testing::Values(
+        QueueCase{"mostly enq, long queue", 21, 6000, 60, 75, 85, 95, 2000},
+        QueueCase{"balanced, often empty", 22, 20000, 40, 70, 85, 95, 500},
+        QueueCase{"del-heavy, tail often removed", 23, 20000, 45, 50, 85, 95, 1000},
+        QueueCase{"frequent clears", 24, 5000, 50, 65, 80, 90, 20},
+        QueueCase{"numbers wrap, long queue", 25, 6000, 60, 75, 85, 95, 2000, 0xffffff00u},
+        QueueCase{"numbers wrap, del-heavy", 26, 20000, 45, 50, 85, 95, 1000, 0xfffff000u}),
     [](testing::TestParamInfo<QueueCase> const& p) { return "Case" + std::to_string(p.index); });
 
 TEST(Queue, NumbersAfterRemovalBoundaries) {
@@ -487,7 +486,7 @@ TEST(Queue, NumbersWrapAfter4294967295) {
   struct {
     U32 seq;
     bool accepted;
-  } const at[] = {{1, false}, {0, false}, {0xffffffffu, false}, {2, true},
+  } const at[] = {{1, false},          {0, false},           {0xffffffffu, false}, {2, true},
                   {0x7ffffffdu, true}, {0x7ffffffeu, false}, {0x80000005u, false}};
   for (auto const& c : at) EXPECT_EQ(q.acceptsAt(c.seq), c.accepted) << c.seq;
   EXPECT_TRUE(q.enqAt(2, "e"));

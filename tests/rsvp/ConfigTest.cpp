@@ -38,12 +38,30 @@ TEST(Config, AttributeIdentifiersAndOrderReadThroughReflection) {
   Table const tables[] = {
       {&RsvpCliConfig::kelType,
        258,
-       {"mountPath", "refreshInterval", "refreshIntervalDefault", "refreshMethod",
-        "refreshMethodDefault", "helloInterval", "helloIntervalDefault", "helloIntervalDisabled",
-        "helloMultiplier", "helloMultiplierDefault", "authType", "authTypeDefault",
-        "authSeqWindowSize", "authSeqWindowSizeDefault", "encodedPassword", "activePasswordIndex",
-        "activePassword", "clearPassword", "staticTunnelRequestColl", "frrModeDefault", "frrMode",
-        "reversionModeDefault", "reversionMode", "enabled"}},
+       {"mountPath",
+        "refreshInterval",
+        "refreshIntervalDefault",
+        "refreshMethod",
+        "refreshMethodDefault",
+        "helloInterval",
+        "helloIntervalDefault",
+        "helloIntervalDisabled",
+        "helloMultiplier",
+        "helloMultiplierDefault",
+        "authType",
+        "authTypeDefault",
+        "authSeqWindowSize",
+        "authSeqWindowSizeDefault",
+        "encodedPassword",
+        "activePasswordIndex",
+        "activePassword",
+        "clearPassword",
+        "staticTunnelRequestColl",
+        "frrModeDefault",
+        "frrMode",
+        "reversionModeDefault",
+        "reversionMode",
+        "enabled"}},
       {&RsvpCliTunnelRequest::kelType,
        258,
        {"tunnelReqId", "srcIp", "dstIp", "hop", "ethType", "localProtectionDesired",
@@ -203,7 +221,9 @@ struct Heard : RsvpCliConfig::NotifieeConst, RsvpCliTunnelRequestColl::NotifieeC
   void onHelloMultiplier() override { names.push_back("helloMultiplier"); }
   void onAuthType() override { names.push_back("authType"); }
   void onAuthSeqWindowSize() override { names.push_back("authSeqWindowSize"); }
-  void onEncodedPassword(Kel::U32 i) override { names.push_back("encodedPassword" + std::to_string(i)); }
+  void onEncodedPassword(Kel::U32 i) override {
+    names.push_back("encodedPassword" + std::to_string(i));
+  }
   void onActivePasswordIndex() override { names.push_back("activePasswordIndex"); }
   void onStaticTunnelRequestColl() override { names.push_back("staticTunnelRequestColl"); }
   void onFrrMode() override { names.push_back("frrMode"); }
@@ -228,7 +248,9 @@ std::vector<std::pair<char const*, void (*)(RsvpCliConfig&)>> operatorChanges() 
       {"encodedPassword", [](RsvpCliConfig& c) { c.encodedPasswordIs(1, "ck1:x"); }},
       {"activePasswordIndex", [](RsvpCliConfig& c) { c.activePasswordIndexIs(2); }},
       {"staticTunnelReq",
-       [](RsvpCliConfig& c) { c.staticTunnelRequestCollIs("static")->staticTunnelReqIs({4, 1}); }},
+       [](RsvpCliConfig& c) {
+         c.staticTunnelRequestCollIs("static")->staticTunnelReqIs({4, 1});
+       }},
       {"frrMode", [](RsvpCliConfig& c) { c.frrModeIs(Cli::frrNodeProtection); }},
       {"reversionMode", [](RsvpCliConfig& c) { c.reversionModeIs(Cli::reversionLocal); }},
   };
@@ -243,10 +265,10 @@ TEST(CliConfig, ResetRestoresDefaultsInItsOrder) {
   Heard heard(cli.get());
   cli->reset();
   EXPECT_EQ(heard.names,
-            (std::vector<std::string>{"enabled", "refreshInterval", "refreshMethod", "helloInterval",
-                                      "helloMultiplier", "authType", "authSeqWindowSize",
-                                      "encodedPassword1", "encodedPassword3", "activePasswordIndex",
-                                      "staticTunnelReq4", "frrMode", "reversionMode"}));
+            (std::vector<std::string>{
+                "enabled", "refreshInterval", "refreshMethod", "helloInterval", "helloMultiplier",
+                "authType", "authSeqWindowSize", "encodedPassword1", "encodedPassword3",
+                "activePasswordIndex", "staticTunnelReq4", "frrMode", "reversionMode"}));
   EXPECT_TRUE(cli->isDefault());
   EXPECT_EQ(cli->staticTunnelRequestColl(), requests) << "the collection stays, emptied";
   heard.names.clear();
@@ -284,7 +306,8 @@ TEST_F(Passwords, DecodedOnDemandAndNeverStored) {
   cli->activePasswordIndexIs(1);
   EXPECT_EQ(cli->activePassword(), "s3cret");
   EXPECT_EQ(cli->clearPassword(1), "s3cret");
-  EXPECT_EQ(Kel::browseText(*cli).find("s3cret"), std::string::npos) << "the browser never shows it";
+  EXPECT_EQ(Kel::browseText(*cli).find("s3cret"), std::string::npos)
+      << "the browser never shows it";
   CipherkitLib::keyDel();
   EXPECT_EQ(cli->clearPassword(9), "") << "an absent index never reaches the codec";
 }
@@ -409,8 +432,9 @@ TEST(TunnelTables, LabelAboveTheBoundIsRefusedFromTheLog) {
     reader.bytesIs(bad);
     FAIL();
   } catch (Kel::LogException const& e) {
-    EXPECT_STREQ(e.what(), "Bad value in the attribute log: MplsLabel::value < MplsLabel::min or > "
-                           "MplsLabel::luWithdraw not allowed");
+    EXPECT_STREQ(e.what(),
+                 "Bad value in the attribute log: MplsLabel::value < MplsLabel::min or > "
+                 "MplsLabel::luWithdraw not allowed");
   }
   EXPECT_EQ(replica->tunnelStatus(id), status);
 }

@@ -103,7 +103,8 @@ TEST(SpOperState, OutOfRangeFallsBackToDown) {
 // The formula, written out in single precision.
 double expectedRefresh(int drawn, unsigned int base) {
   float const factor = static_cast<float>(drawn) / 2147483648.0f + 0.5f;
-  float const seconds = static_cast<float>(base >> 16) * 65536.0f + static_cast<float>(base & 0xffffu);
+  float const seconds =
+      static_cast<float>(base >> 16) * 65536.0f + static_cast<float>(base & 0xffffu);
   return static_cast<double>(factor * seconds);
 }
 
@@ -145,8 +146,9 @@ TEST(SpRefresh, FastStartDoublesTheTruncatedBase) {
         std::srand(++seed);
         int const drawn = std::rand();
         RsvpSpState::setRandomSeed(seed);
-        double const got = downstream ? state->generateAndUpdateDsRefreshValue(c.maxBase, c.fastStart)
-                                      : state->generateAndUpdateUsRefreshValue(c.maxBase, c.fastStart);
+        double const got = downstream
+                               ? state->generateAndUpdateDsRefreshValue(c.maxBase, c.fastStart)
+                               : state->generateAndUpdateUsRefreshValue(c.maxBase, c.fastStart);
         EXPECT_EQ(got, expectedRefresh(drawn, base)) << c.what << " base " << base;
       }
     }
@@ -219,9 +221,9 @@ TEST(StateBlocks, LatestMessageAndHeadEndViews) {
   EXPECT_EQ(head->srcIp(), Lumo::IpGenAddr());
   EXPECT_EQ(head->bandwidth(), 0.0f);
   EXPECT_EQ(head->dsLabel().value(), 1048576u);
-  auto config = rsvpTunnelConfigFactory(RsvpTunnelConfigId(1, 2, staticReqType),
-                                        Lumo::IpGenAddr("10.0.0.1"), Lumo::IpGenAddr("10.0.0.9"),
-                                        sp(4));
+  auto config =
+      rsvpTunnelConfigFactory(RsvpTunnelConfigId(1, 2, staticReqType), Lumo::IpGenAddr("10.0.0.1"),
+                              Lumo::IpGenAddr("10.0.0.9"), sp(4));
   config->hopIs(1, Lumo::IpGenAddr("10.0.1.1"));
   config->sessionNameIs("t1");
   head->tunnelConfigIs(config);

@@ -4,32 +4,20 @@
 
 namespace Kel {
 
-namespace {
-
-template <class T>
-constexpr TypeDesc::Parts basicParts() {
-  TypeDesc::Parts p;
-  p.kind = TypeKind::basic;
-  p.ops = &valueOpsOf<T>;
-  return p;
-}
-
-}  // namespace
-
-TypeDesc const typeU8("U8", nullptr, 0, basicParts<U8>());
-TypeDesc const typeU16("U16", nullptr, 0, basicParts<U16>());
-TypeDesc const typeU32("U32", nullptr, 0, basicParts<U32>());
-TypeDesc const typeU64("U64", nullptr, 0, basicParts<U64>());
-TypeDesc const typeS8("S8", nullptr, 0, basicParts<S8>());
-TypeDesc const typeS16("S16", nullptr, 0, basicParts<S16>());
-TypeDesc const typeS32("S32", nullptr, 0, basicParts<S32>());
-TypeDesc const typeS64("S64", nullptr, 0, basicParts<S64>());
-TypeDesc const typeBool("bool", nullptr, 0, basicParts<bool>());
-TypeDesc const typeF32("F32", nullptr, 0, basicParts<F32>());
-TypeDesc const typeF64("F64", nullptr, 0, basicParts<F64>());
-TypeDesc const typeSeconds("Kel::Seconds", nullptr, 0, basicParts<Seconds>());
-TypeDesc const typeString("Kel::String", nullptr, 0, basicParts<String>());
-TypeDesc const typeName("Kel::Name", nullptr, 0, basicParts<Name>());
+TypeDesc const typeU8("U8", nullptr, 0, basicTypeParts<U8>());
+TypeDesc const typeU16("U16", nullptr, 0, basicTypeParts<U16>());
+TypeDesc const typeU32("U32", nullptr, 0, basicTypeParts<U32>());
+TypeDesc const typeU64("U64", nullptr, 0, basicTypeParts<U64>());
+TypeDesc const typeS8("S8", nullptr, 0, basicTypeParts<S8>());
+TypeDesc const typeS16("S16", nullptr, 0, basicTypeParts<S16>());
+TypeDesc const typeS32("S32", nullptr, 0, basicTypeParts<S32>());
+TypeDesc const typeS64("S64", nullptr, 0, basicTypeParts<S64>());
+TypeDesc const typeBool("bool", nullptr, 0, basicTypeParts<bool>());
+TypeDesc const typeF32("F32", nullptr, 0, basicTypeParts<F32>());
+TypeDesc const typeF64("F64", nullptr, 0, basicTypeParts<F64>());
+TypeDesc const typeSeconds("Kel::Seconds", nullptr, 0, basicTypeParts<Seconds>());
+TypeDesc const typeString("Kel::String", nullptr, 0, basicTypeParts<String>());
+TypeDesc const typeName("Kel::Name", nullptr, 0, basicTypeParts<Name>());
 
 KelAttr const* TypeDesc::attr(std::string_view name) const noexcept {
   for (TypeDesc const* t = this; t; t = t->base_) {

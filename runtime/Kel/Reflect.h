@@ -92,8 +92,8 @@ inline constexpr ValueOps valueOpsOf{
     [](LogIn& in, void* out) { kelLogRead(in, static_cast<T*>(out)); },
 };
 
-// The parts of the descriptor of a value type written by hand (network
-// types, platform seams): a basic type with T's value methods.
+// The parts of the descriptor of a type written by hand (the basic types,
+// network types, platform seams): a basic type with T's value methods.
 template <class T>
 constexpr TypeDesc::Parts basicTypeParts() {
   TypeDesc::Parts p;

@@ -57,11 +57,26 @@ def load(root, files, imports=()):
             for type_, body in bodies:
                 if type_.kind == kind:
                     define(model, type_, body, f"{unit.path}: {type_.name}")
+    entities = [t for u in model.units for t in u.types if t.kind == "entity"]
+    for type_ in entities:
+        type_.subtypes = sorted((u for u in entities if u is not type_ and _derives(u, type_)),
+                                key=lambda u: u.name)
     for unit in model.units:
         _check_unit(unit)
         _check_log_ids(unit)
         unit.includes = _unit_includes(unit)
+        # The descriptors name their derived types, which other units may declare.
+        unit.cpp_includes = sorted({u.include for t in unit.types if t.kind == "entity"
+                                    for u in t.subtypes if u.unit is not unit})
     return model
+
+
+def _derives(type_, base):
+    while type_.base is not None:
+        type_ = type_.base
+        if type_ is base:
+            return True
+    return False
 
 
 def _fail(where, message):
@@ -350,6 +365,7 @@ def _define_entity_attrs(model, type_, body, where):
         attr.owner = type_
         _define_entity_attr(model, type_, attr, raw, awhere)
         type_.attrs.append(attr)
+    _bind_queue_metadata(type_, where)
     if "baseArgs" in body:
         if type_.base is None:
             _fail(where, "'baseArgs' without a base")
@@ -366,6 +382,20 @@ def _define_entity_attrs(model, type_, body, where):
         if len(given) != len(wanted):
             _fail(where, f"the base takes {len(wanted)} constructor arguments, not {len(given)}")
         type_.base_fixed = {a.name: _literal(a, v, where) for a, v in zip(wanted, given)}
+
+
+def _bind_queue_metadata(type_, where):
+    """A derived `<queue>Metadata` of type Kel::QueueMetadata is the record
+    that the queue's generated getter answers; it needs no hand-written code."""
+    queues = {a.name: a for a in type_.attrs if a.kind == "queue"}
+    for attr in type_.attrs:
+        if attr.kind != "derived" or attr.type.name != "Kel::QueueMetadata":
+            continue
+        queue = queues.get(attr.name[:-len("Metadata")]) if attr.name.endswith("Metadata") else None
+        if queue is None or attr.param or attr.secret:
+            _fail(f"{where}.{attr.name}",
+                  "a derived Kel::QueueMetadata is named <queue>Metadata after a queue of this entity")
+        attr.metadata_of = queue
 
 
 def _define_entity_attr(model, type_, attr, raw, where):
@@ -489,7 +519,7 @@ def _unit_includes(unit):
             elif kind == "ordered-map":
                 includes.add("Kel/OrderedMap.h")
             elif kind == "queue":
-                includes.add("Kel/Queue.h")
+                includes.update(("Kel/Queue.h", "Kel/QueueMetadata.h"))
     includes.update(unit.extra_includes)
     includes.discard(f"Rsvp/{unit.name}.h")
     return sorted(includes)

@@ -86,6 +86,12 @@ def _builtin_types():
     out.append(Type("Kel::Seconds", "Kel::Seconds", "Kel", "float", bits=64))
     out.append(Type("Kel::String", "Kel::String", "Kel", "string"))
     out.append(Type("Kel::Name", "Kel::Name", "Kel", "string"))
+    # A queue's bookkeeping record (head, next, count), which every queue
+    # answers; declared as a derived attribute it is also reflected.
+    out.append(Type("Kel::QueueMetadata", "Kel::QueueMetadata", "Kel", "lumo",
+                    include="Kel/QueueMetadata.h"))
+    # Bytes a value points at without owning them (a digest in a message).
+    out.append(Type("Kel::BytePtr", "Kel::BytePtr", "Kel", "lumo", include="Kel/BytePtr.h"))
     for name in ("Ip6Addr", "IpGenAddr", "IpGenPrefix", "MplsLabel", "EthType", "IntfId", "NetU8"):
         out.append(Type(f"Lumo::{name}", f"Lumo::{name}", "Lumo", "lumo",
                         include=f"Lumo/{name}.h"))
@@ -317,6 +323,7 @@ class EntityAttr:
         self.key_from = None  # the element's attribute that gives its key
         self.param = None     # the parameter of a derived attribute, as C++
         self.secret = False   # a derived attribute that reflection must not read
+        self.metadata_of = None  # the queue whose record this derived attribute answers
 
     def log_id_or(self, index):
         """The attribute-log identifier: declared, else the index; 0 when the
@@ -468,6 +475,7 @@ class EntityType(Type):
         self.attrs = []       # own attributes, declaration order
         self.methods = []
         self.members = []     # hand-written private data members
+        self.subtypes = []    # entity types deriving from this one, directly or not
 
     @property
     def depth(self):

@@ -250,8 +250,17 @@ Entity* LogWriter::writeShared(LogOut& out, Tracked& holder, std::pair<U32, Stri
     holder.children[where] = {e, true};
   }
   out.u32(t.ref);
-  out.u8(fresh ? 1 : 0);
-  if (fresh) writeCtorArgs(out, declared, *e, true);
+  TypeDesc const& actual = e->fwkType();
+  if (!fresh) {
+    out.u8(0);
+  } else if (&actual == &declared) {
+    out.u8(1);
+  } else {
+    // A type derived from the declared one names itself.
+    out.u8(2);
+    kelLogWrite(out, String(actual.name()));
+  }
+  if (fresh) writeCtorArgs(out, actual, *e, true);
   return fresh ? e : nullptr;
 }
 
@@ -403,6 +412,24 @@ void LogWriter::writeMember(LogOut& out, Tracked& t, KelAttr const& attr, String
   ++records_;
 }
 
+// The number the queue's next enqueue starts from, after its entries: a
+// replica that saw the entries only (a snapshot, or changes that cancelled
+// out within one frame) would not know it. A new, never used queue says
+// nothing unless asked to.
+void LogWriter::writeQueueNext(LogOut& out, Tracked& t, KelAttr const& attr, bool evenIfZero) {
+  Entity& e = *t.entity;
+  U32 next = 0;
+  std::size_t size = 0;
+  if (e.fwkType().attributeOp(&next, &e, &attr, attrOpNextSeq) != attrDone) return;
+  e.fwkType().attributeOp(&size, &e, &attr, attrOpSize);
+  if (!evenIfZero && next == 0 && size == 0) return;
+  std::size_t const at = openRecord(out, t.ref, -static_cast<S32>(attr.logId));
+  out.u32(next);
+  out.u8(1);
+  closeRecord(out, at);
+  ++records_;
+}
+
 void LogWriter::writeEntity(LogOut& out, Tracked& t) {
   TypeDesc const& type = t.entity->fwkType();
   type.forEachAttr([&](KelAttr const& attr) {
@@ -418,6 +445,7 @@ void LogWriter::writeEntity(LogOut& out, Tracked& t) {
       std::vector<String> keys;
       for (; !it->done(); it->next()) keys.push_back(encode(*attr.keyType, it->key()));
       for (String const& key : keys) writeMember(out, t, attr, key);
+      if (attr.kind == AttrKind::queue) writeQueueNext(out, t, attr, false);
       return;
     }
     // Values: straight from the walk, without looking each member up again.
@@ -430,6 +458,7 @@ void LogWriter::writeEntity(LogOut& out, Tracked& t) {
       closeRecord(out, at);
       ++records_;
     }
+    if (attr.kind == AttrKind::queue) writeQueueNext(out, t, attr, false);
   });
 }
 
@@ -499,11 +528,13 @@ void LogWriter::flush() {
       for (U32 id : attrs) {
         int const written =
             t.adapter ? t.adapter->handleAttrFlowOut(static_cast<S32>(id), out, t.ref) : -1;
+        KelAttr const& attr = *type.attrByLogId(id);
         if (written >= 0) {
           records_ += static_cast<U64>(written);
         } else {
-          writeAttr(out, t, *type.attrByLogId(id));
+          writeAttr(out, t, attr);
         }
+        if (attr.kind == AttrKind::queue) writeQueueNext(out, t, attr, true);
       }
       for (auto const& [id, members] : keys) {
         KelAttr const& attr = *type.attrByLogId(id);
@@ -511,6 +542,7 @@ void LogWriter::flush() {
           if (t.dead) break;
           writeMember(out, t, attr, key);
         }
+        if (attr.kind == AttrKind::queue && !t.dead) writeQueueNext(out, t, attr, true);
       }
     }
     dirty_.clear();
@@ -559,6 +591,8 @@ struct LogReader::Decoded {
   std::optional<GenericValue> value;
   U32 childRef = 0;
   bool fresh = false;                               // a shared entity announced by this record
+  TypeDesc const* freshType = nullptr;              // and its type
+  bool queueNext = false;                           // the key is a queue's next number
   std::vector<std::unique_ptr<GenericValue>> args;  // constructor arguments of a new entity
 
   [[nodiscard]] std::vector<void const*> argPointers() const {
@@ -887,12 +921,22 @@ void LogReader::decode(LogIn& in, Decoded& d, Check* check) {
   auto readShared = [&](TypeDesc const& declared) {
     d.childRef = value.u32();
     U8 const fresh = value.u8();
-    if (fresh > 1 || (fresh && d.childRef == 0))
+    if (fresh > 2 || (fresh && d.childRef == 0))
       throw LogException("Bad reference in the attribute log");
-    d.fresh = fresh == 1;
+    d.fresh = fresh != 0;
     if (d.fresh) {
-      if (!declared.createWithArgs()) throw LogException("Bad reference in the attribute log");
-      readArgs(declared, true);
+      d.freshType = &declared;
+      if (fresh == 2) {
+        String name;
+        kelLogRead(value, &name);
+        d.freshType = declared.selfOrDerived(name);
+        if (!d.freshType) {
+          throw LogException("Unknown type " + excerpt(name) + " for " + String(declared.name()) +
+                             " in the attribute log");
+        }
+      }
+      if (!d.freshType->createWithArgs()) throw LogException("Bad reference in the attribute log");
+      readArgs(*d.freshType, true);
     } else if (check && d.childRef != 0) {
       TypeDesc const* target = typeOf(d.childRef);
       if (!target || !target->isA(declared))
@@ -938,6 +982,11 @@ void LogReader::decode(LogIn& in, Decoded& d, Check* check) {
                              static_cast<std::size_t>(value.position() - keyAt));
     d.element =
         std::string_view(reinterpret_cast<char const*>(value.position()), value.remaining());
+    if (d.del && a.kind == AttrKind::queue && !value.atEnd()) {
+      // A deletion's form with a trailing 1: the queue's next number.
+      if (value.u8() != 1) throw LogException("Bad record length in the attribute log");
+      d.queueNext = true;
+    }
     if (!d.del) {
       if (holdsShared(a)) {
         readShared(*a.type);
@@ -978,7 +1027,7 @@ void LogReader::decode(LogIn& in, Decoded& d, Check* check) {
         (!check->snapshot && refs_.count(d.childRef) && !check->released.count(d.childRef));
     if (known) throw LogException("Entity announced twice in the attribute log");
     check->released.erase(d.childRef);
-    check->announced[d.childRef] = a.type;
+    check->announced[d.childRef] = d.freshType ? d.freshType : a.type;
   }
 }
 
@@ -1014,13 +1063,23 @@ void LogReader::checkQueue(Check& check, Decoded const& d) {
       if (pos != q.end() && pos->seq == seq) found = static_cast<std::size_t>(pos - q.begin());
     }
   }
+  auto refuse = [&] {
+    throw LogException("Attribute log record for " + String(a.name) + " refused");
+  };
+  if (d.queueNext) {
+    // As Queue::nextSeqRestore: any number for an empty queue, else the
+    // tail's or one after it within 2^31 of the head's.
+    if (!q.empty() && seq != q.back().seq &&
+        !(seq - q.front().seq > q.back().seq - q.front().seq &&
+          seq - q.front().seq < 0x80000000u)) {
+      refuse();
+    }
+    return;
+  }
   if (d.del) {
     if (found < q.size()) q.erase(q.begin() + static_cast<std::ptrdiff_t>(found));
     return;
   }
-  auto refuse = [&] {
-    throw LogException("Attribute log record for " + String(a.name) + " refused");
-  };
   if (found < q.size()) {
     Check::Entry& entry = q[found];
     bool same = false;
@@ -1107,6 +1166,11 @@ void LogReader::apply(Decoded& d) {
     }
     case AttrKind::queue: {
       bool was = false;
+      if (d.queueNext) {
+        if (type.attributeOp(nullptr, e, &a, attrOpNextSeqIs, d.keyValue->get()) != attrDone)
+          refuse();
+        return;
+      }
       if (d.del) {
         type.attributeOp(&was, e, &a, attrOpMemberDel, d.keyValue->get());
         return;
@@ -1205,7 +1269,7 @@ Ptr<Entity const> LogReader::shared(Decoded const& d) {
   if (d.childRef == 0) return nullptr;
   if (d.fresh) {
     std::vector<void const*> const args = d.argPointers();
-    Ptr<Entity> made = d.attr->type->createWithArgs()(args.empty() ? nullptr : args.data());
+    Ptr<Entity> made = d.freshType->createWithArgs()(args.empty() ? nullptr : args.data());
     refs_[d.childRef] = made;
     return made;
   }

@@ -147,6 +147,7 @@ class LogWriter {
   void writeEntity(LogOut& out, Tracked& t);
   void writeAttr(LogOut& out, Tracked& t, KelAttr const& attr);
   void writeMember(LogOut& out, Tracked& t, KelAttr const& attr, String const& key);
+  void writeQueueNext(LogOut& out, Tracked& t, KelAttr const& attr, bool evenIfZero);
   void writeDeferredRefs(LogOut& out);
   void queue(Tracked& t);
   void drop(std::pair<Entity*, bool> const& held);

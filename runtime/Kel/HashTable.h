@@ -41,10 +41,18 @@ struct KeyTraits<U32> {
     return h.finish();
   }
 };
+template <>
+struct KeyTraits<U64> {
+  static U32 hash(U64 k) noexcept {
+    OneAtATime h;
+    h.addU64(k);
+    return h.finish();
+  }
+};
 
 // An enumeration hashes as its number.
 template <class K>
-  requires std::is_enum_v<K>
+requires std::is_enum_v<K>
 struct KeyTraits<K> {
   static U32 hash(K k) noexcept { return KeyTraits<U32>::hash(static_cast<U32>(k)); }
 };

@@ -170,6 +170,16 @@ class Queue {
     return true;
   }
 
+  // Restores the stored next number of a queue that a replica follows:
+  // accepted (true) when the queue is empty, or when `seq` is the tail's
+  // number or comes after it within 2^31 of the head's, the only numbers the
+  // operations above leave there.
+  bool nextSeqRestore(U32 seq) noexcept {
+    if (head_ && seq != tail_->seq && !acceptsAt(seq)) return false;
+    nextSeq_ = seq;
+    return true;
+  }
+
   // Drops every entry without counting removals or touching the numbering.
   void clear() noexcept {
     for (Node* n = head_; n;) {

@@ -97,9 +97,12 @@ enum AttrOp : U32 {
   attrOpEnq = 12,         // queue: *(U32*)result = sequence number of *arg1, appended
   attrOpDeq = 13,         // queue: *result = the oldest element, removed (status 1 when empty)
   attrOpCheck = 14,       // raises what a write of *arg1 would raise; changes nothing
-  attrOpEnqAt = 15,   // queue: appends *arg2 under number *arg1 (status 1 unless above the tail)
-  attrOpCreate = 16,  // child slot: *(Ptr<Entity>*)result = the child, made if absent
-                      // (status 1 when it needs constructor arguments)
+  attrOpEnqAt = 15,      // queue: appends *arg2 under number *arg1 (status 1 unless above the tail)
+  attrOpCreate = 16,     // child slot: *(Ptr<Entity>*)result = the child, made if absent
+                         // (status 1 when it needs constructor arguments)
+  attrOpNextSeq = 17,    // queue: *(U32*)result = the number the next enqueue starts from
+  attrOpNextSeqIs = 18,  // queue: that number becomes *arg1 (status 1 unless the queue is
+                         // empty or *arg1 is the tail's number or after it)
 };
 
 // Whether operation `op` changes the object; a frozen entity refuses it
@@ -107,7 +110,7 @@ enum AttrOp : U32 {
 [[nodiscard]] constexpr bool attrOpChanges(U32 op) noexcept {
   constexpr U32 changing = 1u << attrOpWrite | 1u << attrOpMemberWrite | 1u << attrOpMemberDel |
                            1u << attrOpDelAll | 1u << attrOpEnq | 1u << attrOpDeq |
-                           1u << attrOpEnqAt | 1u << attrOpCreate;
+                           1u << attrOpEnqAt | 1u << attrOpCreate | 1u << attrOpNextSeqIs;
   return op < 32 && (changing >> op & 1u) != 0;
 }
 
@@ -195,6 +198,10 @@ class TypeDesc {
     LogDeserializeFn logDeserialize = nullptr;        // entities
     LogTransactionFn logTransaction = nullptr;        // entities
     EnumDesc const* enumDesc = nullptr;               // enumerations
+    // Entities: the entity types of the model that derive from this one,
+    // directly or not, so that the attribute-log reader can make the type a
+    // shared entity really has where a base type is declared.
+    std::span<TypeDesc const* const> derived = {};
   };
 
   // `depth` is the base's depth plus one (0 without a base); it is given, not
@@ -233,6 +240,15 @@ class TypeDesc {
   }
   [[nodiscard]] constexpr LogTransactionFn logTransaction() const noexcept {
     return parts_.logTransaction;
+  }
+
+  // This type if it has `qualifiedName`, else the derived type that has it, or null.
+  [[nodiscard]] TypeDesc const* selfOrDerived(std::string_view qualifiedName) const noexcept {
+    if (name_ == qualifiedName) return this;
+    for (TypeDesc const* t : parts_.derived) {
+      if (t->name() == qualifiedName) return t;
+    }
+    return nullptr;
   }
 
   // Whether this type is `other` or derives from it.

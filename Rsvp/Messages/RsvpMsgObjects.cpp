@@ -5,6 +5,8 @@
 
 #include <Kel/Assert.h>
 
+#include <cstring>
+
 namespace Rsvp {
 
 Lumo::EthType RsvpLabelRequestObj::l3pid() const {
@@ -91,6 +93,37 @@ bool RsvpRecordRouteObj::recordRouteObjEqual(Kel::Ptr<RsvpRecordRouteObj const> 
 
 bool rsvpExplicitRouteHopsEqual(RsvpExplicitRouteObj const& a, RsvpExplicitRouteObj const& b) {
   return a.hopSize() == b.hopSize() && sameMembers(a.hopIter(), b.hopIter());
+}
+
+// ---- The integrity key identifier. The words hold the bytes as they stand
+// on the wire, so a word's host value is its network-order value.
+
+namespace {
+
+Kel::U16 netToHost16(Kel::U16 w) noexcept {
+  Kel::U8 b[2];
+  std::memcpy(b, &w, 2);
+  return static_cast<Kel::U16>((b[0] << 8) | b[1]);
+}
+
+Kel::U16 hostToNet16(Kel::U16 v) noexcept {
+  Kel::U8 const b[2] = {static_cast<Kel::U8>(v >> 8), static_cast<Kel::U8>(v)};
+  Kel::U16 w;
+  std::memcpy(&w, b, 2);
+  return w;
+}
+
+}  // namespace
+
+Kel::U64 RsvpIntegrityKeyId::value() const noexcept {
+  return (Kel::U64{netToHost16(w0_)} << 32) | (Kel::U64{netToHost16(w1_)} << 16) | netToHost16(w2_);
+}
+
+void RsvpIntegrityKeyId::handleInitialized(Kel::U64 const& val) {
+  KEL_ASSERT((val >> 48) == 0 && "Rsvp key ID must be 48 bits long");
+  w0Is(hostToNet16(static_cast<Kel::U16>(val >> 32)));
+  w1Is(hostToNet16(static_cast<Kel::U16>(val >> 16)));
+  w2Is(hostToNet16(static_cast<Kel::U16>(val)));
 }
 
 }  // namespace Rsvp

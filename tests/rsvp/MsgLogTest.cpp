@@ -92,4 +92,57 @@ TEST(MsgLog, EveryEntityTypeInitialState) {
   EXPECT_GE(types, 15);
 }
 
+// A neighbor reaches the replica with everything but its receive security
+// associations, which stay out of its log; an association logged on its own
+// brings its queue's record along.
+TEST(MsgLog, NeighborWithoutItsSecurityAssociations) {
+  auto const source = rsvpNeighborStateCollFactory("neighbors");
+  Mirror<RsvpNeighborStateColl> m(source, rsvpNeighborStateCollFactory("neighbors"));
+  auto const shared = source->sharedStateIs();
+  shared->txSeqNoInc(41);
+  auto const n = source->neighborStateIs(RsvpNeighborId(IpGenAddr("10.0.0.2")));
+  n->sharedStateIs(shared);
+  n->txEpochIs(3);
+  n->txMsgIdInc(9);
+  n->authKeyIs(1, "secret");
+  n->nackTxDesiredIs(RsvpRefreshId(3, 9), IpGenAddr("10.0.0.9"));
+  n->txRefreshIdToMsgMapIs(RsvpRefreshId(3, 9), rsvpPathMsgFactory());
+  n->nodeProtectedDownstreamForIs(IpGenAddr("10.0.0.7"))->protectedSpIs(RsvpSpId());
+  n->spIdForLfibTunnelIdIs(Tunnel::TunnelTable::TunnelId(4))->spIdIs(RsvpSpId());
+  n->bypassInfoNodeIs(IpGenAddr("10.0.0.7"), RsvpBypassInfo());
+  n->errorStateIs();
+  RsvpIntegrityKeyId keyId;
+  keyId.handleInitialized(77);
+  auto const sa =
+      n->rxSecAssocIs(RsvpSecAssociationKey(IpGenAddr("10.0.0.2"), IpGenAddr("10.0.0.1"), keyId));
+  sa->acceptRxSeqNo(10, 4);
+  m.sync();
+  auto const copy = m.replica->neighborState(n->neighborId());
+  ASSERT_TRUE(copy);
+  EXPECT_EQ(copy->rxSecAssocSize(), 0u);
+  EXPECT_EQ(copy->sharedState(), m.replica->sharedState());
+  EXPECT_EQ(m.replica->sharedState()->txSeqNo(), 41u);
+  n->rxSecAssocDelAll();
+  m.sync();
+  EXPECT_TRUE(m.same()) << Kel::browseText(*m.replica);
+
+  Mirror<RsvpSecAssociation> a(sa, rsvpSecAssociationFactory(sa->key()));
+  for (Kel::U64 seq : {12, 11, 30, 29, 31, 60}) sa->acceptRxSeqNo(seq, 4);
+  a.sync();
+  EXPECT_TRUE(a.same()) << Kel::browseText(*a.replica);
+  EXPECT_EQ(a.replica->rxQueuedSeqNoMetadata(), sa->rxQueuedSeqNoMetadata());
+  while (sa->rxQueuedSeqNoSize() > 0) sa->rxQueuedSeqNoDeq();
+  a.sync();
+  EXPECT_EQ(a.replica->rxQueuedSeqNoMetadata(), sa->rxQueuedSeqNoMetadata());
+  sa->rxQueuedSeqNoEnq(1);
+  sa->rxQueuedSeqNoEnq(2);
+  sa->rxQueuedSeqNoDeq();
+  sa->rxQueuedSeqNoDeq();
+  a.sync();
+  EXPECT_EQ(a.replica->rxQueuedSeqNoMetadata(), sa->rxQueuedSeqNoMetadata()) << "within a frame";
+  Mirror<RsvpSecAssociation> late(sa, rsvpSecAssociationFactory(sa->key()));
+  EXPECT_EQ(late.replica->rxQueuedSeqNoMetadata(), sa->rxQueuedSeqNoMetadata())
+      << "from a snapshot";
+}
+
 }  // namespace

@@ -119,12 +119,26 @@ RsvpSeqNoVerdict RsvpSecAssociation::acceptRxSeqNo(Kel::U64 seqNo, Kel::U32 wind
   }
   if (seqNo - min >= w) {
     // A number past the window's top slides the window up to end at it, and
-    // forgets what falls below.
+    // forgets what falls below: probing the numbers passed over when they
+    // are few (in-order traffic passes over one, found at the queue's head),
+    // else walking the queue once.
     Kel::U64 const newMin = seqNo - (w - 1);
     rxSeqNoMinIs(newMin);
     std::vector<Kel::U32> stale;
-    for (auto it = rxQueuedSeqNoIter(); !it.done(); ++it) {
-      if (it.value() < newMin) stale.push_back(it.key());
+    if (newMin - min <= rxSeqNoSize()) {
+      for (Kel::U64 v = min; v != newMin; ++v) {
+        if (!rxSeqNo(v)) continue;
+        for (auto it = rxQueuedSeqNoIter(); !it.done(); ++it) {
+          if (it.value() == v) {
+            stale.push_back(it.key());
+            break;
+          }
+        }
+      }
+    } else {
+      for (auto it = rxQueuedSeqNoIter(); !it.done(); ++it) {
+        if (it.value() < newMin) stale.push_back(it.key());
+      }
     }
     for (Kel::U32 position : stale) {
       rxSeqNoDel(rxQueuedSeqNo(position));

@@ -11,7 +11,7 @@ from .types import (ALIASES, ATTR_KINDS, Attr, Bound, Enum, Enumerator, EntityAt
                     Model, Unit, ValueType, View)
 
 IDENT = re.compile(r"^[A-Za-z_][A-Za-z0-9_]*$")
-TRAITS = {"hash", "less"}
+TRAITS = {"hash", "hash-custom", "less"}
 
 UNIT_KEYS = {"unit", "doc", "types", "includes"}
 ENUM_KEYS = {"enum", "doc", "values"}
@@ -186,7 +186,9 @@ def _define_value(model, type_, body, where):
         if trait not in TRAITS:
             _fail(where, f"unknown trait '{trait}' (known: {', '.join(sorted(TRAITS))})")
     type_.traits = set(traits)
-    type_.has_hash = "hash" in type_.traits
+    # hash-custom: hash() is declared here and written by hand in the unit's .cpp.
+    type_.custom_hash = "hash-custom" in type_.traits
+    type_.has_hash = "hash" in type_.traits or type_.custom_hash
     type_.has_less = "less" in type_.traits
     type_.methods = list(body.get("methods", []) or [])
     # Constants first, so that a default or a bound may name one declared later.

@@ -242,6 +242,7 @@ class ValueType(Type):
         self.strep = "repr"
         self.traits = set()    # hash, less
         self.has_hash = False
+        self.custom_hash = False  # hash() written by hand
         self.has_less = False
         self.methods = []      # declarations of hand-written members
 

@@ -1,0 +1,145 @@
+// Message pipes (the hand-over, the full-slot fault, fresh pipes after a
+// delete), the neighbor interface map's count and the subscriber dispatch.
+#include <Rsvp/Rsvp.h>
+
+#include <gtest/gtest.h>
+
+namespace {
+
+using namespace Rsvp;
+using Lumo::IpGenAddr;
+
+RsvpNeighborId neighborId(char const* ip) { return RsvpNeighborId(IpGenAddr(ip)); }
+
+RsvpSpId spId(Kel::U16 tunnel, Kel::U32 lsp) {
+  return RsvpSpId(RsvpSessionId(IpGenAddr("10.0.0.9"), RsvpTunnelId(tunnel), IpGenAddr("10.0.0.1")),
+                  RsvpPathId(lsp));
+}
+
+// The consumer's reactor: takes the message out when the counter moves.
+struct Consumer : RsvpMsgPipe::NotifieeConst {
+  RsvpMsgPipe* pipe;
+  std::vector<Kel::Ptr<RsvpMsg const>> taken;
+  int calls = 0;
+  explicit Consumer(RsvpMsgPipe* p) : NotifieeConst(p), pipe(p) {}
+  void onReadableCount() override {
+    ++calls;
+    taken.push_back(pipe->rxMsg());
+  }
+};
+
+TEST(MsgPipe, HandOver) {
+  auto const coll = rsvpSpTxMsgPipeCollFactory("tx");
+  auto const pipe = coll->msgPipeIs(neighborId("10.0.0.2"));
+  EXPECT_EQ(pipe->readableCount(), 0u);
+  EXPECT_FALSE(pipe->rxMsg());
+  Consumer consumer(pipe.get());
+  Kel::Ptr<RsvpMsg const> const path = rsvpPathMsgFactory();
+  Kel::Ptr<RsvpMsg const> const resv = rsvpResvMsgFactory();
+  pipe->txMsgIs(path);
+  pipe->txMsgIs(resv);  // the reactor emptied the slot
+  ASSERT_EQ(consumer.taken.size(), 2u);
+  EXPECT_EQ(consumer.taken[0], path);
+  EXPECT_EQ(consumer.taken[1], resv);
+  EXPECT_EQ(pipe->readableCount(), 2u);
+  EXPECT_FALSE(pipe->rxMsg()) << "taken once";
+  EXPECT_EQ(pipe->readableCount(), 2u) << "reading does not count";
+  pipe->readableCountInc(0);
+  pipe->readableCountIs(2);
+  EXPECT_EQ(consumer.calls, 2) << "no change, no notification";
+  pipe->readableCountIs(4294967295u);
+  consumer.notifierIs(nullptr);
+  pipe->readableCountInc(1);
+  EXPECT_EQ(pipe->readableCount(), 0u);
+}
+
+TEST(MsgPipeDeathTest, WriteIntoAFullSlot) {
+  auto const pipe = rsvpMsgPipeFactory("p");
+  pipe->txMsgIs(rsvpPathMsgFactory());
+  EXPECT_DEATH(pipe->txMsgIs(rsvpPathMsgFactory()), "msgHolder_ == __null");
+}
+
+// Every keyed collection: a pipe deleted and inserted again is a new pipe
+// with its counter at 0; the single neighbor transmit pipe likewise.
+TEST(MsgPipe, ReinsertedPipeStartsAfresh) {
+  auto check = [](auto coll, auto key) {
+    auto const first = coll->msgPipeIs(key);
+    first->txMsgIs(rsvpHelloMsgFactory());
+    EXPECT_EQ(coll->msgPipeIs(key), first) << "insertion answers the existing pipe";
+    coll->msgPipeDel(key);
+    auto const second = coll->msgPipeIs(key);
+    EXPECT_NE(second, first);
+    EXPECT_EQ(second->readableCount(), 0u);
+    EXPECT_FALSE(second->msgHolder());
+    EXPECT_EQ(first->readableCount(), 1u) << "the old pipe is left as it was";
+  };
+  check(rsvpNeighborRxMsgPipeCollFactory("a"), neighborId("10.0.0.2"));
+  check(rsvpNeighborHelloRxMsgPipeCollFactory("b"), neighborId("10.0.0.2"));
+  check(rsvpNeighborChallengeRxMsgPipeCollFactory("c"), neighborId("10.0.0.2"));
+  check(rsvpSpRxMsgPipeCollFactory("d"), spId(1, 2));
+  check(rsvpSpTxMsgPipeCollFactory("e"), neighborId("10.0.0.2"));
+  auto const single = rsvpNeighborTxMsgPipeCollFactory("f");
+  single->msgPipeIs("tx")->txMsgIs(rsvpHelloMsgFactory());
+  single->msgPipeDel();
+  EXPECT_EQ(single->msgPipeIs("tx")->readableCount(), 0u);
+}
+
+TEST(NeighborIntfMap, CountsDistinctInterfaces) {
+  auto const map = rsvpNeighborIntfMapFactory("nim");
+  EXPECT_EQ(map->intfCount(), 0u);
+  map->intfAndAddrIs(IpGenAddr("10.0.0.2"),
+                     RsvpIntfAndAddr(Lumo::IntfId("eth0"), IpGenAddr("10.0.0.1"), true));
+  map->intfAndAddrIs(IpGenAddr("10.0.0.3"),
+                     RsvpIntfAndAddr(Lumo::IntfId("eth0"), IpGenAddr("10.0.0.1"), false));
+  map->intfAndAddrIs(IpGenAddr("10.1.0.2"),
+                     RsvpIntfAndAddr(Lumo::IntfId("eth1"), IpGenAddr("10.1.0.1"), true));
+  EXPECT_EQ(map->intfCount(), 2u);
+  map->intfAndAddrDel(IpGenAddr("10.1.0.2"));
+  EXPECT_EQ(map->intfCount(), 1u);
+  // Ordering: interface, then address, then false before true.
+  RsvpIntfAndAddr const a(Lumo::IntfId("eth0"), IpGenAddr("10.0.0.1"), false);
+  EXPECT_TRUE(a < RsvpIntfAndAddr(Lumo::IntfId("eth0"), IpGenAddr("10.0.0.1"), true));
+  EXPECT_TRUE(a < RsvpIntfAndAddr(Lumo::IntfId("eth1"), IpGenAddr("9.0.0.0"), false));
+}
+
+TEST(SpDispatch, KeysDifferByMachineAndCountsNotifyOnChange) {
+  RsvpSpSubscriberKey const ero(spId(1, 2), spEroSm);
+  RsvpSpSubscriberKey const bw(spId(1, 2), spBwMgmtSm);
+  EXPECT_FALSE(ero == bw);
+  EXPECT_TRUE(ero < bw);
+  Kel::OneAtATime h;
+  h.addU32(ero.spId().sessionId().hash());
+  h.addU32(ero.spId().pathId().hash());
+  h.addU32(spEroSm);
+  EXPECT_EQ(ero.hash(), h.finish()) << "the state path's parts, then the machine";
+  auto const subscribers = rsvpSpIpSubscriberCollFactory("subs");
+  subscribers->subscriberIs(ero)->ipAddrIs(IpGenAddr("10.0.0.2"));
+  subscribers->subscriberIs(bw);
+  EXPECT_EQ(subscribers->subscriberSize(), 2u);
+  EXPECT_TRUE(subscribers->subscriber(ero)->ipAddr(IpGenAddr("10.0.0.2")));
+  EXPECT_FALSE(subscribers->subscriber(bw)->ipAddr(IpGenAddr("10.0.0.2")));
+
+  auto const notify = rsvpSpIpNotifyCollFactory("notify")->notifyIs(ero);
+  struct Count : RsvpSpIpNotify::NotifieeConst {
+    int calls = 0;
+    using NotifieeConst::NotifieeConst;
+    void onNotifyCount() override { ++calls; }
+  } count(notify.get());
+  notify->notifyCountInc(0);
+  EXPECT_EQ(count.calls, 0);
+  notify->notifyCountInc(3);
+  notify->notifyCountInc(4294967295u);
+  EXPECT_EQ(notify->notifyCount(), 2u);
+  EXPECT_EQ(count.calls, 2);
+}
+
+TEST(IndexActiveDs, RowsAreSetsOfStatePathsByAddress) {
+  auto const index = rsvpIndexActiveDsToSpFactory("ads");
+  auto const row = index->spIdSetIs(IpGenAddr("10.0.0.2"));
+  EXPECT_EQ(row->dsAddr(), IpGenAddr("10.0.0.2"));
+  row->spIdIs(spId(1, 2));
+  EXPECT_EQ(index->spIdSetIs(IpGenAddr("10.0.0.2")), row);
+  EXPECT_TRUE(index->spIdSet(IpGenAddr("10.0.0.2"))->spId(spId(1, 2)));
+}
+
+}  // namespace

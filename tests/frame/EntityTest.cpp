@@ -6,6 +6,7 @@
 
 #include <gtest/gtest.h>
 
+#include "../TestSupport.h"
 #include "SampleIds.h"
 
 #include <functional>
@@ -20,6 +21,7 @@ using Sample::Leaf;
 using Sample::Root;
 
 using SampleIds::spId;
+using TestSupport::errorOf;
 
 // Records every callback as "attribute" or "attribute(key)".
 class Recorder : public Root::NotifieeConst {
@@ -163,27 +165,16 @@ TEST(FindOrCreate, ReinstantiationWithOtherArgumentsIsRefused) {
   auto root = Sample::rootFactory("root");
   Kel::Ptr<Sample::Path> const p = root->pathIs(spId(3), true);
   EXPECT_EQ(root->pathIs(spId(3), true), p);
-  try {
-    root->pathIs(spId(3), false);
-    FAIL();
-  } catch (Kel::ReinstantiationException const& e) {
-    EXPECT_EQ(
-        std::string(e.what()),
-        "Reinstantiating the entity with fullName root/" + spId(3).stringValue() +
-            " where constructor parameter attribute 'isBypass' has a different value of false");
-  }
+  EXPECT_EQ(errorOf<Kel::ReinstantiationException>([&] { root->pathIs(spId(3), false); }),
+            "Reinstantiating the entity with fullName root/" + spId(3).stringValue() +
+                " where constructor parameter attribute 'isBypass' has a different value of false");
   EXPECT_TRUE(root->path(spId(3))->isBypass());
 }
 
 TEST(Errors, NullPointerMutatorText) {
   auto root = Sample::rootFactory("root");
-  try {
-    root->eventsEnq(nullptr);
-    FAIL();
-  } catch (Kel::NullPointerException const& e) {
-    EXPECT_STREQ(e.what(),
-                 "null _events parameter to mutator for Rsvp::Sample::Root::events not allowed\"");
-  }
+  EXPECT_EQ(errorOf<Kel::NullPointerException>([&] { root->eventsEnq(nullptr); }),
+            "null _events parameter to mutator for Rsvp::Sample::Root::events not allowed\"");
   EXPECT_EQ(root->eventsSize(), 0u);
 }
 
@@ -191,13 +182,8 @@ TEST(Errors, RangeCheckedSetterLeavesValueAndNotifiesNobody) {
   auto root = Sample::rootFactory("root");
   Recorder r(root.get());
   root->epochIs(5);
-  try {
-    root->epochIs(16777217);
-    FAIL();
-  } catch (Kel::RangeException const& e) {
-    EXPECT_STREQ(e.what(),
-                 "Root::epoch < 0 or > Rsvp::RsvpMsgIdObj::invalidMsgIdEpochValue not allowed");
-  }
+  EXPECT_EQ(errorOf<Kel::RangeException>([&] { root->epochIs(16777217); }),
+            "Root::epoch < 0 or > Rsvp::RsvpMsgIdObj::invalidMsgIdEpochValue not allowed");
   EXPECT_EQ(root->epoch(), 5u);
   EXPECT_EQ(r.log, Log{"epoch"});
   EXPECT_EQ(root->slotIs()->level(), 1u);

@@ -6,6 +6,7 @@
 
 #include <gtest/gtest.h>
 
+#include "../TestSupport.h"
 #include "SampleIds.h"
 
 #include <map>
@@ -19,6 +20,7 @@ using namespace Rsvp;
 using Sample::Root;
 
 using SampleIds::spId;
+using TestSupport::errorOf;
 
 template <class T>
 int op(T& object, char const* attr, Kel::U32 code, void* result, void const* arg1 = nullptr,
@@ -109,12 +111,9 @@ TEST(GenericOp, ConstantsUnknownAndUnsupported) {
 TEST(GenericOp, WritesCheckLikeTheSetters) {
   RsvpPathId p(3);
   Kel::U32 const tooBig = 65537;
-  try {
-    op(p, "lspId", Kel::attrOpWrite, nullptr, &tooBig);
-    FAIL();
-  } catch (Kel::RangeException const& e) {
-    EXPECT_STREQ(e.what(), "RsvpPathId::lspId < 0 or > RsvpPathId::invalidLspId not allowed");
-  }
+  EXPECT_EQ(
+      errorOf<Kel::RangeException>([&] { op(p, "lspId", Kel::attrOpWrite, nullptr, &tooBig); }),
+      "RsvpPathId::lspId < 0 or > RsvpPathId::invalidLspId not allowed");
   EXPECT_EQ(p.lspId(), 3u);
   Kel::U32 const ok = 7;
   EXPECT_EQ(op(p, "lspId", Kel::attrOpWrite, nullptr, &ok), Kel::attrDone);
@@ -125,12 +124,9 @@ TEST(GenericOp, WritesCheckLikeTheSetters) {
   EXPECT_THROW(op(*root, "epoch", Kel::attrOpWrite, nullptr, &epoch), Kel::RangeException);
   auto path = root->pathIs(spId(1), true);
   bool const flag = false;
-  try {
-    op(*path, "isBypass", Kel::attrOpWrite, nullptr, &flag);
-    FAIL();
-  } catch (Kel::ImmutableAttributeException const& e) {
-    EXPECT_STREQ(e.what(), "Attribute Rsvp::Sample::Path::isBypass is immutable");
-  }
+  EXPECT_EQ(errorOf<Kel::ImmutableAttributeException>(
+                [&] { op(*path, "isBypass", Kel::attrOpWrite, nullptr, &flag); }),
+            "Attribute Rsvp::Sample::Path::isBypass is immutable");
 }
 
 TEST(GenericOp, WholeValueOperations) {
@@ -224,18 +220,15 @@ TEST(GenericIteration, VisitsEveryMemberInOrder) {
     root->hopIs(rng() % 100, Lumo::IpGenAddr::ipv4(rng()));
     root->newPoints(rng(), rng());
   }
-  std::vector<std::string> typed;
-  for (auto it = root->idsIter(); !it.done(); ++it) typed.push_back(valueToStrep(it.key()));
-  EXPECT_EQ(genericKeys(*root, "ids"), typed);
-  typed.clear();
-  for (auto it = root->leafIter(); !it.done(); ++it) typed.push_back(std::to_string(it.key()));
-  EXPECT_EQ(genericKeys(*root, "leaf"), typed);
-  typed.clear();
-  for (auto it = root->hopIter(); !it.done(); ++it) typed.push_back(std::to_string(it.key()));
-  EXPECT_EQ(genericKeys(*root, "hop"), typed);
-  typed.clear();
-  for (auto it = root->pointsIter(); !it.done(); ++it) typed.push_back(std::to_string(it.key()));
-  EXPECT_EQ(genericKeys(*root, "points"), typed);
+  auto const typed = [](auto it) {
+    std::vector<std::string> keys;
+    for (; !it.done(); ++it) keys.push_back(valueToStrep(it.key()));
+    return keys;
+  };
+  EXPECT_EQ(genericKeys(*root, "ids"), typed(root->idsIter()));
+  EXPECT_EQ(genericKeys(*root, "leaf"), typed(root->leafIter()));
+  EXPECT_EQ(genericKeys(*root, "hop"), typed(root->hopIter()));
+  EXPECT_EQ(genericKeys(*root, "points"), typed(root->pointsIter()));
 
   // Elements: a flag for sets, the value for maps, the entity for children.
   std::unique_ptr<Kel::GenericIter> it;
@@ -372,9 +365,9 @@ TEST(Browser, PrintsTheTreeOnceWithSharedAndCyclicEntities) {
                 "    back: -> root/4\n"
                 "  shared: -> root/4\n"
                 "  localOnly: 0\n"
-            "  pinned: {}\n"
-            "  byPath: {}\n"
-            "  album: null\n");
+                "  pinned: {}\n"
+                "  byPath: {}\n"
+                "  album: null\n");
   leaf->nextIs(nullptr);  // reference counts never free a cycle by themselves
 }
 
@@ -428,12 +421,8 @@ TEST(Browser, RandomTreesReadBack) {
 }
 
 TEST(GenericValue, EntityTypeRaisesInsteadOfCrashing) {
-  try {
-    Kel::GenericValue const v(Root::kelType);
-    FAIL();
-  } catch (Kel::NoValueMethodsException const& e) {
-    EXPECT_STREQ(e.what(), "Type Rsvp::Sample::Root has no value methods");
-  }
+  EXPECT_EQ(errorOf<Kel::NoValueMethodsException>([] { Kel::GenericValue const v(Root::kelType); }),
+            "Type Rsvp::Sample::Root has no value methods");
 }
 
 // The browser's text of an assignment's effect: the line under `path`.

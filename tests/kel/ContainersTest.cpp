@@ -16,7 +16,6 @@
 #include <ostream>
 #include <random>
 #include <string>
-#include <type_traits>
 #include <utility>
 #include <vector>
 
@@ -116,15 +115,6 @@ struct TableCase {
 };
 
 template <class K>
-K makeKey(U32 n) {
-  if constexpr (std::is_same_v<K, U32>) {
-    return n;
-  } else {
-    return K{n};
-  }
-}
-
-template <class K>
 void runTableModel(TableCase const& c) {
   std::mt19937 rng(c.seed);
   Kel::HashTable<K, int> table;
@@ -132,7 +122,7 @@ void runTableModel(TableCase const& c) {
   U64 stamp = 0;
   std::size_t peak = 0;
   bool allocated = false;
-  auto const pick = [&] { return makeKey<K>(static_cast<U32>(rng() % c.pool)); };
+  auto const pick = [&] { return K{static_cast<U32>(rng() % c.pool)}; };
 
   for (int step = 0; step < c.steps; ++step) {
     SCOPED_TRACE(testing::Message() << c.what << ", step " << step);
@@ -169,7 +159,7 @@ void runTableModel(TableCase const& c) {
     ASSERT_NO_FATAL_FAILURE(expectAgrees(table, model, policyBuckets(peak, allocated)));
     if (step % 64 == 0 || step + 1 == c.steps) {
       for (U32 n = 0; n < c.pool; ++n) {
-        K const key = makeKey<K>(n);
+        K const key{n};
         ASSERT_EQ(table.find(key) != nullptr, model.count(key) == 1) << "find of " << n;
       }
     }
@@ -198,7 +188,7 @@ template <class K>
 void eraseEveryOtherWhileIterating(U32 count) {
   SCOPED_TRACE(testing::Message() << count << " keys");
   Kel::HashTable<K, int> table;
-  for (U32 n = 0; n < count; ++n) table.insert(makeKey<K>(n * 3 + 1), static_cast<int>(n));
+  for (U32 n = 0; n < count; ++n) table.insert(K{n * 3 + 1}, static_cast<int>(n));
   std::size_t const buckets = table.bucketCount();
 
   std::vector<U32> before;
@@ -225,7 +215,7 @@ void eraseEveryOtherWhileIterating(U32 count) {
   std::vector<U32> expectedKept;
   for (std::size_t i = 1; i < before.size(); i += 2) expectedKept.push_back(before[i]);
   EXPECT_EQ(kept, expectedKept);
-  for (U32 n : erased) EXPECT_EQ(table.find(makeKey<K>(n)), nullptr) << n;
+  for (U32 n : erased) EXPECT_EQ(table.find(K{n}), nullptr) << n;
 
   for (auto it = table.begin(); !it.done();) table.erase(it);
   EXPECT_TRUE(table.empty());

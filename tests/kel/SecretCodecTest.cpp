@@ -5,6 +5,8 @@
 
 #include <gtest/gtest.h>
 
+#include "../TestSupport.h"
+
 #include <atomic>
 #include <thread>
 #include <vector>
@@ -27,15 +29,11 @@ String const kVector = "ck1:oKGio6SlpqeoqaqrlSsfXyC/As8VRKTGbn13R8w26R4cWyn+9w4=
 String const kEmptyVector = "ck1:oKGio6SlpqeoqaqrxbEhEqGml2HnsMHmutJLJg==";
 String const kClear = "s3cret\0pw!"s;
 
-std::string refusal(
-    String const& text,
-    void (*call)(String const&) = [](String const& t) { (void)Ck::doDecodeKey(t); }) {
-  try {
-    call(text);
-  } catch (Ck::CodecException const& e) {
-    return e.what();
-  }
-  return "accepted";
+using TestSupport::errorOf;
+
+// The codec's refusal of a stored text, or "accepted".
+std::string refusal(String const& text) {
+  return errorOf<Ck::CodecException>([&] { (void)Ck::doDecodeKey(text); });
 }
 
 // A platform's codec: the text reversed behind "rev:".
@@ -110,14 +108,14 @@ TEST_F(SecretCodec, BadTextsAreRefusedWithTheirText) {
 
 TEST_F(SecretCodec, KeyDecidesAndBadKeysChangeNothing) {
   for (std::size_t size : {0, 1, 31, 33, 64}) {
-    EXPECT_EQ(refusal(String(size, 'k'), [](String const& k) { Ck::keyIs(k); }),
+    EXPECT_EQ(errorOf<Ck::CodecException>([&] { Ck::keyIs(String(size, 'k')); }),
               "Secret codec key must be exactly 32 bytes");
   }
   EXPECT_EQ(Ck::doDecodeKey(kVector), kClear);  // the key before them is kept
   Ck::keyIs(keyFrom(1));
   EXPECT_EQ(refusal(kVector), kVerify);
   Ck::keyDel();
-  EXPECT_EQ(refusal("x", [](String const& t) { (void)Ck::doEncodeKey(t); }), kNoKey);
+  EXPECT_EQ(errorOf<Ck::CodecException>([] { (void)Ck::doEncodeKey("x"); }), kNoKey);
   EXPECT_EQ(refusal(kVector), kNoKey);
   EXPECT_EQ(refusal("ck2:"), kVersion);  // the form is checked before the key
 }

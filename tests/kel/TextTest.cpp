@@ -5,6 +5,8 @@
 
 #include <gtest/gtest.h>
 
+#include "../TestSupport.h"
+
 #include <cmath>
 #include <limits>
 #include <random>
@@ -14,17 +16,14 @@ namespace {
 
 using namespace Kel;
 
+using TestSupport::errorOf;
+
 template <class T>
 String parseError(std::string_view text) {
-  try {
-    (void)strepToValue<T>(text);
-  } catch (RangeException const& e) {
-    return e.what();
-  }
-  return "no error";
+  return errorOf<RangeException>([&] { (void)strepToValue<T>(text); });
 }
 
-TEST(Integers, PrintAndParseBounds) {
+TEST(Scalars, PrintAndParseBoundsAndBothWords) {
   EXPECT_EQ(valueToStrep(U8{255}), "255");
   EXPECT_EQ(valueToStrep(U64{18446744073709551615ull}), "18446744073709551615");
   EXPECT_EQ(valueToStrep(S64{std::numeric_limits<S64>::min()}), "-9223372036854775808");
@@ -32,6 +31,10 @@ TEST(Integers, PrintAndParseBounds) {
   EXPECT_EQ(strepToValue<U16>("65535"), 65535);
   EXPECT_EQ(strepToValue<U16>("007"), 7);
   EXPECT_EQ(strepToValue<S32>("-2147483648"), std::numeric_limits<S32>::min());
+  EXPECT_EQ(valueToStrep(true), "true");
+  EXPECT_EQ(valueToStrep(false), "false");
+  EXPECT_TRUE(strepToValue<bool>("true"));
+  EXPECT_FALSE(strepToValue<bool>("false"));
 }
 
 TEST(Integers, RejectedText) {
@@ -54,13 +57,6 @@ TEST(Integers, RejectedText) {
       {parseError<F32>, "1e40", "Number 1e40 out of range for F32"},
   };
   for (auto const& c : cases) EXPECT_EQ(c.parse(c.text), c.error) << c.text;
-}
-
-TEST(Bool, BothWords) {
-  EXPECT_EQ(valueToStrep(true), "true");
-  EXPECT_EQ(valueToStrep(false), "false");
-  EXPECT_TRUE(strepToValue<bool>("true"));
-  EXPECT_FALSE(strepToValue<bool>("false"));
 }
 
 TEST(Floats, ShortestFormReadsBack) {
@@ -127,18 +123,8 @@ TEST(Floats, NanIsRefusedFromTheLog) {
   };
   F64 const nan64 = std::numeric_limits<F64>::quiet_NaN();
   F32 const nan32 = std::numeric_limits<F32>::quiet_NaN();
-  try {
-    (void)read(nan64, F64{2.5});
-    FAIL();
-  } catch (RangeException const& e) {
-    EXPECT_STREQ(e.what(), "Invalid F64 'nan'");
-  }
-  try {
-    (void)read(-nan32, F32{2.5f});
-    FAIL();
-  } catch (RangeException const& e) {
-    EXPECT_STREQ(e.what(), "Invalid F32 'nan'");
-  }
+  EXPECT_EQ(errorOf<RangeException>([&] { (void)read(nan64, F64{2.5}); }), "Invalid F64 'nan'");
+  EXPECT_EQ(errorOf<RangeException>([&] { (void)read(-nan32, F32{2.5f}); }), "Invalid F32 'nan'");
   F64 const inf = std::numeric_limits<F64>::infinity();
   EXPECT_EQ(read(-inf, F64{0}), -inf);
 }
@@ -164,12 +150,17 @@ TEST(Strings, RandomBytesRoundTrip) {
   }
 }
 
-TEST(Parsers, LeaveTargetUnchangedOnFailure) {
-  U32 n = 42;
-  String text = "99999999999";
+TEST(Parsers, StopBehindTheValueOrLeaveTargetUnchanged) {
+  String text = "123, 'next'";
   TextIt it = text.data();
+  U32 n = 0;
+  sequenceToValue(it, text.data() + text.size(), &n);
+  EXPECT_EQ(n, 123u);
+  EXPECT_EQ(String(it), ", 'next'");
+  text = "99999999999";
+  it = text.data();
   EXPECT_THROW(sequenceToValue(it, text.data() + text.size(), &n), RangeException);
-  EXPECT_EQ(n, 42u);
+  EXPECT_EQ(n, 123u);
   String s = "kept";
   text = "\"unterminated";
   it = text.data();
@@ -177,24 +168,12 @@ TEST(Parsers, LeaveTargetUnchangedOnFailure) {
   EXPECT_EQ(s, "kept");
 }
 
-TEST(Parsers, StopBehindTheValue) {
-  String const text = "123, 'next'";
-  TextIt it = text.data();
-  U32 n = 0;
-  sequenceToValue(it, text.data() + text.size(), &n);
-  EXPECT_EQ(n, 123u);
-  EXPECT_EQ(String(it), ", 'next'");
-}
-
 TEST(ExpectLiteral, ErrorShowsAShortExcerpt) {
   String const text = "<lspId3 and a great deal more text after it>";
   TextIt it = text.data();
-  try {
-    expectLiteral(it, text.data() + text.size(), "<lspId=");
-    FAIL();
-  } catch (RangeException const& e) {
-    EXPECT_STREQ(e.what(), "Expected '<lspId=' but found '<lspId3 and a great deal...'");
-  }
+  EXPECT_EQ(
+      errorOf<RangeException>([&] { expectLiteral(it, text.data() + text.size(), "<lspId="); }),
+      "Expected '<lspId=' but found '<lspId3 and a great deal...'");
   EXPECT_EQ(it, text.data());
 }
 
@@ -233,11 +212,9 @@ TEST(RangeException, NamesTheAttributePathOutermostFirst) {
     EXPECT_EQ(e.attribute(), "sessionId.dstIp");
     EXPECT_STREQ(e.what(), "bad (attribute 'sessionId.dstIp')");
   }
-  try {
-    throwOutOfRange("RsvpPathId", "lspId", "0", "RsvpPathId::invalidLspId");
-  } catch (RangeException const& e) {
-    EXPECT_STREQ(e.what(), "RsvpPathId::lspId < 0 or > RsvpPathId::invalidLspId not allowed");
-  }
+  EXPECT_EQ(errorOf<RangeException>(
+                [] { throwOutOfRange("RsvpPathId", "lspId", "0", "RsvpPathId::invalidLspId"); }),
+            "RsvpPathId::lspId < 0 or > RsvpPathId::invalidLspId not allowed");
 }
 
 }  // namespace

@@ -3,6 +3,8 @@
 #include <Lumo/Lumo.h>
 #include <gtest/gtest.h>
 
+#include "../TestSupport.h"
+
 #include <map>
 #include <random>
 #include <sstream>
@@ -23,16 +25,8 @@ using AllTypes = testing::Types<Lumo::Ip6Addr, Lumo::IpGenAddr, Lumo::IpGenPrefi
 String const kLabelRange =
     "MplsLabel::value < MplsLabel::min or > MplsLabel::luWithdraw not allowed";
 
-// The error text `f` raises, or "accepted".
-template <class F>
-String errorOf(F&& f) {
-  try {
-    f();
-  } catch (Kel::RangeException const& e) {
-    return e.what();
-  }
-  return "accepted";
-}
+// The range error's text that `f` raises, or "accepted".
+auto const errorOf = [](auto&& f) { return TestSupport::errorOf<Kel::RangeException>(f); };
 
 template <class T>
 std::string_view shortName() {

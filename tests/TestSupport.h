@@ -1,0 +1,62 @@
+// Helpers that several suites share: the text of the exception a call
+// raises, and an entity tree whose replica follows it through the attribute
+// log and a memory sink.
+#ifndef TESTS_TESTSUPPORT_H
+#define TESTS_TESTSUPPORT_H
+
+#include <Kel/AttrLog.h>
+#include <Kel/Browser.h>
+
+#include <memory>
+#include <string>
+#include <utility>
+
+namespace TestSupport {
+
+// The what() of the E that `f` raises, or "accepted" when it returns. Any
+// other exception passes through and fails the test.
+template <class E, class F>
+std::string errorOf(F&& f) {
+  try {
+    std::forward<F>(f)();
+  } catch (E const& e) {
+    return e.what();
+  }
+  return "accepted";
+}
+
+// A source tree and its replica, joined by a writer, a memory sink and a
+// reader; connect() subscribes anew, so the reader starts from a snapshot.
+template <class T>
+struct LogLink {
+  LogLink(Kel::Ptr<T> s, Kel::Ptr<T> r) : source(std::move(s)), replica(std::move(r)) {}
+
+  Kel::Ptr<T> source;
+  Kel::Ptr<T> replica;
+  Kel::LogWriter writer{*source};
+  Kel::LogReader reader{*replica};
+  Kel::MemorySink* sink = nullptr;
+
+  void connect() {
+    auto s = std::make_unique<Kel::MemorySink>();
+    sink = s.get();
+    reader.reset();
+    writer.subscriberNew(std::move(s));
+    deliver();
+  }
+  void deliver() { reader.bytesIs(sink->take()); }
+  void sync() {
+    writer.flush();
+    deliver();
+  }
+  [[nodiscard]] bool same() const { return Kel::browseText(*source) == Kel::browseText(*replica); }
+  // The replica names as many entities as the writer follows, and holds none
+  // it no longer names: its memory follows the source's.
+  [[nodiscard]] bool sameSize() const {
+    return reader.namedEntities() == writer.trackedEntities() && reader.heldEntities() == 0;
+  }
+};
+
+}  // namespace TestSupport
+
+#endif  // TESTS_TESTSUPPORT_H

@@ -42,21 +42,23 @@
 
 namespace Kel {
 
+// The reference count and, in its top bits, flags that a derived class may
+// use (Orv::DedupHandle keeps its table state there, so that it changes
+// atomically with the count). The count takes the low `countBits` bits: at
+// most 2^28 - 1 references to one object at once.
 class PtrInterface {
  public:
+  static constexpr unsigned countBits = 28;
+  static constexpr U32 countMask = (U32{1} << countBits) - 1;
+
   PtrInterface() = default;
   // The count belongs to the object, not to its value: copies start at zero.
   PtrInterface(PtrInterface const&) noexcept {}
   PtrInterface& operator=(PtrInterface const&) noexcept { return *this; }
 
-  [[nodiscard]] U32 references() const noexcept {
-#if KEL_THREAD_SAFE_PTR
-    return refCount_.load(std::memory_order_relaxed);
-#else
-    return refCount_;
-#endif
-  }
+  [[nodiscard]] U32 references() const noexcept { return word() & countMask; }
 
+  // One add, whatever the flags: they sit above the count.
   void newRef() const noexcept {
 #if KEL_THREAD_SAFE_PTR
     refCount_.fetch_add(1, std::memory_order_relaxed);
@@ -69,18 +71,89 @@ class PtrInterface {
   void deleteRef() const noexcept {
     KEL_ASSERT(references() > 0 && "Reference count is already zero.");
 #if KEL_THREAD_SAFE_PTR
-    if (refCount_.fetch_sub(1, std::memory_order_acq_rel) == 1) onZeroReferences();
+    if ((refCount_.fetch_sub(1, std::memory_order_acq_rel) & countMask) == 1) onZeroReferences();
 #else
-    if (--refCount_ == 0) onZeroReferences();
+    if ((--refCount_ & countMask) == 0) onZeroReferences();
 #endif
   }
 
  protected:
   virtual ~PtrInterface() = default;
-  // Called when the last reference goes; destroys the object by default.
+  // Called when the count reaches zero; destroys the object by default. A
+  // derived class that keeps the object alive past this call must not let
+  // anyone take a reference and drop it again unless it expects a second call.
   virtual void onZeroReferences() const noexcept { delete this; }
 
+  // The flag bits above the count. Each changes with one atomic operation
+  // in the thread-safe mode, so flags and count never overwrite each other.
+  template <unsigned Pos>
+  [[nodiscard]] bool refFlag() const noexcept {
+    static_assert(Pos >= countBits && Pos < 32, "a flag lives above the count");
+    return (word() >> Pos & 1u) != 0;
+  }
+  // Sets or clears the flag; answers whether it was set before.
+  template <unsigned Pos>
+  bool refFlagIs(bool on) const noexcept {
+    static_assert(Pos >= countBits && Pos < 32, "a flag lives above the count");
+    constexpr U32 bit = U32{1} << Pos;
+#if KEL_THREAD_SAFE_PTR
+    U32 const old = on ? refCount_.fetch_or(bit, std::memory_order_acq_rel)
+                       : refCount_.fetch_and(~bit, std::memory_order_acq_rel);
+#else
+    U32 const old = refCount_;
+    refCount_ = on ? old | bit : old & ~bit;
+#endif
+    return (old & bit) != 0;
+  }
+  // A field of `Width` flag bits from `Pos`.
+  template <unsigned Pos, unsigned Width>
+  [[nodiscard]] U32 refBits() const noexcept {
+    static_assert(Pos >= countBits && Width > 0 && Pos + Width <= 32,
+                  "a field lives above the count");
+    return word() >> Pos & ((U32{1} << Width) - 1);
+  }
+  template <unsigned Pos, unsigned Width>
+  void refBitsIs(U32 value) const noexcept {
+    static_assert(Pos >= countBits && Width > 0 && Pos + Width <= 32,
+                  "a field lives above the count");
+    constexpr U32 mask = ((U32{1} << Width) - 1) << Pos;
+    U32 const bits = value << Pos & mask;
+#if KEL_THREAD_SAFE_PTR
+    U32 old = refCount_.load(std::memory_order_relaxed);
+    while (!refCount_.compare_exchange_weak(old, (old & ~mask) | bits, std::memory_order_acq_rel,
+                                            std::memory_order_relaxed)) {
+    }
+#else
+    refCount_ = (refCount_ & ~mask) | bits;
+#endif
+  }
+  // Takes a reference unless the count is zero or a flag of `refusing` is
+  // set, in one atomic step; answers whether it took one. This is how a
+  // table that holds objects without counting them hands one out.
+  [[nodiscard]] bool newRefUnless(U32 refusing) const noexcept {
+#if KEL_THREAD_SAFE_PTR
+    U32 old = refCount_.load(std::memory_order_relaxed);
+    do {
+      if ((old & countMask) == 0 || (old & refusing) != 0) return false;
+    } while (!refCount_.compare_exchange_weak(old, old + 1, std::memory_order_acquire,
+                                              std::memory_order_relaxed));
+    return true;
+#else
+    if ((refCount_ & countMask) == 0 || (refCount_ & refusing) != 0) return false;
+    ++refCount_;
+    return true;
+#endif
+  }
+
  private:
+  [[nodiscard]] U32 word() const noexcept {
+#if KEL_THREAD_SAFE_PTR
+    return refCount_.load(std::memory_order_relaxed);
+#else
+    return refCount_;
+#endif
+  }
+
 #if KEL_THREAD_SAFE_PTR
   mutable std::atomic<U32> refCount_{0};
 #else
@@ -136,6 +209,13 @@ class Ptr {
   void swap(Ptr& o) noexcept { std::swap(p_, o.p_); }
   // Gives up the reference without dropping it; the caller now owns it.
   [[nodiscard]] T* release() noexcept { return std::exchange(p_, nullptr); }
+  // Takes over a reference the caller already holds (from release() or
+  // PtrInterface::newRefUnless()), without counting it again.
+  [[nodiscard]] static Ptr adopt(T* p) noexcept {
+    Ptr out;
+    out.p_ = p;
+    return out;
+  }
 
  private:
   T* p_ = nullptr;

@@ -1,0 +1,266 @@
+// The prefix tries against an ordered map and a brute-force longest match:
+// random insertions, replacements and erasures of nesting keys in both
+// families, iteration order, value addresses that never move, copies, and
+// the keys a trie refuses.
+#include <Kel/RangeException.h>
+#include <Kel/Text.h>
+#include <Lumo/IpTrie.h>
+#include <Lumo/NetSupport.h>
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <array>
+#include <iterator>
+#include <map>
+#include <random>
+#include <string>
+#include <string_view>
+#include <type_traits>
+#include <utility>
+#include <vector>
+
+namespace {
+
+using Kel::U32;
+using Kel::U8;
+using Lumo::IpGenAddr;
+using Lumo::IpGenPrefix;
+using Bytes = Lumo::Ip6Addr::Bytes;
+using Model = std::map<IpGenPrefix, U32>;
+
+IpGenPrefix prefix(std::string_view text) { return Kel::strepToValue<IpGenPrefix>(text); }
+
+// `b` with the bits from `len` on cleared: written apart from the trie's own
+// masking so that the two can disagree.
+Bytes maskBytes(Bytes b, unsigned len) {
+  for (unsigned i = 0; i < b.size(); ++i) {
+    unsigned const keep = len >= 8 * (i + 1) ? 8 : len > 8 * i ? len - 8 * i : 0;
+    b[i] = static_cast<U8>(b[i] & (0xff00u >> keep));
+  }
+  return b;
+}
+
+template <class Trie>
+struct Family {
+  static constexpr bool v6 = std::is_same_v<Trie, Lumo::Ip6Trie<U32>>;
+  static constexpr unsigned width = v6 ? 128 : 32;
+  static IpGenAddr addr(Bytes const& b) {
+    return v6 ? IpGenAddr::ipv6(Lumo::Ip6Addr(b))
+              : IpGenAddr::ipv4(Lumo::detail::loadBe32(b.data()));
+  }
+};
+
+// Random addresses near a few bases, so that keys nest and share long paths.
+template <class Trie>
+class Gen {
+  using F = Family<Trie>;
+
+ public:
+  explicit Gen(unsigned seed) : rng_(seed) {
+    for (Bytes& b : bases_) b = randomBytes();
+  }
+  IpGenAddr addr() {
+    Bytes const base = bases_[rng_() % bases_.size()];
+    Bytes const noise = randomBytes();
+    Bytes ones{};
+    ones.fill(0xff);
+    Bytes const keep = maskBytes(ones, below(F::width + 1));
+    Bytes out{};
+    for (unsigned i = 0; i < out.size(); ++i) {
+      out[i] = static_cast<U8>((base[i] & keep[i]) | (noise[i] & ~keep[i]));
+    }
+    return F::addr(out);
+  }
+  // Short keys are rare, as in a routing table, but every length occurs.
+  IpGenPrefix key() {
+    unsigned const len =
+        below(8) == 0 ? below(F::width + 1) : F::width / 4 + below(F::width * 3 / 4 + 1);
+    return IpGenPrefix(F::addr(maskBytes(addr().addr().bytes(), len)), static_cast<U8>(len));
+  }
+  unsigned below(unsigned n) { return static_cast<unsigned>(rng_() % n); }
+
+ private:
+  Bytes randomBytes() {
+    Bytes b{};
+    for (U8& x : b) x = static_cast<U8>(rng_());
+    return b;
+  }
+  std::mt19937 rng_;
+  std::array<Bytes, 6> bases_{};
+};
+
+// The model's longest key covering `a`: every length from the longest down.
+template <class Trie>
+Model::const_iterator bruteMatch(Model const& model, IpGenAddr const& a) {
+  for (int len = Family<Trie>::width; len >= 0; --len) {
+    IpGenPrefix const k(Family<Trie>::addr(maskBytes(a.addr().bytes(), static_cast<unsigned>(len))),
+                        static_cast<U8>(len));
+    auto const it = model.find(k);
+    if (it != model.end()) return it;
+  }
+  return model.end();
+}
+
+template <class Trie>
+void expectSame(Trie const& trie, Model const& model,
+                std::map<IpGenPrefix, U32*> const& addresses) {
+  ASSERT_EQ(trie.size(), model.size());
+  ASSERT_EQ(trie.empty(), model.empty());
+  auto it = trie.begin();
+  for (auto const& [k, v] : model) {
+    ASSERT_FALSE(it.done()) << "ends before " << k;
+    ASSERT_EQ(it.key(), k) << "out of order";
+    ASSERT_EQ(it.value(), v) << k;
+    ASSERT_EQ(&it.value(), addresses.at(k)) << "the value of " << k << " moved";
+    ++it;
+  }
+  ASSERT_TRUE(it.done());
+  ASSERT_TRUE(it == trie.end());
+  ASSERT_LE(trie.nodeCount(), model.empty() ? 0 : 2 * model.size() - 1) << "a branch left over";
+}
+
+template <class Trie>
+class TrieModel : public testing::Test {};
+using Tries = testing::Types<Lumo::IpTrie<U32>, Lumo::Ip6Trie<U32>>;
+TYPED_TEST_SUITE(TrieModel, Tries);
+
+// Grows past the sizes where the lookup table appears and grows, then
+// shrinks to nothing, checking everything along the way.
+TYPED_TEST(TrieModel, AgreesWithAnOrderedMapAndBruteForce) {
+  Gen<TypeParam> gen(Family<TypeParam>::v6 ? 6 : 4);
+  TypeParam trie;
+  Model model;
+  std::map<IpGenPrefix, U32*> addresses;
+  TypeParam copy;
+  Model copied;
+  constexpr int kOps = 12000;
+  for (int op = 0; op < kOps; ++op) {
+    bool const growing = op < kOps * 2 / 3;
+    IpGenPrefix const k = gen.key();
+    U32 const v = gen.below(1000);
+    unsigned const what = gen.below(10);
+    if (what < (growing ? 6u : 3u)) {
+      auto const [p, added] = trie.insert(k, v);
+      auto const [m, modelAdded] = model.try_emplace(k, v);
+      ASSERT_EQ(added, modelAdded) << k;
+      ASSERT_EQ(*p, m->second) << k << ": an insertion of a present key changed it";
+      if (added) addresses[k] = p;
+    } else if (what < (growing ? 7u : 4u)) {
+      U32& stored = trie.insertOrAssign(k, v);
+      model[k] = v;
+      if (!addresses.contains(k)) addresses[k] = &stored;
+      ASSERT_EQ(&stored, addresses[k]) << k;
+    } else {
+      // Erase a stored key most of the time, else a random (likely absent) one.
+      IpGenPrefix victim = k;
+      if (!model.empty() && gen.below(4) != 0) {
+        auto it = model.begin();
+        std::advance(it, gen.below(static_cast<unsigned>(model.size())));
+        victim = it->first;
+      }
+      ASSERT_EQ(trie.erase(victim), model.erase(victim) == 1) << victim;
+      addresses.erase(victim);
+    }
+    for (int probe = 0; probe < 4; ++probe) {
+      IpGenAddr const a = gen.addr();
+      auto const want = bruteMatch<TypeParam>(model, a);
+      auto const got = trie.longestMatch(a);
+      ASSERT_EQ(got.done(), want == model.end()) << a;
+      if (!got.done()) {
+        ASSERT_EQ(got.key(), want->first) << a;
+        ASSERT_EQ(&got.value(), addresses.at(want->first)) << a;
+      }
+      IpGenPrefix const q = gen.key();
+      U32 const* const found = trie.find(q);
+      ASSERT_EQ(found ? *found : 1000u, model.contains(q) ? model.at(q) : 1000u) << q;
+    }
+    if (op % 101 == 0) expectSame(trie, model, addresses);
+    if (op == kOps / 2) {
+      copy = trie;
+      copied = model;
+    }
+  }
+  expectSame(trie, model, addresses);
+  EXPECT_GT(trie.slotCount(), 0u) << "the test should reach the lookup table";
+
+  std::vector<IpGenPrefix> left;
+  for (auto const& [k, v] : model) left.push_back(k);
+  std::shuffle(left.begin(), left.end(), std::mt19937(1));
+  for (IpGenPrefix const& k : left) {
+    ASSERT_TRUE(trie.erase(k)) << k;
+    model.erase(k);
+    addresses.erase(k);
+    if (model.size() % 53 == 0) expectSame(trie, model, addresses);
+  }
+  EXPECT_EQ(trie.nodeCount(), 0u);
+  EXPECT_EQ(trie.slotCount(), 0u) << "the table goes when the keys do";
+  EXPECT_TRUE(trie.longestMatch(gen.addr()).done());
+
+  // The copy taken halfway kept its own keys and values.
+  std::map<IpGenPrefix, U32*> copyAddresses;
+  for (auto it = copy.begin(); !it.done(); ++it) copyAddresses[it.key()] = &it.value();
+  expectSame(copy, copied, copyAddresses);
+}
+
+// Keys a trie refuses: the text raised, and nothing changes; lookups of
+// such keys and of addresses of the other family answer nothing.
+TEST(Trie, RefusedKeysAndOtherFamilies) {
+  struct Case {
+    bool v6;
+    char const* key;
+    char const* error;
+  };
+  Case const cases[] = {
+      {false, "2001:db8::/32", "IpTrie key 2001:db8::/32 is not an IPv4 prefix"},
+      {false, "/0", "IpTrie key /0 is not an IPv4 prefix"},
+      {false, "10.0.0.1/8", "IpTrie key 10.0.0.1/8 has bits set beyond its length"},
+      {false, "10.0.0.1/31", "IpTrie key 10.0.0.1/31 has bits set beyond its length"},
+      {false, "128.0.0.0/0", "IpTrie key 128.0.0.0/0 has bits set beyond its length"},
+      {true, "10.0.0.0/8", "Ip6Trie key 10.0.0.0/8 is not an IPv6 prefix"},
+      {true, "/0", "Ip6Trie key /0 is not an IPv6 prefix"},
+      {true, "2001:db8::1/127", "Ip6Trie key 2001:db8::1/127 has bits set beyond its length"},
+      {true, "2001:db8:0:1::/63", "Ip6Trie key 2001:db8:0:1::/63 has bits set beyond its length"},
+  };
+  auto check = [](auto& trie, Case const& c) {
+    std::vector<std::pair<IpGenPrefix, U32>> before;
+    for (auto it = trie.begin(); !it.done(); ++it) before.emplace_back(it.key(), it.value());
+    IpGenPrefix const k = prefix(c.key);
+    for (int how = 0; how < 2; ++how) {
+      try {
+        if (how == 0) {
+          trie.insert(k, 5u);
+        } else {
+          trie.insertOrAssign(k, 5u);
+        }
+        ADD_FAILURE() << c.key << " accepted";
+      } catch (Kel::RangeException const& e) {
+        EXPECT_STREQ(e.what(), c.error);
+      }
+    }
+    EXPECT_EQ(trie.find(k), nullptr) << c.key;
+    EXPECT_FALSE(trie.erase(k)) << c.key;
+    if (std::string_view(c.error).ends_with("prefix")) {  // of another family
+      EXPECT_TRUE(trie.longestMatch(k.addr()).done()) << c.key;
+    }
+    std::vector<std::pair<IpGenPrefix, U32>> after;
+    for (auto it = trie.begin(); !it.done(); ++it) after.emplace_back(it.key(), it.value());
+    EXPECT_EQ(after, before) << c.key << " changed the trie";
+  };
+  Lumo::IpTrie<U32> v4;
+  v4.insert(prefix("0.0.0.0/0"), 1u);
+  v4.insert(prefix("10.0.0.0/8"), 2u);
+  Lumo::Ip6Trie<U32> v6;
+  v6.insert(prefix("::/0"), 1u);
+  v6.insert(prefix("2001:db8::/32"), 2u);
+  for (Case const& c : cases) {
+    if (c.v6) {
+      check(v6, c);
+    } else {
+      check(v4, c);
+    }
+  }
+  EXPECT_EQ(Lumo::IpTrie<U32>::normalised(prefix("10.1.2.3/12")), prefix("10.0.0.0/12"));
+  EXPECT_EQ(Lumo::Ip6Trie<U32>::normalised(prefix("2001:db8::1/0")), prefix("::/0"));
+}
+
+}  // namespace

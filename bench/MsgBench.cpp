@@ -150,3 +150,23 @@ void BM_MsgResvEqualRecordRouteDiffers(benchmark::State& state) {
 BENCHMARK(BM_MsgResvEqualRecordRouteDiffers);
 
 }  // namespace
+
+// The pipe hand-over: the producer writes, the consumer's reactor (the
+// counter's observer) takes the message out.
+namespace {
+
+struct PipeConsumer : Rsvp::RsvpMsgPipe::NotifieeConst {
+  Rsvp::RsvpMsgPipe* pipe;
+  explicit PipeConsumer(Rsvp::RsvpMsgPipe* p) : NotifieeConst(p), pipe(p) {}
+  void onReadableCount() override { benchmark::DoNotOptimize(pipe->rxMsg()); }
+};
+
+void BM_MsgPipeHandOver(benchmark::State& state) {
+  auto const pipe = Rsvp::rsvpSpRxMsgPipeCollFactory("pipes")->msgPipeIs(Rsvp::RsvpSpId());
+  PipeConsumer consumer(pipe.get());
+  Kel::Ptr<Rsvp::RsvpMsg const> const msg = Rsvp::rsvpPathMsgFactory();
+  for (auto _ : state) pipe->txMsgIs(msg);
+}
+BENCHMARK(BM_MsgPipeHandOver);
+
+}  // namespace

@@ -81,6 +81,14 @@ class LoaderErrors(unittest.TestCase):
         ("duplicate attribute",
          "unit: Unit\ntypes:\n  - value: V\n    attrs: [{name: x, type: U8}, {name: x, type: U8}]\n",
          "Unit.yaml: Rsvp::V.x: duplicate attribute"),
+        ("a trie keeps prefixes only",
+         "unit: Unit\ntypes:\n  - entity: E\n    attrs: [{name: m, kind: ordered-map,"
+         " key: U32, type: U8, container: Lumo::IpTrie}]\n",
+         "Unit.yaml: Rsvp::E.m: 'container' belongs to an ordered-map keyed by Lumo::IpGenPrefix"),
+        ("unknown container",
+         "unit: Unit\ntypes:\n  - entity: E\n    attrs: [{name: m, kind: ordered-map,"
+         " key: Lumo::IpGenPrefix, type: U8, container: Lumo::Radix}]\n",
+         "Unit.yaml: Rsvp::E.m: unknown container 'Lumo::Radix'"),
         ("a name from the top needs a namespace",
          "unit: Unit\ntypes:\n  - entity: ::Status\n    named: true\n",
          "Unit.yaml: bad type name '::Status'"),

@@ -19,7 +19,9 @@ VALUE_KEYS = {"value", "doc", "strep", "traits", "attrs", "methods"}
 ATTR_KEYS = {"name", "type", "doc", "const", "default", "range", "view", "derived"}
 ENTITY_KEYS = {"entity", "doc", "base", "baseArgs", "named", "key", "methods", "members", "attrs"}
 ENTITY_ATTR_KEYS = {"name", "kind", "type", "key", "doc", "default", "range", "ctor", "const",
-                    "id", "logged", "shared", "keyFrom", "param", "secret"}
+                    "id", "logged", "shared", "keyFrom", "param", "secret", "container"}
+# The longest-prefix tries an ordered-map keyed by prefix may be kept in.
+TRIES = {"Lumo::IpTrie": "IPv4", "Lumo::Ip6Trie": "IPv6"}
 
 
 class SchemaError(Exception):
@@ -436,6 +438,12 @@ def _define_entity_attr(model, type_, attr, raw, where):
         if found[0].type is not attr.key:
             _fail(where, f"{element.name}.{field} is not a {attr.key.name}")
         attr.key_from = field
+    if "container" in raw:
+        if kind != "ordered-map" or attr.key.name != "Lumo::IpGenPrefix":
+            _fail(where, "'container' belongs to an ordered-map keyed by Lumo::IpGenPrefix")
+        if raw["container"] not in TRIES:
+            _fail(where, f"unknown container '{raw['container']}' (known: {', '.join(TRIES)})")
+        attr.trie = raw["container"]
     if "param" in raw:
         if kind != "derived":
             _fail(where, "only a derived attribute takes a 'param'")
@@ -519,7 +527,10 @@ def _unit_includes(unit):
             if kind in ("hashed-map", "hashed-set"):
                 includes.add("Kel/HashTable.h")
             elif kind == "ordered-map":
+                # The log's dirty keys of any ordered-map are an OrderedMap.
                 includes.add("Kel/OrderedMap.h")
+                if attr.trie:
+                    includes.add("Lumo/IpTrie.h")
             elif kind == "queue":
                 includes.update(("Kel/Queue.h", "Kel/QueueMetadata.h"))
     includes.update(unit.extra_includes)

@@ -325,6 +325,7 @@ class EntityAttr:
         self.param = None     # the parameter of a derived attribute, as C++
         self.secret = False   # a derived attribute that reflection must not read
         self.metadata_of = None  # the queue whose record this derived attribute answers
+        self.trie = None      # an ordered-map by prefix kept in this Lumo trie template
 
     def log_id_or(self, index):
         """The attribute-log identifier: declared, else the index; 0 when the
@@ -454,6 +455,8 @@ class EntityAttr:
         if self.kind in ("hashed-map", "hashed-set"):
             return f"Kel::HashTable<{self.key.cpp}, {self.element}>"
         if self.kind == "ordered-map":
+            if self.trie:
+                return f"{self.trie}<{self.element}>"
             return f"Kel::OrderedMap<{self.key.cpp}, {self.element}>"
         if self.kind == "queue":
             return f"Kel::Queue<{self.element}>"

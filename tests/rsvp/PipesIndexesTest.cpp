@@ -4,10 +4,17 @@
 
 #include <gtest/gtest.h>
 
+#include "../TestSupport.h"
+
+#include <string>
+#include <vector>
+
 namespace {
 
 using namespace Rsvp;
 using Lumo::IpGenAddr;
+using Lumo::IpGenPrefix;
+using TestSupport::errorOf;
 
 RsvpNeighborId neighborId(char const* ip) { return RsvpNeighborId(IpGenAddr(ip)); }
 
@@ -140,6 +147,62 @@ TEST(IndexActiveDs, RowsAreSetsOfStatePathsByAddress) {
   row->spIdIs(spId(1, 2));
   EXPECT_EQ(index->spIdSetIs(IpGenAddr("10.0.0.2")), row);
   EXPECT_TRUE(index->spIdSet(IpGenAddr("10.0.0.2"))->spId(spId(1, 2)));
+}
+
+// The interface tries: children of the local interface map that answer the
+// longest match, notify per prefix, refuse keys they cannot hold without
+// changing, and replicate.
+TEST(LocalIntfMap, TriesAnswerTheLongestMatchNotifyAndReplicate) {
+  TestSupport::LogLink<RsvpLocalIntfMap> link(rsvpLocalIntfMapFactory("lim"),
+                                              rsvpLocalIntfMapFactory("lim"));
+  link.connect();
+  auto const v4 = link.source->ipTrieIs();
+  auto const v6 = link.source->ip6TrieIs();
+  struct Seen : Lumo::IntfIpTrie::NotifieeConst {
+    using NotifieeConst::NotifieeConst;
+    std::vector<std::string> keys;
+    void onIntfId(IpGenPrefix const& p) override { keys.push_back(p.stringValue()); }
+  } seen(v4.get());
+  v4->intfIdIs(IpGenPrefix(IpGenAddr("10.0.0.0"), 8), Lumo::IntfId("eth1"));
+  v4->intfIdIs(IpGenPrefix(IpGenAddr("10.1.0.0"), 16), Lumo::IntfId("eth2"));
+  v4->intfIdIs(IpGenPrefix(IpGenAddr("10.1.0.0"), 16), Lumo::IntfId("eth2"));  // equal: silent
+  v6->intfIdIs(IpGenPrefix(IpGenAddr("2001:db8::"), 32), Lumo::IntfId("eth3"));
+  EXPECT_EQ(seen.keys, (std::vector<std::string>{"10.0.0.0/8", "10.1.0.0/16"}));
+
+  struct Case {
+    char const* addr;
+    char const* prefix;  // "" when nothing covers the address
+  } const cases[] = {{"10.1.2.3", "10.1.0.0/16"}, {"10.2.0.1", "10.0.0.0/8"},
+                     {"11.0.0.1", ""},            {"2001:db8::1", ""},
+                     {"0.0.0.0", ""}};
+  for (Case const& c : cases) {
+    auto const hit = v4->longestMatch(IpGenAddr(c.addr));
+    EXPECT_EQ(hit.done() ? std::string() : hit.key().stringValue(), c.prefix) << c.addr;
+  }
+  EXPECT_EQ(v6->longestMatch(IpGenAddr("2001:db8:1::7")).value(), Lumo::IntfId("eth3"));
+
+  EXPECT_EQ(errorOf<Kel::RangeException>(
+                [&] { v4->intfIdIs(IpGenPrefix(IpGenAddr("10.0.0.1"), 8), Lumo::IntfId("eth9")); }),
+            "IpTrie key 10.0.0.1/8 has bits set beyond its length");
+  EXPECT_EQ(errorOf<Kel::RangeException>(
+                [&] { v6->intfIdIs(IpGenPrefix(IpGenAddr("10.0.0.0"), 8), Lumo::IntfId("eth9")); }),
+            "Ip6Trie key 10.0.0.0/8 is not an IPv6 prefix");
+  EXPECT_EQ(v4->intfIdSize(), 2u);
+  EXPECT_EQ(v6->intfIdSize(), 1u);
+  EXPECT_EQ(seen.keys.size(), 2u) << "a refused key notified";
+
+  link.source->intfIdIs(IpGenAddr("10.1.0.1"), Lumo::IntfId("eth2"));
+  link.sync();
+  EXPECT_TRUE(link.same());
+  auto const replicaTrie = link.replica->ipTrie();
+  ASSERT_TRUE(replicaTrie);
+  EXPECT_EQ(replicaTrie->longestMatch(IpGenAddr("10.1.9.9")).value(), Lumo::IntfId("eth2"));
+  v4->intfIdDel(IpGenPrefix(IpGenAddr("10.1.0.0"), 16));
+  link.source->ip6TrieDel();
+  link.sync();
+  EXPECT_TRUE(link.same());
+  EXPECT_EQ(replicaTrie->longestMatch(IpGenAddr("10.1.9.9")).value(), Lumo::IntfId("eth1"));
+  EXPECT_FALSE(link.replica->ip6Trie());
 }
 
 }  // namespace

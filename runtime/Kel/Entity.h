@@ -58,6 +58,14 @@ class NotifieeBase {
   U32 depth_;
 };
 
+class LogWriter;
+class LogSink;
+
+// The observer masks of Entity::kelNboAttrLogSaIs(): a stream follows every
+// attribute of the tree, or it is removed.
+inline constexpr U32 logObserveNone = 0;
+inline constexpr U32 logObserveAll = ~U32{0};
+
 class Entity : public PtrInterface {
  public:
   Entity(Entity const&) = delete;
@@ -102,6 +110,21 @@ class Entity : public PtrInterface {
     assertMutable();
     name_ = std::move(name);
   }
+
+  // Mounts the entity as the root of an attribute log, its stream `number`
+  // going to `stream`: the stream gets a snapshot of the tree, then its
+  // changes at each flush() of the answered writer, which is the entity's
+  // one Kel::LogWriter for all its streams. A call with a number already in
+  // use replaces that stream (the new one starts with a snapshot).
+  // `observerMask` logObserveAll follows every attribute; logObserveNone
+  // removes stream `number` (and answers null once none is left, the writer
+  // gone). The mount holds the entity: a mounted tree lives until its last
+  // stream is removed. Any other mask, or a null stream to add, raises
+  // Kel::RangeException ("Unsupported attribute-log observer mask 0x…",
+  // "Null attribute-log stream") and changes nothing.
+  LogWriter* kelNboAttrLogSaIs(U32 observerMask, U32 number, std::unique_ptr<LogSink> stream);
+  // The writer of the entity's mount, or null when it is not mounted.
+  [[nodiscard]] LogWriter* kelNboAttrLogSa() const;
 
   // For the framework: the owner sets and clears the parent. A frozen
   // entity's parent is cleared too, when its owner lets it go.

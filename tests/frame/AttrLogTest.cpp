@@ -559,3 +559,55 @@ TEST(SharedMap, KeyedByItsElementsAndNotOwning) {
 }
 
 }  // namespace
+
+// Mounting by the entity's own member: numbered streams share one writer, a
+// number used again starts afresh with a snapshot, removing the last stream
+// unmounts, and a mask it cannot honour changes nothing.
+TEST(AttrLog, MountedByItsOwnMember) {
+  auto const source = Sample::rootFactory("root");
+  auto const replicaA = Sample::rootFactory("root");
+  auto const replicaB = Sample::rootFactory("root");
+  Kel::LogReader readerA(*replicaA);
+  Kel::LogReader readerB(*replicaB);
+  auto sinkA = std::make_unique<Kel::MemorySink>();
+  auto sinkB = std::make_unique<Kel::MemorySink>();
+  Kel::MemorySink* const a = sinkA.get();
+  Kel::MemorySink* const b = sinkB.get();
+
+  EXPECT_EQ(source->kelNboAttrLogSa(), nullptr);
+  EXPECT_EQ(errorOf<Kel::RangeException>(
+                [&] { source->kelNboAttrLogSaIs(0x10, 1, std::make_unique<Kel::MemorySink>()); }),
+            "Unsupported attribute-log observer mask 0x10");
+  EXPECT_EQ(errorOf<Kel::RangeException>(
+                [&] { source->kelNboAttrLogSaIs(Kel::logObserveAll, 1, nullptr); }),
+            "Null attribute-log stream");
+  EXPECT_EQ(source->kelNboAttrLogSa(), nullptr) << "a refused call mounted";
+
+  source->countIs(5);
+  Kel::LogWriter* const writer = source->kelNboAttrLogSaIs(Kel::logObserveAll, 1, std::move(sinkA));
+  ASSERT_NE(writer, nullptr);
+  EXPECT_EQ(source->kelNboAttrLogSaIs(Kel::logObserveAll, 2, std::move(sinkB)), writer);
+  EXPECT_EQ(writer->subscribers(), 2u);
+  source->countIs(6);
+  writer->flush();
+  readerA.bytesIs(a->take());
+  readerB.bytesIs(b->take());
+  EXPECT_EQ(replicaA->count(), 6u);
+  EXPECT_EQ(replicaB->count(), 6u);
+
+  // Stream 1 again: the old sink goes, the new one starts with a snapshot.
+  auto sinkC = std::make_unique<Kel::MemorySink>();
+  Kel::MemorySink* const c = sinkC.get();
+  EXPECT_EQ(source->kelNboAttrLogSaIs(Kel::logObserveAll, 1, std::move(sinkC)), writer);
+  EXPECT_EQ(writer->subscribers(), 2u);
+  auto const replicaC = Sample::rootFactory("root");
+  Kel::LogReader readerC(*replicaC);
+  readerC.bytesIs(c->take());
+  EXPECT_TRUE(readerC.inSync());
+  EXPECT_EQ(replicaC->count(), 6u);
+
+  EXPECT_EQ(source->kelNboAttrLogSaIs(Kel::logObserveNone, 2, nullptr), writer);
+  EXPECT_EQ(source->kelNboAttrLogSaIs(Kel::logObserveNone, 7, nullptr), writer) << "unknown number";
+  EXPECT_EQ(source->kelNboAttrLogSaIs(Kel::logObserveNone, 1, nullptr), nullptr);
+  EXPECT_EQ(source->kelNboAttrLogSa(), nullptr);
+}

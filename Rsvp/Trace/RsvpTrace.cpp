@@ -63,11 +63,15 @@ TraceFacility& integrityTrace() {
   static TraceFacility f("RsvpIntegrity");
   return f;
 }
+TraceFacility& statusTrace() {
+  static TraceFacility f("RsvpStatus");
+  return f;
+}
 
 std::span<TraceFacility* const> traceFacilities() {
   static TraceFacility* const all[] = {&errorTrace(),    &integrityTrace(), &msgTrace(),
                                        &neighborTrace(), &rawDataTrace(),   &sessionTrace(),
-                                       &spTrace()};
+                                       &spTrace(),       &statusTrace()};
   return all;
 }
 

@@ -72,6 +72,7 @@ TraceFacility& sessionTrace();    // "RsvpSession"
 TraceFacility& errorTrace();      // "RsvpError": errors and their reset
 TraceFacility& neighborTrace();   // "RsvpNeighbor"
 TraceFacility& integrityTrace();  // "RsvpIntegrity"
+TraceFacility& statusTrace();     // "RsvpStatus": the status root's reset
 
 }  // namespace Rsvp
 

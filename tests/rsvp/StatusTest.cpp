@@ -1,0 +1,250 @@
+// The status root: the children doInit() makes, in order and by name, and
+// reset(), which empties every collection of the tree in place, both
+// observed generically through reflection so that every child is covered.
+#include <Rsvp/Rsvp.h>
+
+#include <gtest/gtest.h>
+
+#include "../TestSupport.h"
+
+#include <algorithm>
+#include <functional>
+#include <string>
+#include <utility>
+#include <vector>
+
+namespace {
+
+using namespace Rsvp;
+
+bool isCollection(Kel::KelAttr const& a) {
+  switch (a.kind) {
+    case Kel::AttrKind::hashedMap:
+    case Kel::AttrKind::hashedSet:
+    case Kel::AttrKind::orderedMap:
+    case Kel::AttrKind::queue:
+      return true;
+    default:
+      return false;
+  }
+}
+
+Kel::Ptr<Kel::Entity const> childOf(Kel::Entity const& e, Kel::KelAttr const& a) {
+  Kel::Ptr<Kel::Entity const> out;
+  e.fwkType().attributeOp(&out, const_cast<Kel::Entity*>(&e), &a, Kel::attrOpRead);
+  return out;
+}
+
+// Visits `e` and every entity it owns (slots and members of maps of
+// entities), depth first.
+void forEachOwned(Kel::Entity const& e, std::function<void(Kel::Entity const&)> const& f) {
+  f(e);
+  e.fwkType().forEachAttr([&](Kel::KelAttr const& a) {
+    if (Kel::holdsShared(a) || !a.type || a.type->kind() != Kel::TypeKind::entity) return;
+    if (a.kind == Kel::AttrKind::child) {
+      if (auto const c = childOf(e, a)) forEachOwned(*c, f);
+    } else if (isCollection(a)) {
+      std::unique_ptr<Kel::GenericIter> it;
+      e.fwkType().attributeOp(&it, const_cast<Kel::Entity*>(&e), &a, Kel::attrOpIterate);
+      for (; it && !it->done(); it->next()) forEachOwned(*it->entity(), f);
+    }
+  });
+}
+
+// The collections of the tree that hold members, as "entity.attr".
+std::vector<std::string> nonEmptyCollections(Kel::Entity const& root) {
+  std::vector<std::string> out;
+  forEachOwned(root, [&](Kel::Entity const& e) {
+    e.fwkType().forEachAttr([&](Kel::KelAttr const& a) {
+      if (!isCollection(a)) return;
+      std::size_t n = 0;
+      e.fwkType().attributeOp(&n, const_cast<Kel::Entity*>(&e), &a, Kel::attrOpSize);
+      if (n) out.push_back(e.fullName() + "." + std::string(a.name));
+    });
+  });
+  return out;
+}
+
+// Puts a member into every collection of every child that takes one made
+// from random text of its key and element types (some keys, such as a
+// prefix of the wrong family, are refused and skipped); answers how many.
+int fillEveryCollection(RsvpStatus& root) {
+  int filled = 0;
+  std::vector<Kel::Entity*> children;
+  root.fwkType().forEachAttr([&](Kel::KelAttr const& a) {
+    if (a.kind != Kel::AttrKind::child) return;
+    if (auto const c = childOf(root, a)) children.push_back(const_cast<Kel::Entity*>(c.get()));
+  });
+  for (Kel::Entity* child : children) {
+    child->fwkType().forEachAttr([&](Kel::KelAttr const& a) {
+      if (!isCollection(a) || Kel::holdsShared(a) || a.kind == Kel::AttrKind::queue) return;
+      Kel::GenericValue key(*a.keyType);
+      bool const ofEntities = a.type->kind() == Kel::TypeKind::entity;
+      std::unique_ptr<Kel::GenericValue> element;
+      if (!ofEntities && a.kind != Kel::AttrKind::hashedSet) {
+        element = std::make_unique<Kel::GenericValue>(*a.type);
+      }
+      try {
+        if (a.keyType == &Lumo::typeIpGenPrefix) {
+          key.strepIs(a.name == "intfId" && std::string(child->fwkType().name()).find("Ip6") !=
+                                                 std::string::npos
+                          ? "2001:db8::/32"
+                          : "10.0.0.0/8");
+        }
+        int const status = child->fwkType().attributeOp(
+            nullptr, child, &a, Kel::attrOpMemberWrite, key.get(), element ? element->get() : nullptr);
+        if (status == Kel::attrDone) ++filled;
+      } catch (Kel::RangeException const&) {
+      }
+    });
+  }
+  return filled;
+}
+
+// Every element notification (a callback with a key) of the tree's owned
+// entities, by "entity.attr".
+struct ElementNotices : Kel::GenericNotifiee {
+  std::vector<std::unique_ptr<Kel::NotifieeBase>> notifiees;
+  std::vector<std::string> heard;
+  explicit ElementNotices(Kel::Entity const& root) {
+    forEachOwned(root, [&](Kel::Entity const& e) {
+      notifiees.push_back(e.fwkType().genericNotifiee(&e, this));
+    });
+  }
+  void onAttribute(Kel::Entity const& e, Kel::KelAttr const& a, void const* key) override {
+    if (key) heard.push_back(e.fullName() + "." + std::string(a.name));
+  }
+};
+
+TEST(Status, InitMakesEveryChildInOrderUnderItsName) {
+  struct Children {
+    char const* attr;
+    char const* name;  // "" for a child made without a name
+  } const expected[] = {
+      {"neighborStateColl", "nsc"},
+      {"spStateColl", "spsc"},
+      {"sessionStateColl", "ssc"},
+      {"indexActiveDsToSp", "iadts"},
+      {"frrNextHopColl", "fnhc"},
+      {"localIntfMap", "lim"},
+      {"spLocalIntfMapSubscriberColl", "limsc"},
+      {"spLocalIntfMapNotifyColl", "limnc"},
+      {"spLocalIntfTrieSubscriberColl", "litsc"},
+      {"spLocalIntfTrieNotifyColl", "litnc"},
+      {"neighborIntfMap", "nim"},
+      {"spNeighborIntfMapSubscriberColl", "nimsc"},
+      {"spNeighborIntfMapNotifyColl", "nimnc"},
+      {"spRouterIdTableSubscriberColl", "ritsc"},
+      {"spRouterIdTableNotifyColl", "ritnc"},
+      {"labelRequestTable", "lrt"},
+      {"labelAllocTable", "lat"},
+      {"neighborRxMsgPipeColl", "nrxmpc"},
+      {"neighborChallengeRxMsgPipeColl", "nchrxmpc"},
+      {"neighborHelloRxMsgPipeColl", "nhrxmpc"},
+      {"neighborTxMsgPipeColl", "ntxmpc"},
+      {"spTxMsgPipeColl", "sptxmpc"},
+      {"spRxMsgPipeColl", "sprxmpc"},
+      {"hopObjConfigColl", "hcc"},
+      {"hopObjStatusColl", "hsc"},
+      {"labelObjConfigColl", "locc"},
+      {"labelObjStatusColl", "losc"},
+      {"eroConfigColl", "ecc"},
+      {"eroStatusColl", "esc"},
+      {"rroConfigColl", "rcc"},
+      {"rroStatusColl", "rsc"},
+      {"tunnelRequestTableColl", "trtc"},
+      {"tunnelConfigColl", "tcc"},
+      {"tunnelStatusColl", "tsc"},
+      {"frrSharedData", "sacls"},
+      {"ipSocketErrorState", ""},
+  };
+  auto const root = rsvpStatusFactory("status");
+  EXPECT_EQ(RsvpStatus::mountPath(), "mpls/rsvp/status");
+  struct Order : Kel::GenericNotifiee {
+    std::vector<std::string> heard;
+    void onAttribute(Kel::Entity const&, Kel::KelAttr const& a, void const*) override {
+      heard.emplace_back(a.name);
+    }
+  } order;
+  auto const notifiee = RsvpStatus::kelType.genericNotifiee(root.get(), &order);
+  root->doInit();
+
+  std::vector<std::string> want;
+  for (Children const& c : expected) {
+    want.emplace_back(c.attr);
+    Kel::KelAttr const* a = RsvpStatus::kelType.attr(c.attr);
+    ASSERT_NE(a, nullptr) << c.attr;
+    auto const child = childOf(*root, *a);
+    ASSERT_TRUE(child) << c.attr;
+    EXPECT_EQ(child->parent(), root.get()) << c.attr;
+    if (*c.name) {
+      EXPECT_EQ(child->name(), c.name) << c.attr;
+    }
+  }
+  EXPECT_EQ(order.heard, want);
+  ASSERT_TRUE(root->neighborStateColl()->sharedState());
+
+  // doInit() again keeps the children it finds.
+  auto const spsc = root->spStateColl();
+  root->doInit();
+  EXPECT_EQ(root->spStateColl(), spsc);
+  EXPECT_EQ(order.heard.size(), want.size());
+
+  auto const extra = root->newSpRouterIdTableSubscriberColl("extra");
+  EXPECT_EQ(extra->name(), "extra");
+  EXPECT_EQ(extra->parent(), root.get());
+  EXPECT_NE(root->spRouterIdTableSubscriberColl(), extra);
+  EXPECT_EQ(root->newSpRouterIdTableNotifyColl("extraNotify")->parent(), root.get());
+}
+
+TEST(Status, ResetEmptiesEveryCollectionAndKeepsTheShape) {
+  TestSupport::LogLink<RsvpStatus> link(rsvpStatusFactory("status"), rsvpStatusFactory("status"));
+  RsvpStatus& root = *link.source;
+  root.doInit();
+  link.connect();
+
+  {
+    ElementNotices fresh(root);
+    root.reset();
+    EXPECT_EQ(fresh.heard, std::vector<std::string>{}) << "a fresh tree notified";
+  }
+
+  EXPECT_GE(fillEveryCollection(root), 30);
+  root.localIntfMap()->ipTrieIs()->intfIdIs(Lumo::IpGenPrefix(Lumo::IpGenAddr("10.0.0.0"), 8),
+                                            Lumo::IntfId("eth0"));
+  root.neighborStateColl()->sharedState()->txSeqNoInc(41);
+  root.neighborTxMsgPipeColl()->msgPipeIs("tx")->txMsgIs(rsvpPathMsgFactory());
+  root.ipSocketErrorState()->errorDetectedTimeIs(3);
+  link.sync();
+  ASSERT_TRUE(link.same());
+  std::vector<std::string> const filled = nonEmptyCollections(root);
+
+  std::vector<Kel::Ptr<Kel::Entity const>> before;
+  RsvpStatus::kelType.forEachAttr([&](Kel::KelAttr const& a) {
+    if (a.kind == Kel::AttrKind::child) before.push_back(childOf(root, a));
+  });
+  ElementNotices notices(root);
+  root.reset();
+
+  EXPECT_EQ(nonEmptyCollections(root), std::vector<std::string>{});
+  // Each collection that held a member told its notifiees of the removal.
+  for (std::string const& c : filled) {
+    EXPECT_NE(std::find(notices.heard.begin(), notices.heard.end(), c), notices.heard.end()) << c;
+  }
+  std::size_t i = 0;
+  RsvpStatus::kelType.forEachAttr([&](Kel::KelAttr const& a) {
+    if (a.kind == Kel::AttrKind::child) {
+      EXPECT_EQ(childOf(root, a), before[i++]) << a.name;
+    }
+  });
+  EXPECT_EQ(root.neighborStateColl()->sharedState()->txSeqNo(), 0u);
+  EXPECT_FALSE(root.neighborTxMsgPipeColl()->msgPipe());
+  EXPECT_EQ(root.ipSocketErrorState()->errorDetectedTime(), 0);
+
+  link.sync();
+  EXPECT_TRUE(link.same());
+  EXPECT_EQ(nonEmptyCollections(*link.replica), std::vector<std::string>{});
+  EXPECT_TRUE(link.sameSize());
+}
+
+}  // namespace

@@ -6,7 +6,7 @@
 //   Kel::Ptr<RsvpSessionIdDedupTableReal> table = rsvpSessionIdDedupTableRealFactory();
 //   RsvpSessionIdDeduped a(table->dedupFromValue(id));
 //   RsvpSessionIdDeduped b(table->dedupFromAttrs(dstIp, tunnelId, extTunnelId));
-//   // a.handle() == b.handle() when the two ids are equal, and a == id-wise.
+//   // Equal ids: a.handle() == b.handle(), and a == b compares the ids.
 //
 // The machinery is written once, as templates over the identifier; each
 // identifier gets its names below. The tables are entities of the model

@@ -1,15 +1,21 @@
 // The dedup table in both layouts, 100k handles linked: dedup of a value
 // already present, and of a new value (made, linked, then released, which
 // unlinks it); the two layouts interleaved for a ratio. Also the reference
-// count under the dedup flags: a pointer copied and dropped.
+// count under the dedup flags: a pointer copied and dropped. Then the typed
+// layer: dedupFromValue of a session id present and of a new one, and the
+// heap bytes that deduplication saves on the identifiers of 100k state paths.
 #include <Kel/Hash.h>
 #include <Kel/Ptr.h>
 #include <Orv/DedupHashTable.h>
+#include <Rsvp/RsvpIdDedup.h>
 
 #include <benchmark/benchmark.h>
 
+#include "HeapCount.h"
+
 #include <chrono>
 #include <cstdint>
+#include <optional>
 #include <vector>
 
 namespace {
@@ -115,5 +121,98 @@ void BM_DedupLayoutRatio(benchmark::State& state) {
   state.counters["vsUnorderedSet"] = double(ours.count()) / double(theirs.count());
 }
 BENCHMARK(BM_DedupLayoutRatio)->Arg(0)->Arg(1)->ArgNames({"new"});
+
+Rsvp::RsvpSessionId sessionId(U32 i) {
+  return Rsvp::RsvpSessionId(Lumo::IpGenAddr::ipv4(0x0a000000u + i % 1000),
+                             Rsvp::RsvpTunnelId(static_cast<Kel::U16>(i / 1000)),
+                             Lumo::IpGenAddr::ipv4(0x0b000001u));
+}
+
+// 100k session ids held; the candidate made for an id present is dropped.
+void BM_TypedDedupPresent(benchmark::State& state) {
+  auto const table = Rsvp::rsvpSessionIdDedupTableRealFactory();
+  std::vector<Kel::Ptr<Rsvp::RsvpSessionIdHandle>> held;
+  std::vector<Rsvp::RsvpSessionId> ids;
+  for (U32 i = 0; i < kHandles; ++i) {
+    ids.push_back(sessionId((i * 7919u) % kHandles));
+    held.push_back(table->dedupFromValue(sessionId(i)));
+  }
+  U32 i = 0;
+  for (auto _ : state) benchmark::DoNotOptimize(table->dedupFromValue(ids[i++ % kHandles]).get());
+  state.SetItemsProcessed(static_cast<std::int64_t>(state.iterations()));
+}
+BENCHMARK(BM_TypedDedupPresent);
+
+// A new id: made, linked, then released and unlinked, beside 100k held.
+void BM_TypedDedupNew(benchmark::State& state) {
+  auto const table = Rsvp::rsvpSessionIdDedupTableRealFactory();
+  std::vector<Kel::Ptr<Rsvp::RsvpSessionIdHandle>> held;
+  for (U32 i = 0; i < kHandles; ++i) held.push_back(table->dedupFromValue(sessionId(i)));
+  U32 i = 0;
+  for (auto _ : state) {
+    benchmark::DoNotOptimize(table->dedupFromValue(sessionId(kHandles + i++)).get());
+  }
+  state.SetItemsProcessed(static_cast<std::int64_t>(state.iterations()));
+}
+BENCHMARK(BM_TypedDedupNew);
+
+// The identifiers of one state path, held by value or deduplicated.
+struct PlainIds {
+  Rsvp::RsvpSessionId session;
+  Rsvp::RsvpPathId path;
+  Rsvp::RsvpNeighborId neighbor;
+};
+struct DedupedIds {
+  Rsvp::RsvpSessionIdDeduped session;
+  Rsvp::RsvpPathIdDeduped path;
+  Rsvp::RsvpNeighborIdDeduped neighbor;
+};
+
+constexpr U32 kPaths = 100000;
+constexpr U32 kSessions = 1000;
+constexpr U32 kNeighbors = 100;
+
+// Path p belongs to session p % 1000, has LSP id p / 1000 and leaves by
+// neighbor p % 100. Heap bytes, the tables' included, of the two ways of
+// holding the identifiers of every path; each path's block holds its ids.
+void BM_DedupBytesSaved(benchmark::State& state) {
+  double plainBytes = 0;
+  double dedupedBytes = 0;
+  for (auto _ : state) {
+    heap::start();
+    {
+      std::vector<std::unique_ptr<PlainIds>> paths;
+      paths.reserve(kPaths);
+      for (U32 p = 0; p < kPaths; ++p) {
+        paths.push_back(std::make_unique<PlainIds>(
+            PlainIds{sessionId(p % kSessions), Rsvp::RsvpPathId(p / kSessions),
+                     Rsvp::RsvpNeighborId(Lumo::IpGenAddr::ipv4(0x0c000000u + p % kNeighbors))}));
+      }
+      plainBytes = double(heap::liveBytes);
+    }
+    heap::start();
+    {
+      auto const sessions = Rsvp::rsvpSessionIdDedupTableRealFactory();
+      auto const pathIds = Rsvp::rsvpPathIdDedupTableRealFactory();
+      auto const neighbors = Rsvp::rsvpNeighborIdDedupTableRealFactory();
+      std::vector<std::unique_ptr<DedupedIds>> paths;
+      paths.reserve(kPaths);
+      for (U32 p = 0; p < kPaths; ++p) {
+        paths.push_back(std::make_unique<DedupedIds>(DedupedIds{
+            Rsvp::RsvpSessionIdDeduped(sessions->dedupFromValue(sessionId(p % kSessions))),
+            Rsvp::RsvpPathIdDeduped(pathIds->dedupFromValue(Rsvp::RsvpPathId(p / kSessions))),
+            Rsvp::RsvpNeighborIdDeduped(
+                neighbors->dedupFromAttrs(Lumo::IpGenAddr::ipv4(0x0c000000u + p % kNeighbors)))}));
+      }
+      dedupedBytes = double(heap::liveBytes);
+    }
+    heap::counting = false;
+  }
+  state.counters["plainBytesPerPath"] = plainBytes / kPaths;
+  state.counters["dedupedBytesPerPath"] = dedupedBytes / kPaths;
+  state.counters["bytesSaved"] = plainBytes - dedupedBytes;
+  state.counters["savedFraction"] = 1 - dedupedBytes / plainBytes;
+}
+BENCHMARK(BM_DedupBytesSaved)->Iterations(1)->Unit(benchmark::kMillisecond);
 
 }  // namespace

@@ -89,6 +89,9 @@ class LoaderErrors(unittest.TestCase):
          "unit: Unit\ntypes:\n  - entity: E\n    attrs: [{name: m, kind: ordered-map,"
          " key: Lumo::IpGenPrefix, type: U8, container: Lumo::Radix}]\n",
          "Unit.yaml: Rsvp::E.m: unknown container 'Lumo::Radix'"),
+        ("an empty mixin",
+         "unit: Unit\ntypes:\n  - entity: E\n    mixin: ''\n",
+         "Unit.yaml: Rsvp::E: a mixin is the C++ name of a hand-written class"),
         ("a name from the top needs a namespace",
          "unit: Unit\ntypes:\n  - entity: ::Status\n    named: true\n",
          "Unit.yaml: bad type name '::Status'"),
@@ -133,6 +136,31 @@ class Loading(unittest.TestCase):
         self.assertEqual(status.attrs[0].type.desc, "TrafficEngineering::typeBwPriority")
         self.assertEqual([ns for ns, _ in emit.namespace_blocks(model.units[0].types)],
                          ["Te", "Rsvp"])
+
+    def test_hand_written_members_mixin_and_deduplicated_ids(self):
+        model = load_text({"Unit.yaml": """\
+            unit: Unit
+            includes: [Rsvp/Ops.h]
+            types:
+              - entity: Table
+                mixin: Ops<Table>
+                members: ["int count_ = 0"]
+                attrs:
+                  - {name: path, type: RsvpPathIdDeduped}
+                  - {name: byNeighbor, kind: hashed-map, key: RsvpNeighborIdDeduped, type: U8}
+            """})
+        unit = model.units[0]
+        table = unit.types[0]
+        self.assertEqual((table.mixin, table.members), ("Ops<Table>", ["int count_ = 0"]))
+        path, by_neighbor = table.attrs
+        self.assertEqual((path.type.desc, path.type.log_ns),
+                         ("Rsvp::typeRsvpPathIdDeduped", "Rsvp"))
+        self.assertTrue(by_neighbor.key.has_hash)
+        self.assertIn("Rsvp/RsvpIdDeduped.h", unit.includes)
+        self.assertIn("Rsvp/Ops.h", unit.includes)
+        header = emit.render(model)["Rsvp/Unit.h"]
+        self.assertIn("class Table : public Kel::Entity, public Ops<Table> {", header)
+        self.assertIn("int count_ = 0;", header)
 
     def test_outputs_are_named_after_units(self):
         model = load_text({"Sub/Unit.yaml": GOOD})

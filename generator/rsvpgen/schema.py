@@ -17,7 +17,8 @@ UNIT_KEYS = {"unit", "doc", "types", "includes"}
 ENUM_KEYS = {"enum", "doc", "values"}
 VALUE_KEYS = {"value", "doc", "strep", "traits", "attrs", "methods"}
 ATTR_KEYS = {"name", "type", "doc", "const", "default", "range", "view", "derived"}
-ENTITY_KEYS = {"entity", "doc", "base", "baseArgs", "named", "key", "methods", "members", "attrs"}
+ENTITY_KEYS = {"entity", "doc", "base", "baseArgs", "named", "key", "methods", "members", "mixin",
+               "attrs"}
 ENTITY_ATTR_KEYS = {"name", "kind", "type", "key", "doc", "default", "range", "ctor", "const",
                     "id", "logged", "shared", "keyFrom", "param", "secret", "container"}
 # The longest-prefix tries an ordered-map keyed by prefix may be kept in.
@@ -342,6 +343,11 @@ def _define_entity_head(model, type_, body, where):
     type_.named = bool(body.get("named", False))
     type_.methods = list(body.get("methods", []) or [])
     type_.members = list(body.get("members", []) or [])
+    if "mixin" in body:
+        mixin = body["mixin"]
+        if not isinstance(mixin, str) or not mixin.strip():
+            _fail(where, "a mixin is the C++ name of a hand-written class")
+        type_.mixin = mixin.strip()
     if "key" in body:
         raw = body["key"]
         _check_keys(f"{where}.key", raw, {"name", "type", "doc"}, ("name", "type"))

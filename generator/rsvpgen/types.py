@@ -15,7 +15,7 @@ class Type:
     """
 
     def __init__(self, name, cpp, ns, category, include=None, bits=0,
-                 signed=False, has_hash=True, has_less=True):
+                 signed=False, has_hash=True, has_less=True, log_ns=None):
         self.name = name
         self.cpp = cpp
         self.ns = ns
@@ -25,6 +25,7 @@ class Type:
         self.signed = signed
         self.has_hash = has_hash
         self.has_less = has_less
+        self.own_log_ns = log_ns
 
     @property
     def short(self):
@@ -33,6 +34,8 @@ class Type:
     @property
     def log_ns(self):
         """Namespace of the type's attribute-log codec (kelLogWrite, kelLogRead)."""
+        if self.own_log_ns:
+            return self.own_log_ns
         return self.ns if self.category in ("value", "entity") else "Kel"
 
     @property
@@ -102,6 +105,11 @@ def _builtin_types():
                              ("Tunnel::TunnelTable", "TunnelId", "Tunnel")):
         out.append(Type(f"{ns}::{name}", f"{ns}::{name}", ns, "lumo",
                         include=f"{folder}/{name}.h"))
+    # The deduplicated identifiers: hand-written over the generated
+    # identifiers, with their own attribute-log codec.
+    for name in ("RsvpSessionIdDeduped", "RsvpPathIdDeduped", "RsvpNeighborIdDeduped"):
+        out.append(Type(f"Rsvp::{name}", f"Rsvp::{name}", "Rsvp", "lumo",
+                        include="Rsvp/RsvpIdDeduped.h", log_ns="Rsvp"))
     return out
 
 
@@ -479,6 +487,7 @@ class EntityType(Type):
         self.attrs = []       # own attributes, declaration order
         self.methods = []
         self.members = []     # hand-written private data members
+        self.mixin = None     # a hand-written class (template) also derived from, after the base
         self.subtypes = []    # entity types deriving from this one, directly or not
 
     @property

@@ -611,3 +611,33 @@ TEST(AttrLog, MountedByItsOwnMember) {
   EXPECT_EQ(source->kelNboAttrLogSaIs(Kel::logObserveNone, 1, nullptr), nullptr);
   EXPECT_EQ(source->kelNboAttrLogSa(), nullptr);
 }
+
+namespace {
+
+// A dedup table held as a child made without a name has no logged
+// attributes: the replica makes an empty table of its own. Deduplicated
+// values, as attributes and as keys, travel as their identifiers, a null
+// handle as itself.
+TEST(AttrLog, DedupTablesAndDedupedValuesReplicate) {
+  TestSupport::LogLink<Sample::DedupHolder> link(Sample::dedupHolderFactory("holder"),
+                                                 Sample::dedupHolderFactory("holder"));
+  link.connect();
+  auto const table = link.source->sessionIdDedupTableIs();
+  RsvpSessionId const id(Lumo::IpGenAddr("10.0.0.2"), RsvpTunnelId(7), Lumo::IpGenAddr("10.0.0.1"));
+  RsvpSessionIdDeduped const session(table->dedupFromValue(id));
+  RsvpNeighborIdDeduped const neighbor(
+      rsvpNeighborIdHandleFactory(RsvpNeighborId(Lumo::IpGenAddr("10.0.0.9"))));
+  link.source->pathIdIs(RsvpPathIdDeduped(rsvpPathIdHandleFactory(RsvpPathId(3))));
+  link.source->neighborIs(neighbor, session);
+  link.source->neighborIs(RsvpNeighborIdDeduped(), RsvpSessionIdDeduped());
+  link.sync();
+  EXPECT_TRUE(link.same()) << Kel::browseText(*link.replica);
+  ASSERT_NE(link.replica->sessionIdDedupTable(), nullptr);
+  EXPECT_NE(link.replica->sessionIdDedupTable()->dedupTable(), table->dedupTable());
+  EXPECT_EQ(link.replica->sessionIdDedupTable()->dedupTable()->size(), 0u);
+  EXPECT_EQ(link.replica->pathId().stringValue(), "<lspId=3>");
+  EXPECT_EQ(link.replica->neighbor(neighbor), session);
+  EXPECT_EQ(link.replica->neighbor(RsvpNeighborIdDeduped()).stringValue(), "NOHANDLE");
+}
+
+}  // namespace

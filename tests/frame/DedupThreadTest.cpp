@@ -1,9 +1,12 @@
 // Threads: several threads dedup and release handles of one table at once,
 // and pass handles to each other so that a handle is often released by a
 // thread other than the one that linked it. Run under ThreadSanitizer
-// (preset tsan), where an unsynchronised access fails.
+// (preset tsan), where an unsynchronised access fails. Then the same through
+// the typed layer: one dedup table entity per thread over a shared base
+// table, deduplicated values handed from thread to thread.
 #include <Kel/Hash.h>
 #include <Orv/DedupHashTable.h>
+#include <Rsvp/RsvpIdDedup.h>
 
 #include <gtest/gtest.h>
 
@@ -105,6 +108,60 @@ TEST(DedupThreads, ConcurrentDedupsAndReleasesOfOneTable) {
     EXPECT_EQ(wrong.load(), 0) << "a value had two live handles";
     EXPECT_EQ(liveHandles.load(), 0) << "every handle was destroyed";
   }
+}
+
+// Deduplicated session ids passed between threads, some parsed (a handle
+// that no table knows). A thread keeps its own table entity: entities that
+// are not frozen belong to one thread, the base table is shared.
+void typedChurn(Orv::DedupHashTable& shared, std::mutex& mutex,
+                std::vector<Rsvp::RsvpSessionIdDeduped>& box, unsigned seed, int rounds,
+                std::atomic<int>* wrong) {
+  auto const table = Rsvp::rsvpSessionIdDedupTableRealFactory();
+  table->dedupTableIs(&shared);
+  std::mt19937 rng(seed);
+  std::vector<Rsvp::RsvpSessionIdDeduped> held;
+  for (int round = 0; round < rounds; ++round) {
+    Rsvp::RsvpSessionId const id(Lumo::IpGenAddr::ipv4(0x0a000000u + rng() % 8),
+                                 Rsvp::RsvpTunnelId(7), Lumo::IpGenAddr());
+    Rsvp::RsvpSessionIdDeduped got(table->dedupFromValue(id));
+    if (rng() % 5 == 0) got.stringValueIs(got.stringValue());
+    for (auto const& h : held) {
+      bool const linked = h.handle()->dedupState() == Orv::DedupHandle::DedupState::linked &&
+                          got.handle()->dedupState() == Orv::DedupHandle::DedupState::linked;
+      if (h.value() == id && linked && h.handle() != got.handle()) wrong->fetch_add(1);
+    }
+    if (got.value() != id || got.hash() != id.hash()) wrong->fetch_add(1);
+    held.push_back(got);
+    if (rng() % 3 == 0) {
+      std::size_t const i = rng() % held.size();
+      std::lock_guard const lock(mutex);
+      std::swap(held[i], box[rng() % box.size()]);
+      if (!held[i].handle()) held.erase(held.begin() + static_cast<std::ptrdiff_t>(i));
+    }
+    while (held.size() > 3)
+      held.erase(held.begin() + static_cast<std::ptrdiff_t>(rng() % held.size()));
+  }
+}
+
+TEST(DedupThreads, TypedValuesCrossThreads) {
+  std::atomic<int> wrong{0};
+  Orv::DedupHashTable shared;
+  std::mutex mutex;
+  std::vector<Rsvp::RsvpSessionIdDeduped> box(8);
+  constexpr int rounds = 10000;
+#if KEL_THREAD_SAFE_PTR
+  std::vector<std::thread> threads;
+  for (unsigned t = 0; t < 4; ++t) {
+    threads.emplace_back(typedChurn, std::ref(shared), std::ref(mutex), std::ref(box), t + 1,
+                         rounds, &wrong);
+  }
+  for (auto& t : threads) t.join();
+#else
+  for (unsigned t = 0; t < 4; ++t) typedChurn(shared, mutex, box, t + 1, rounds, &wrong);
+#endif
+  EXPECT_EQ(wrong.load(), 0) << "a live id had two linked handles";
+  box.clear();
+  EXPECT_EQ(shared.size(), 0u) << "every handle left the table with its last holder";
 }
 
 }  // namespace

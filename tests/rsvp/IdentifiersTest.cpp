@@ -1,10 +1,18 @@
 // The identifiers: string forms and their parsing, exact error texts, the
-// null test, ordering and hashes worked out by hand from the algorithm.
+// null test, ordering and hashes worked out by hand from the algorithm. Then
+// their deduplicated twins through one typed suite: handles shared and
+// released against a model, the null handle, text and log round trips.
 #include <Rsvp/Rsvp.h>
+
+#include <Kel/Reflect.h>
 
 #include <gtest/gtest.h>
 
+#include "../TestSupport.h"
+
+#include <map>
 #include <random>
+#include <vector>
 
 namespace {
 
@@ -237,6 +245,262 @@ TEST(IdentifierProperties, OrderIsStrictAndAgreesWithEquality) {
       ASSERT_TRUE(a < c);
     }
   }
+}
+
+// Each traits struct names one identifier's dedup machinery and draws
+// distinct ids from a number.
+struct SessionIdDedup {
+  static Kel::TypeDesc const& desc() { return typeRsvpSessionIdDeduped; }
+  using Id = RsvpSessionId;
+  using Deduped = RsvpSessionIdDeduped;
+  static constexpr char const* kName = "RsvpSessionIdDeduped";
+  static Kel::Ptr<RsvpSessionIdDedupTableReal> table() {
+    return rsvpSessionIdDedupTableRealFactory();
+  }
+  static Kel::Ptr<RsvpSessionIdHandle> handle(Id const& id) {
+    return rsvpSessionIdHandleFactory(id);
+  }
+  static Id id(Kel::U32 i) {
+    return Id(IpGenAddr::ipv4(0x0a000000u + i % 7), RsvpTunnelId(static_cast<Kel::U16>(i / 7)),
+              IpGenAddr::ipv4(0x0a0000feu));
+  }
+  // From the attributes, as a caller that has them apart would.
+  static Kel::Ptr<RsvpSessionIdHandle> fromAttrs(RsvpSessionIdDedupTableReal const& t,
+                                                 Id const& id) {
+    return t.dedupFromAttrs(id.dstIp(), id.tunnelId(), id.extTunnelId());
+  }
+  static bool attrsAgree(Deduped const& d) {
+    return d.dstIp() == d.value().dstIp() && d.tunnelId() == d.value().tunnelId() &&
+           d.extTunnelId() == d.value().extTunnelId();
+  }
+  static constexpr char const* kBadTexts[] = {
+      "<dstIp=10.0.0.2>_<tunnelId=7>_<extTunnelId=10.0.0.1>>", "<dstIp=10.0.0.2>", "10.0.0.2", ""};
+};
+
+struct PathIdDedup {
+  static Kel::TypeDesc const& desc() { return typeRsvpPathIdDeduped; }
+  using Id = RsvpPathId;
+  using Deduped = RsvpPathIdDeduped;
+  static constexpr char const* kName = "RsvpPathIdDeduped";
+  static Kel::Ptr<RsvpPathIdDedupTableReal> table() { return rsvpPathIdDedupTableRealFactory(); }
+  static Kel::Ptr<RsvpPathIdHandle> handle(Id const& id) { return rsvpPathIdHandleFactory(id); }
+  static Id id(Kel::U32 i) { return Id(i % 2 ? RsvpPathId::maxLspId() - i : i); }
+  static Kel::Ptr<RsvpPathIdHandle> fromAttrs(RsvpPathIdDedupTableReal const& t, Id const& id) {
+    return t.dedupFromAttrs(id.lspId());
+  }
+  static bool attrsAgree(Deduped const& d) { return d.lspId() == d.value().lspId(); }
+  static constexpr char const* kBadTexts[] = {"<lspId=3>x", "<lspId=3", "lspId=3", ""};
+};
+
+struct NeighborIdDedup {
+  static Kel::TypeDesc const& desc() { return typeRsvpNeighborIdDeduped; }
+  using Id = RsvpNeighborId;
+  using Deduped = RsvpNeighborIdDeduped;
+  static constexpr char const* kName = "RsvpNeighborIdDeduped";
+  static Kel::Ptr<RsvpNeighborIdDedupTableReal> table() {
+    return rsvpNeighborIdDedupTableRealFactory();
+  }
+  static Kel::Ptr<RsvpNeighborIdHandle> handle(Id const& id) {
+    return rsvpNeighborIdHandleFactory(id);
+  }
+  static Id id(Kel::U32 i) { return Id(IpGenAddr::ipv4(0x0a000001u + i)); }
+  static Kel::Ptr<RsvpNeighborIdHandle> fromAttrs(RsvpNeighborIdDedupTableReal const& t,
+                                                  Id const& id) {
+    return t.dedupFromAttrs(id.neighborIp());
+  }
+  static bool attrsAgree(Deduped const& d) { return d.neighborIp() == d.value().neighborIp(); }
+  static constexpr char const* kBadTexts[] = {"10.0.0.2>", "10.0.0.256", "<lspId=3>"};
+};
+
+template <class T>
+class DedupedId : public testing::Test {};
+using DedupTraits = testing::Types<SessionIdDedup, PathIdDedup, NeighborIdDedup>;
+class DedupName {
+ public:
+  template <class T>
+  static std::string GetName(int) {
+    return T::kName;
+  }
+};
+TYPED_TEST_SUITE(DedupedId, DedupTraits, DedupName);
+
+// Random dedups (by value and by attributes) and releases against a map
+// from id to its live handle: equal ids share one handle while any holder
+// keeps it, a released handle leaves the table, and the next dedup of its
+// id makes a new one.
+TYPED_TEST(DedupedId, SharesOneHandlePerLiveId) {
+  using T = TypeParam;
+  auto const table = T::table();
+  Orv::DedupHashTable const& orv = *table->dedupTable();
+  std::mt19937 rng(7);
+  std::vector<typename T::Deduped> holders;
+  std::map<Kel::U32, Orv::DedupHandle const*> live;
+  for (int step = 0; step < 6000; ++step) {
+    if (rng() % 2 || holders.empty()) {
+      Kel::U32 const i = rng() % 30;
+      auto const got = rng() % 2 ? table->dedupFromValue(T::id(i)) : T::fromAttrs(*table, T::id(i));
+      ASSERT_EQ(got->value(), T::id(i));
+      ASSERT_EQ(got->hash(), T::id(i).hash());
+      auto const [it, isNew] = live.try_emplace(i, got.get());
+      ASSERT_EQ(it->second, got.get()) << "id " << i << " has two live handles";
+      ASSERT_EQ(got->dedupState(), Orv::DedupHandle::DedupState::linked);
+      holders.emplace_back(got);
+    } else {
+      std::size_t const k = rng() % holders.size();
+      typename T::Id const id = holders[k].value();
+      std::swap(holders[k], holders.back());
+      holders.pop_back();
+      if (std::none_of(holders.begin(), holders.end(),
+                       [&](auto const& h) { return h.value() == id; })) {
+        std::erase_if(live, [&](auto const& e) { return T::id(e.first) == id; });
+      }
+    }
+    ASSERT_EQ(orv.size(), live.size()) << "step " << step;
+  }
+}
+
+TYPED_TEST(DedupedId, NullHandleIsTheDefaultId) {
+  using T = TypeParam;
+  typename T::Deduped const null;
+  typename T::Deduped const byDefault(T::handle(typename T::Id()));
+  typename T::Deduped const real(T::handle(T::id(3)));
+  EXPECT_EQ(null.handle(), nullptr);
+  EXPECT_EQ(null.stringValue(), "NOHANDLE");
+  EXPECT_EQ(valueToStrep(null), "NOHANDLE");
+  EXPECT_EQ(byDefault.stringValue(), typename T::Id().stringValue());
+  EXPECT_EQ(null.value(), typename T::Id());
+  EXPECT_TRUE(!null);
+  EXPECT_TRUE(!byDefault);
+  EXPECT_FALSE(!real);
+  EXPECT_TRUE(null == byDefault);
+  EXPECT_EQ(null.hash(), byDefault.hash());
+  EXPECT_EQ(null.hash(), typename T::Id().hash());
+  EXPECT_FALSE(null == real);
+  EXPECT_EQ(null < real, typename T::Id() < T::id(3));
+  EXPECT_TRUE(T::attrsAgree(null));
+  EXPECT_TRUE(T::attrsAgree(real));
+}
+
+// Text and the descriptor's text read back as the identifier itself reads
+// its form (a default path id prints LSP id 65536 and reads back as 0); the
+// attribute log gives back the very value. A parsed handle belongs to no table.
+TYPED_TEST(DedupedId, RoundTrips) {
+  using T = TypeParam;
+  std::vector<typename T::Deduped> values{typename T::Deduped(),
+                                          typename T::Deduped(T::handle(typename T::Id()))};
+  for (Kel::U32 i = 0; i < 20; ++i) values.emplace_back(T::handle(T::id(i)));
+  for (auto const& v : values) {
+    typename T::Deduped const expected(
+        v.handle() ? T::handle(strepToValue<typename T::Id>(v.stringValue())) : nullptr);
+    typename T::Deduped back;
+    back.stringValueIs(v.stringValue());
+    EXPECT_EQ(back, expected);
+    EXPECT_EQ(back.stringValue(), expected.stringValue());
+    EXPECT_EQ(back.handle() == nullptr, v.handle() == nullptr);
+    if (back.handle()) {
+      EXPECT_EQ(back.handle()->dedupState(), Orv::DedupHandle::DedupState::detached);
+    }
+    Kel::GenericValue generic(T::desc());
+    generic.strepIs(v.stringValue());
+    EXPECT_EQ(generic.strep(), expected.stringValue());
+    EXPECT_EQ(strepToValue<typename T::Deduped>(valueToStrep(v)), expected);
+    std::string bytes;
+    Kel::LogOut out(bytes);
+    T::desc().ops()->logWrite(out, &v);
+    Kel::LogIn in(bytes);
+    typename T::Deduped logged;
+    T::desc().ops()->logRead(in, &logged);
+    EXPECT_TRUE(in.atEnd());
+    EXPECT_EQ(logged, v);
+    EXPECT_EQ(logged.stringValue(), v.stringValue());
+  }
+  Kel::LogIn bad(std::string_view("\x02"));
+  typename T::Deduped kept(T::handle(T::id(1)));
+  EXPECT_EQ(TestSupport::errorOf<Kel::RangeException>([&] { kelLogRead(bad, &kept); }),
+            std::string("Invalid ") + T::kName + " in attribute log");
+  EXPECT_EQ(kept.value(), T::id(1));
+}
+
+// Any bad text raises one error naming the type and leaves the value as it was.
+TYPED_TEST(DedupedId, RejectedTextKeepsTheValue) {
+  using T = TypeParam;
+  std::vector<std::string> texts{"NOHANDLEx", "NOHANDLE ", " NOHANDLE", "nohandle",
+                                 T::id(2).stringValue() + " "};
+  texts.insert(texts.end(), std::begin(T::kBadTexts), std::end(T::kBadTexts));
+  for (std::string const& text : texts) {
+    typename T::Deduped v(T::handle(T::id(4)));
+    auto const before = v.handle();
+    EXPECT_EQ(TestSupport::errorOf<Kel::RangeException>([&] { v.stringValueIs(text); }),
+              std::string("Invalid ") + T::kName)
+        << text;
+    EXPECT_EQ(v.handle(), before) << text;
+  }
+}
+
+// Two tables pointed at one base table share handles; without a table each
+// dedup makes its own handle, still equal by value.
+TYPED_TEST(DedupedId, SharedTableAndNoTable) {
+  using T = TypeParam;
+  Orv::DedupHashTable shared;
+  auto const a = T::table();
+  auto const b = T::table();
+  a->dedupTableIs(&shared);
+  b->dedupTableIs(&shared);
+  auto const h = a->dedupFromValue(T::id(5));
+  EXPECT_EQ(b->dedupFromValue(T::id(5)), h);
+  EXPECT_EQ(shared.size(), 1u);
+  b->dedupTableIs(nullptr);
+  EXPECT_EQ(b->dedupTable(), nullptr);
+  auto const loose = b->dedupFromValue(T::id(5));
+  EXPECT_NE(loose, h);
+  EXPECT_EQ(loose->dedupState(), Orv::DedupHandle::DedupState::detached);
+  EXPECT_TRUE(loose->frozen()) << "a handle that no table knows may still cross threads";
+  EXPECT_EQ(typename T::Deduped(loose), typename T::Deduped(h));
+  EXPECT_EQ(shared.size(), 1u);
+}
+
+TYPED_TEST(DedupedId, TablesAreEntitiesOfTheModel) {
+  using T = TypeParam;
+  auto const table = T::table();
+  Kel::TypeDesc const& type = table->fwkType();
+  ASSERT_NE(type.base(), nullptr);
+  EXPECT_EQ(type.name(),
+            std::string("Rsvp::") + std::string(T::kName).replace(std::string(T::kName).size() - 7,
+                                                                  7, "DedupTableReal"));
+  EXPECT_EQ(type.base()->name(), std::string(type.name()).substr(0, type.name().size() - 4));
+  EXPECT_FALSE(table->hasBackupSupport());
+  EXPECT_EQ(T::handle(T::id(1))->fwkType().base(), &Orv::typeDedupHandle);
+}
+
+TEST(DedupedIdDeathTest, HandleOfAnotherTypeIsFatal) {
+  Orv::DedupHashTable table;
+  Kel::Ptr<Orv::DedupHandle> const path =
+      table.dedup(Kel::Ptr<Orv::DedupHandle>(rsvpPathIdHandleFactory(RsvpPathId(3))));
+  EXPECT_DEATH((void)RsvpSessionIdHandle::fromDedupHandle(path), "castHandle");
+  EXPECT_EQ(RsvpPathIdHandle::fromDedupHandle(path)->value(), RsvpPathId(3));
+  EXPECT_EQ(RsvpPathIdHandle::fromDedupHandle(nullptr), nullptr);
+}
+
+// Handles of several identifier types in one base table never meet: a path
+// id and a session id that hash alike stay two handles.
+TEST(DedupedIds, TypesShareABaseTable) {
+  Orv::DedupHashTable shared;
+  auto const sessions = rsvpSessionIdDedupTableRealFactory();
+  auto const paths = rsvpPathIdDedupTableRealFactory();
+  sessions->dedupTableIs(&shared);
+  paths->dedupTableIs(&shared);
+  auto const s = sessions->dedupFromValue(RsvpSessionId());
+  auto const p = paths->dedupFromValue(RsvpPathId(0));
+  EXPECT_EQ(shared.size(), 2u);
+  EXPECT_EQ(paths->dedupFromValue(RsvpPathId(0)), p);
+  EXPECT_EQ(sessions->dedupFromValue(RsvpSessionId()), s);
+}
+
+TEST(DedupedIds, OutOfRangeAttributesRaiseAndLinkNothing) {
+  auto const paths = rsvpPathIdDedupTableRealFactory();
+  EXPECT_EQ(TestSupport::errorOf<Kel::RangeException>([&] { (void)paths->dedupFromAttrs(65537u); }),
+            "RsvpPathId::lspId < 0 or > RsvpPathId::invalidLspId not allowed");
+  EXPECT_EQ(paths->dedupTable()->size(), 0u);
 }
 
 }  // namespace

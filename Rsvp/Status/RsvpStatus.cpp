@@ -8,6 +8,9 @@ void RsvpStatus::doInit() {
   neighborStateCollIs("nsc")->sharedStateIs();
   spStateCollIs("spsc");
   sessionStateCollIs("ssc");
+  neighborIdDedupTableIs();
+  sessionIdDedupTableIs();
+  pathIdDedupTableIs();
   indexActiveDsToSpIs("iadts");
   frrNextHopCollIs("fnhc");
   localIntfMapIs("lim");

@@ -124,6 +124,9 @@ TEST(Status, InitMakesEveryChildInOrderUnderItsName) {
       {"neighborStateColl", "nsc"},
       {"spStateColl", "spsc"},
       {"sessionStateColl", "ssc"},
+      {"neighborIdDedupTable", ""},
+      {"sessionIdDedupTable", ""},
+      {"pathIdDedupTable", ""},
       {"indexActiveDsToSp", "iadts"},
       {"frrNextHopColl", "fnhc"},
       {"localIntfMap", "lim"},
@@ -215,6 +218,8 @@ TEST(Status, ResetEmptiesEveryCollectionAndKeepsTheShape) {
   root.neighborStateColl()->sharedState()->txSeqNoInc(41);
   root.neighborTxMsgPipeColl()->msgPipeIs("tx")->txMsgIs(rsvpPathMsgFactory());
   root.ipSocketErrorState()->errorDetectedTimeIs(3);
+  RsvpNeighborId const neighbor(Lumo::IpGenAddr("10.0.0.2"));
+  auto const handle = root.neighborIdDedupTable()->dedupFromValue(neighbor);
   link.sync();
   ASSERT_TRUE(link.same());
   std::vector<std::string> const filled = nonEmptyCollections(root);
@@ -240,6 +245,8 @@ TEST(Status, ResetEmptiesEveryCollectionAndKeepsTheShape) {
   EXPECT_EQ(root.neighborStateColl()->sharedState()->txSeqNo(), 0u);
   EXPECT_FALSE(root.neighborTxMsgPipeColl()->msgPipe());
   EXPECT_EQ(root.ipSocketErrorState()->errorDetectedTime(), 0);
+  EXPECT_EQ(root.neighborIdDedupTable()->dedupFromValue(neighbor), handle)
+      << "reset touched a dedup table";
 
   link.sync();
   EXPECT_TRUE(link.same());

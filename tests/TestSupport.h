@@ -6,6 +6,7 @@
 
 #include <Kel/AttrLog.h>
 #include <Kel/Browser.h>
+#include <Kel/TreeCompare.h>
 
 #include <memory>
 #include <string>
@@ -50,6 +51,9 @@ struct LogLink {
     deliver();
   }
   [[nodiscard]] bool same() const { return Kel::browseText(*source) == Kel::browseText(*replica); }
+  // The first attribute where the replica differs from the source, or "";
+  // cheaper than same() on large trees.
+  [[nodiscard]] std::string difference() const { return Kel::replicaDifference(*source, *replica); }
   // The replica names as many entities as the writer follows, and holds none
   // it no longer names: its memory follows the source's.
   [[nodiscard]] bool sameSize() const {

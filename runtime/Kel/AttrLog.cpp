@@ -321,6 +321,8 @@ void LogWriter::writeAttr(LogOut& out, Tracked& t, KelAttr const& attr) {
       std::size_t const at = openRecord(out, t.ref, id);
       out.u32(ct.ref);
       writeCtorArgs(out, *attr.type, *c, true);
+      // A slot's child may be named otherwise than its attribute ("nsc").
+      kelLogWrite(out, c->name());
       closeRecord(out, at);
       ++records_;
       if (fresh) writeEntity(out, ct);
@@ -369,6 +371,12 @@ void LogWriter::writeMember(LogOut& out, Tracked& t, KelAttr const& attr, String
     if (old != t.children.end() && (!present || old->second.first != child.get())) {
       drop(old->second);
       t.children.erase(old);
+    }
+    if (present && holdsShared(attr) && !writingRefs_) {
+      // After every announcement of the frame, as references are: the
+      // target may be an entity of the tree that the frame announces later.
+      deferredMembers_.push_back({&t, &attr, key});
+      return;
     }
     if (present && holdsShared(attr)) {
       at = openRecord(out, t.ref, id);
@@ -470,12 +478,21 @@ void LogWriter::writeFresh(LogOut& out, Entity& e) {
 void LogWriter::writeDeferredRefs(LogOut& out) {
   writingRefs_ = true;
   // Writing a shared entity may defer more references: go on until none.
-  for (std::size_t i = 0; i < deferredRefs_.size(); ++i) {
-    auto const [t, attr] = deferredRefs_[i];
-    if (!t->dead) writeAttr(out, *t, *attr);
+  std::size_t refs = 0;
+  std::size_t members = 0;
+  while (refs < deferredRefs_.size() || members < deferredMembers_.size()) {
+    for (; refs < deferredRefs_.size(); ++refs) {
+      auto const [t, attr] = deferredRefs_[refs];
+      if (!t->dead) writeAttr(out, *t, *attr);
+    }
+    for (; members < deferredMembers_.size(); ++members) {
+      DeferredMember const m = deferredMembers_[members];
+      if (!m.holder->dead) writeMember(out, *m.holder, *m.attr, m.key);
+    }
   }
   writingRefs_ = false;
   deferredRefs_.clear();
+  deferredMembers_.clear();
 }
 
 void logFrame(String& out, U8 kind, U64 seq, std::string_view payload) {
@@ -594,6 +611,7 @@ struct LogReader::Decoded {
   TypeDesc const* freshType = nullptr;              // and its type
   bool queueNext = false;                           // the key is a queue's next number
   std::vector<std::unique_ptr<GenericValue>> args;  // constructor arguments of a new entity
+  String childName;                                 // a slot's child: its name at the source
 
   [[nodiscard]] std::vector<void const*> argPointers() const {
     std::vector<void const*> out;
@@ -1005,6 +1023,7 @@ void LogReader::decode(LogIn& in, Decoded& d, Check* check) {
   } else if (a.kind == AttrKind::child && !d.del) {
     d.childRef = value.u32();
     readArgs(*a.type, true);
+    kelLogRead(value, &d.childName);
   } else if (a.kind == AttrKind::ref && !d.del) {
     readShared(*a.type);
   } else if (!(a.kind == AttrKind::child && d.del)) {
@@ -1254,6 +1273,7 @@ void LogReader::applyChild(Entity& e, Decoded& d) {
   Ptr<Entity> child;
   if (slot) {
     if (type.attributeOp(&child, &e, &a, attrOpCreate, packed) != attrDone || !child) refuse();
+    if (child->name() != d.childName) child->nameIsFromBackup(d.childName);
   } else {
     if (type.attributeOp(nullptr, &e, &a, attrOpMemberWrite, d.keyValue->get(), packed) != attrDone)
       refuse();

@@ -167,6 +167,13 @@ class LogWriter {
   bool writingRefs_ = false;
   std::set<Entity const*> snapshotWritten_;  // shared entities a snapshot has written
   std::vector<std::pair<Tracked*, KelAttr const*>> deferredRefs_;
+  // Members of shared maps, written with the references.
+  struct DeferredMember {
+    Tracked* holder;
+    KelAttr const* attr;
+    String key;
+  };
+  std::vector<DeferredMember> deferredMembers_;
   // References forgotten since the last frame, announced in the next one.
   std::vector<U32> released_;
   struct Subscriber {

@@ -641,3 +641,25 @@ TEST(AttrLog, DedupTablesAndDedupedValuesReplicate) {
 }
 
 }  // namespace
+
+// A shared map's member that points at an entity the same frame announces
+// in its owner, written after it whatever order the entities changed in;
+// the same tree then snapshots into a second replica.
+TEST(AttrLog, SharedMemberOfAnEntityAnnouncedLaterInTheFrame) {
+  Link link;
+  link.connect();
+  auto const slot = link.source->slotIs();
+  link.sync();
+  slot->levelIs(2);  // the slot changes first, so the writer meets it first
+  auto const leaf = link.source->leafIs(7);
+  leaf->weightIs(3);
+  slot->pinsIs(leaf);
+  link.sync();
+  EXPECT_TRUE(link.reader.inSync());
+  EXPECT_TRUE(link.same());
+  ASSERT_TRUE(link.replica->slot());
+  EXPECT_EQ(link.replica->slot()->pins(7), link.replica->leaf(7)) << "two copies of one leaf";
+  link.connect();
+  EXPECT_TRUE(link.same());
+  EXPECT_TRUE(link.sameSize());
+}

@@ -222,6 +222,7 @@ TEST(Status, ResetEmptiesEveryCollectionAndKeepsTheShape) {
   auto const handle = root.neighborIdDedupTable()->dedupFromValue(neighbor);
   link.sync();
   ASSERT_TRUE(link.same());
+  EXPECT_EQ(link.replica->neighborStateColl()->name(), "nsc") << "a replica's child kept its slot's name";
   std::vector<std::string> const filled = nonEmptyCollections(root);
 
   std::vector<Kel::Ptr<Kel::Entity const>> before;

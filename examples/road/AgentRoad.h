@@ -1,0 +1,123 @@
+// The agent's road through the status tree, as the walk-through, the
+// endurance test and the benchmarks drive it: the packet side writes decoded
+// messages into the neighbors' receive pipes; the agent takes each out,
+// finds or makes the state path, tells a refresh from a change, keeps the
+// message in the incoming block, moves the operational sub-states, records
+// history, draws the next refresh, and writes the message to send into the
+// transmit pipe of the neighbor it goes to. A label allocator answers the
+// agent's requests through the label tables; a tear removes the path.
+//
+// This is agent logic over the library, not part of it: a real agent adds
+// timers, routing and the wire. The neighbors and routes are made up: LSP i
+// of a run comes from upstream neighbor 10.1.0.(i % U + 1) and goes to
+// downstream neighbor 10.2.0.(i / 7 % D + 1).
+#ifndef RSVP_EXAMPLES_AGENTROAD_H
+#define RSVP_EXAMPLES_AGENTROAD_H
+
+#include <Rsvp/Rsvp.h>
+
+#include <memory>
+#include <vector>
+
+namespace Road {
+
+// The shape of a run: how many LSPs, over how many sessions and neighbors.
+struct Shape {
+  Kel::U32 lsps = 1000;
+  Kel::U32 lspsPerSession = 100;
+  Kel::U32 upstreamNeighbors = 50;
+  Kel::U32 downstreamNeighbors = 50;
+};
+
+// The messages that the packet side decodes, made up for LSP `lsp`.
+class PacketSide {
+ public:
+  explicit PacketSide(Shape const& shape) : shape_(shape) {}
+
+  [[nodiscard]] Rsvp::RsvpSpId spId(Kel::U32 lsp) const;
+  [[nodiscard]] Rsvp::RsvpNeighborId upstreamOf(Kel::U32 lsp) const;
+  [[nodiscard]] Rsvp::RsvpNeighborId downstreamOf(Kel::U32 lsp) const;
+  // A PATH from upstream; a new `version` asks for other bandwidth (a change).
+  [[nodiscard]] Kel::Ptr<Rsvp::RsvpPathMsg> path(Kel::U32 lsp, Kel::U32 version) const;
+  // A RESV from downstream carrying `label`.
+  [[nodiscard]] Kel::Ptr<Rsvp::RsvpResvMsg> resv(Kel::U32 lsp, Kel::U32 label) const;
+  [[nodiscard]] Kel::Ptr<Rsvp::RsvpPathTearMsg> pathTear(Kel::U32 lsp) const;
+
+ private:
+  Shape shape_;
+};
+
+// What the agent has done so far.
+struct Counters {
+  Kel::U64 pathRefreshes = 0;
+  Kel::U64 pathChanges = 0;  // the first PATH of a path included
+  Kel::U64 pathsCreated = 0;
+  Kel::U64 resvRefreshes = 0;
+  Kel::U64 resvChanges = 0;
+  Kel::U64 tears = 0;
+  Kel::U64 sent = 0;       // messages taken out of the transmit pipes
+  Kel::U64 unmatched = 0;  // RESVs and tears for no known path
+};
+
+// The agent: reacts to its receive pipes and writes into its transmit pipes.
+// The tree must have been through doInit().
+class Agent {
+ public:
+  Agent(Rsvp::RsvpStatus& status, Rsvp::RsvpConfig const& config);
+  ~Agent();
+  Agent(Agent const&) = delete;
+  Agent& operator=(Agent const&) = delete;
+
+  // The packet side: a decoded message from neighbor `from`, written into
+  // its receive pipe, whose reactor (the agent) takes it out at once.
+  void received(Rsvp::RsvpNeighborId const& from, Kel::Ptr<Rsvp::RsvpMsg const> const& msg);
+
+  // The agent's clock, in seconds; the driver moves it.
+  void nowIs(Kel::Seconds now) noexcept { now_ = now; }
+  [[nodiscard]] Counters const& counters() const noexcept { return counters_; }
+  [[nodiscard]] Kel::Ptr<Rsvp::RsvpMsg const> const& lastSent() const noexcept { return lastSent_; }
+
+ private:
+  class RxReactor;
+  class TxReactor;
+  class LabelReactor;
+
+  void handle(Rsvp::RsvpNeighborId const& from, Kel::Ptr<Rsvp::RsvpMsg const> const& msg);
+  void handlePath(Rsvp::RsvpNeighborId const& from, Kel::Ptr<Rsvp::RsvpPathMsg const> const& msg);
+  void handleResv(Kel::Ptr<Rsvp::RsvpResvMsg const> const& msg);
+  void handlePathTear(Kel::Ptr<Rsvp::RsvpPathTearMsg const> const& msg);
+  Kel::Ptr<Rsvp::RsvpSpState> createPath(Rsvp::RsvpSpId const& id, Rsvp::RsvpNeighborId const& from,
+                                         Rsvp::RsvpPathMsg const& msg);
+  void send(Rsvp::RsvpNeighborId const& to, Kel::Ptr<Rsvp::RsvpMsg const> const& msg);
+  void remember(Rsvp::RsvpSpState& sp, Rsvp::RsvpSpOperState path, Rsvp::RsvpSpOperState resv);
+  [[nodiscard]] Rsvp::RsvpNeighborId downstreamFor(Rsvp::RsvpPathMsg const& msg) const;
+  void labelAnswered(Rsvp::RsvpLabelRequestId const& id);
+
+  Rsvp::RsvpStatus& status_;
+  Rsvp::RsvpConfig const& config_;
+  Kel::Seconds now_ = 0;
+  Counters counters_;
+  Kel::U32 nextCliId_ = 1;
+  Kel::U32 nextLabel_ = 16;
+  Kel::Ptr<Rsvp::RsvpMsg const> lastSent_;
+  std::vector<std::unique_ptr<RxReactor>> rxReactors_;
+  std::vector<std::unique_ptr<TxReactor>> txReactors_;
+  std::unique_ptr<LabelReactor> labels_;
+};
+
+// The label allocator's side: answers each request filed in the request
+// table with a label in the allocation table, and frees it on withdrawal.
+class LabelAllocator : public Rsvp::RsvpLabelRequestTable::NotifieeConst {
+ public:
+  LabelAllocator(Rsvp::RsvpLabelRequestTable const& requests, Rsvp::RsvpLabelAllocTable& labels);
+  void onLabelRequest(Rsvp::RsvpLabelRequestId const& id) override;
+
+ private:
+  Rsvp::RsvpLabelRequestTable const& requests_;
+  Rsvp::RsvpLabelAllocTable& labels_;
+  Kel::U32 next_ = 100000;
+};
+
+}  // namespace Road
+
+#endif  // RSVP_EXAMPLES_AGENTROAD_H

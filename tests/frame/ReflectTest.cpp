@@ -363,6 +363,7 @@ TEST(Browser, PrintsTheTreeOnceWithSharedAndCyclicEntities) {
                 "  slot: Rsvp::Sample::Slot\n"
                 "    level: 1\n"
                 "    back: -> root/4\n"
+      "    pins: {}\n"
                 "  shared: -> root/4\n"
                 "  localOnly: 0\n"
                 "  pinned: {}\n"

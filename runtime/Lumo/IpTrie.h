@@ -112,7 +112,10 @@ struct Ipv6 {
     return static_cast<unsigned>(x ? std::countl_zero(x) : 64 + std::countl_zero(a.lo ^ b.lo));
   }
   static std::size_t top(Word w, unsigned k) noexcept { return k == 0 ? 0 : w.hi >> (64 - k); }
-  static bool le(Word a, Word b) noexcept { return a.hi < b.hi || (a.hi == b.hi && a.lo <= b.lo); }
+  // Without branches: lookups compare random addresses.
+  static bool le(Word a, Word b) noexcept {
+    return static_cast<bool>((a.hi < b.hi) | ((a.hi == b.hi) & (a.lo <= b.lo)));
+  }
   static Word last(Word w, unsigned len) noexcept {
     Word const m = masked({~Kel::U64{0}, ~Kel::U64{0}}, len);
     return {w.hi | ~m.hi, w.lo | ~m.lo};
@@ -316,7 +319,8 @@ class PrefixTrie {
     return *v;
   }
 
-  // Removes `key`; answers whether it was there. Never allocates or throws.
+  // Removes `key`; answers whether it was there. Never throws: memory for
+  // the lookup table, when asked for, is optional.
   bool erase(IpGenPrefix const& key) noexcept {
     Word w;
     if (!wordOf(key, &w)) return false;
@@ -381,8 +385,8 @@ class PrefixTrie {
 
  private:
   static constexpr unsigned maxSlotBits = 16;
-  // A slot with more runs than this is walked: its runs would cost more to
-  // remake on each change than the walk costs a lookup.
+  // A slot with more runs than this is walked: the bound keeps what a
+  // change spends on its slot's runs small.
   static constexpr Kel::U32 maxRuns = 512;
   static constexpr std::uintptr_t runsTag = 1;
   static constexpr std::uintptr_t walkSlot = 2;

@@ -157,7 +157,8 @@ struct Ipv6 {
 // is walked down the trie instead (at most one node per distinct length).
 // Insertion and erasure cost O(length), plus the slots under a key no longer
 // than the slot (2^(16 - length)), or remaking the runs of the key's slot
-// for a longer one (O(keys in the slot), counting stopping past 512 runs).
+// for a longer one (O(keys in the slot), counting stopping past 512 runs;
+// nothing for an insertion into a walked slot).
 // The table grows and shrinks with the size; the runs cost about 30 bytes
 // per IPv4 key and 60 per IPv6 one. Without memory for the table or a
 // slot's runs, lookups walk the trie instead, still exact. Not thread-safe:
@@ -342,7 +343,7 @@ class PrefixTrie {
         freeNode(parent);
       }
     }
-    changed(w, key.len());
+    changed(w, key.len(), false);
     return true;
   }
 
@@ -530,12 +531,12 @@ class PrefixTrie {
 
   std::pair<V*, bool> added(ValueNode* v) noexcept {
     ++size_;
-    changed(v->bits, v->len);
+    changed(v->bits, v->len, true);
     return {v->value(), true};
   }
 
-  // Keeps the slot table right after the key (w, len) came or went.
-  void changed(Word w, unsigned len) noexcept {
+  // Keeps the slot table right after the key (w, len) came (`added`) or went.
+  void changed(Word w, unsigned len, bool added) noexcept {
     // Shrinking waits for a quarter of the size that grew the table, so that
     // a size going up and down across a boundary does not rebuild it each time.
     unsigned const want = wantedSlotBits(size_);
@@ -548,7 +549,7 @@ class PrefixTrie {
       target = want;
     }
     if (target != slotBits_ && resizeSlots(target)) return;
-    if (slots_) refill(w, len);
+    if (slots_) refill(w, len, added);
   }
 
   static unsigned wantedSlotBits(std::size_t n) noexcept {
@@ -580,7 +581,7 @@ class PrefixTrie {
   // After a change at key (w, len): a key no longer than the slots changes
   // the best match above the slots under it; a longer one changes the runs
   // of its own slot only.
-  void refill(Word w, unsigned len) noexcept {
+  void refill(Word w, unsigned len, bool added) noexcept {
     unsigned const q = std::min(len, slotBits_);
     Word const p = F::masked(w, q);
     Node* best = nullptr;
@@ -593,7 +594,9 @@ class PrefixTrie {
       if (n->hasValue) best = n;
       n = n->child[F::bit(p, n->len)];
     }
-    fill(p, q, n, best, len > slotBits_);
+    // An insertion never joins runs, so a walked slot stays walked.
+    bool const walked = slots_[F::top(w, slotBits_)] == walkSlot;
+    fill(p, q, n, best, len > slotBits_ && !(added && walked));
   }
 
   // Sets the slots under (p, q), q at most slotBits_: `n` is the first node

@@ -229,9 +229,9 @@ std::array<IpGenAddr, 4> edgesOf(IpGenPrefix const& k) {
 }
 
 // Tables big enough for the full lookup table, sparse or with a crowded
-// corner whose slots hold too many keys for their runs: every key's edges
+// corner whose slots hold too many keys for their runs: the edges of keys
 // answer what brute force does while the keys come and go.
-TYPED_TEST(TrieModel, LongestMatchAtTheEdgesOfEveryKey) {
+TYPED_TEST(TrieModel, LongestMatchAtTheEdgesOfKeys) {
   using F = Family<TypeParam>;
   struct Case {
     char const* name;
@@ -287,13 +287,13 @@ TYPED_TEST(TrieModel, LongestMatchAtTheEdgesOfEveryKey) {
         }
       }
     };
-    for (std::size_t i = 0; i < keys.size(); i += 19) check(keys[i]);
+    for (std::size_t i = 0; i < keys.size(); i += 37) check(keys[i]);
     // Erase in another order, looking at the edges of the erased key and
     // of one still there.
     for (std::size_t i = 0; i < keys.size(); ++i) {
       ASSERT_TRUE(trie.erase(keys[i]));
       model.erase(keys[i]);
-      if (i % 23 == 0) {
+      if (i % 47 == 0) {
         check(keys[i]);
         if (i + 1 < keys.size()) check(keys[i + 1 + rng() % (keys.size() - i - 1)]);
       }

@@ -21,6 +21,7 @@
 #include <algorithm>
 #include <bit>
 #include <cstddef>
+#include <cstdint>
 #include <memory>
 #include <new>
 #include <string_view>
@@ -60,6 +61,10 @@ struct Ipv4 {
   }
   // The top k bits (k at most 16) as a number.
   static std::size_t top(Word w, unsigned k) noexcept { return k == 0 ? 0 : w >> (32 - k); }
+  static bool le(Word a, Word b) noexcept { return a <= b; }
+  // w with the bits beyond len set: the last address under the prefix.
+  static Word last(Word w, unsigned len) noexcept { return w | ~masked(~Word{0}, len); }
+  static Word next(Word w) noexcept { return w + 1; }
 };
 
 struct U128 {
@@ -107,6 +112,15 @@ struct Ipv6 {
     return static_cast<unsigned>(x ? std::countl_zero(x) : 64 + std::countl_zero(a.lo ^ b.lo));
   }
   static std::size_t top(Word w, unsigned k) noexcept { return k == 0 ? 0 : w.hi >> (64 - k); }
+  // Without branches: lookups compare random addresses.
+  static bool le(Word a, Word b) noexcept {
+    return static_cast<bool>((a.hi < b.hi) | ((a.hi == b.hi) & (a.lo <= b.lo)));
+  }
+  static Word last(Word w, unsigned len) noexcept {
+    Word const m = masked({~Kel::U64{0}, ~Kel::U64{0}}, len);
+    return {w.hi | ~m.hi, w.lo | ~m.lo};
+  }
+  static Word next(Word w) noexcept { return {w.lo == ~Kel::U64{0} ? w.hi + 1 : w.hi, w.lo + 1}; }
 };
 
 }  // namespace trie_internal
@@ -133,14 +147,22 @@ struct Ipv6 {
 //
 // Structure: a path-compressed binary trie (a node branches on the first bit
 // where the keys below it differ; a node without a value always has two
-// children), so a lookup visits at most one node per distinct length on its
-// path, and a table on the top bits of the address (up to 2^16 slots, about
-// one per key, none below 64 keys) that starts each lookup where the walk
-// from the root would reach length 16, with the best match above it.
-// Insertion and erasure cost O(length) plus the slots under the changed
-// prefix (2^(16 - length) for a short one); the table grows and shrinks with
-// the size. Not thread-safe: like the other collections, one thread at a
-// time.
+// children) holds the keys and values, and a lookup table answers
+// longestMatch(). The table has a slot per value of the address's top bits
+// (up to 2^16 slots, about one per key, none below 64 keys). A slot with no
+// key longer than the slot holds its answer; otherwise it holds the slot's
+// runs: the addresses where the longest covering key changes, sorted, with
+// that key. A lookup then reads the slot and binary-searches its runs, about
+// two cache misses whatever the key lengths. A slot with more than 512 runs
+// is walked down the trie instead (at most one node per distinct length).
+// Insertion and erasure cost O(length), plus the slots under a key no longer
+// than the slot (2^(16 - length)), or remaking the runs of the key's slot
+// for a longer one (O(keys in the slot), counting stopping past 512 runs;
+// nothing for an insertion into a walked slot).
+// The table grows and shrinks with the size; the runs cost about 30 bytes
+// per IPv4 key and 60 per IPv6 one. Without memory for the table or a
+// slot's runs, lookups walk the trie instead, still exact. Not thread-safe:
+// like the other collections, one thread at a time.
 template <class F, class V>
 class PrefixTrie {
   using Word = typename F::Word;
@@ -204,7 +226,10 @@ class PrefixTrie {
     swap(o);
     return *this;
   }
-  ~PrefixTrie() { destroyTree(root_); }
+  ~PrefixTrie() {
+    freeRuns();
+    destroyTree(root_);
+  }
 
   void swap(PrefixTrie& o) noexcept {
     std::swap(root_, o.root_);
@@ -239,7 +264,7 @@ class PrefixTrie {
       if (!n) {
         ValueNode* const v = newValueNode(w, len, parent, std::forward<Args>(args)...);
         *link = v;
-        return added(v, v);
+        return added(v);
       }
       unsigned const c = std::min({F::common(n->bits, w), unsigned{n->len}, len});
       if (c == n->len && c == len) {
@@ -247,7 +272,7 @@ class PrefixTrie {
         if (n->valueRoom) {  // a branch that once held a value
           new (static_cast<ValueNode*>(n)->room) V(std::forward<Args>(args)...);
           n->hasValue = true;
-          return added(static_cast<ValueNode*>(n), n);
+          return added(static_cast<ValueNode*>(n));
         }
         ValueNode* const v = newValueNode(w, len, parent, std::forward<Args>(args)...);
         for (unsigned b = 0; b < 2; ++b) {
@@ -256,7 +281,7 @@ class PrefixTrie {
         }
         *link = v;
         delete n;
-        return added(v, v);
+        return added(v);
       }
       if (c == n->len) {
         parent = n;
@@ -268,7 +293,7 @@ class PrefixTrie {
         v->child[F::bit(n->bits, len)] = n;
         n->parent = v;
         *link = v;
-        return added(v, v);
+        return added(v);
       }
       Node* branch;
       try {
@@ -283,7 +308,7 @@ class PrefixTrie {
       v->parent = branch;
       n->parent = branch;
       *link = branch;
-      return added(v, branch);
+      return added(v);
     }
   }
 
@@ -295,7 +320,8 @@ class PrefixTrie {
     return *v;
   }
 
-  // Removes `key`; answers whether it was there. Never allocates or throws.
+  // Removes `key`; answers whether it was there. Never throws: memory for
+  // the lookup table, when asked for, is optional.
   bool erase(IpGenPrefix const& key) noexcept {
     Word w;
     if (!wordOf(key, &w)) return false;
@@ -317,16 +343,15 @@ class PrefixTrie {
         freeNode(parent);
       }
     }
-    changed(w, key.len());
+    changed(w, key.len(), false);
     return true;
   }
 
   void clear() noexcept {
+    resizeSlots(0);
     destroyTree(root_);
     root_ = nullptr;
     size_ = 0;
-    slots_.reset();
-    slotBits_ = 0;
   }
 
   [[nodiscard]] Iterator begin() const noexcept {
@@ -360,15 +385,12 @@ class PrefixTrie {
   }
 
  private:
-  // Where a walk from the root reaches the first node of length slotBits_
-  // or more, for every address whose top bits are the slot's index: that
-  // node if it lies under the slot (else null), and the node with the
-  // longest key passed on the way (null when none).
-  struct Slot {
-    Node* best;
-    Node* next;
-  };
   static constexpr unsigned maxSlotBits = 16;
+  // A slot with more runs than this is walked: the bound keeps what a
+  // change spends on its slot's runs small.
+  static constexpr Kel::U32 maxRuns = 512;
+  static constexpr std::uintptr_t runsTag = 1;
+  static constexpr std::uintptr_t walkSlot = 2;
   static constexpr std::size_t minSlottedSize = 64;
 
   static bool wordOf(IpGenPrefix const& key, Word* out) noexcept {
@@ -472,14 +494,33 @@ class PrefixTrie {
     return n && n->len == len && n->bits == w ? n : nullptr;
   }
 
+  // The longest key covering `a`: from its slot, at most a binary search
+  // in the slot's runs.
   Node* match(Word a) const noexcept {
+    if (!slots_) return walk(a);
+    std::uintptr_t const e = slots_[F::top(a, slotBits_)];
+    if (e & runsTag) {
+      Runs const* const r = reinterpret_cast<Runs const*>(e - runsTag);
+      // Branch-free: the last start at or before `a` (the first start is
+      // the slot's first address, so there is one).
+      Word const* s = r->starts();
+      std::size_t len = r->n;
+      while (len > 1) {
+        std::size_t const half = len / 2;
+        s = F::le(s[half], a) ? s + half : s;
+        len -= half;
+      }
+      Node* const best = r->bests()[s - r->starts()];
+      return best ? best : r->up;
+    }
+    if (e == walkSlot) return walk(a);
+    return reinterpret_cast<Node*>(e);
+  }
+
+  // The lookup without the table: down the trie from the root.
+  Node* walk(Word a) const noexcept {
     Node* best = nullptr;
     Node* n = root_;
-    if (slots_) {
-      Slot const& s = slots_[F::top(a, slotBits_)];
-      best = s.best;
-      n = s.next;
-    }
     while (n && F::common(n->bits, a) >= n->len) {
       if (n->hasValue) best = n;
       if (n->len == F::width) break;
@@ -488,14 +529,14 @@ class PrefixTrie {
     return best;
   }
 
-  std::pair<V*, bool> added(ValueNode* v, Node* top) {
+  std::pair<V*, bool> added(ValueNode* v) noexcept {
     ++size_;
-    changed(top->bits, top->len);
+    changed(v->bits, v->len, true);
     return {v->value(), true};
   }
 
-  // Keeps the slot table right after a change at or under prefix (w, len).
-  void changed(Word w, unsigned len) noexcept {
+  // Keeps the slot table right after the key (w, len) came (`added`) or went.
+  void changed(Word w, unsigned len, bool added) noexcept {
     // Shrinking waits for a quarter of the size that grew the table, so that
     // a size going up and down across a boundary does not rebuild it each time.
     unsigned const want = wantedSlotBits(size_);
@@ -508,7 +549,7 @@ class PrefixTrie {
       target = want;
     }
     if (target != slotBits_ && resizeSlots(target)) return;
-    if (slots_) refill(w, len);
+    if (slots_) refill(w, len, added);
   }
 
   static unsigned wantedSlotBits(std::size_t n) noexcept {
@@ -519,21 +560,28 @@ class PrefixTrie {
   // Rebuilds the table with 2^bits slots (none for 0); answers false, with
   // the old table kept, when memory runs out.
   bool resizeSlots(unsigned bits) noexcept {
-    if (bits == 0) {
-      slots_.reset();
-      slotBits_ = 0;
-      return true;
+    std::unique_ptr<std::uintptr_t[]> fresh;
+    if (bits != 0) {
+      fresh.reset(new (std::nothrow) std::uintptr_t[std::size_t{1} << bits]());
+      if (!fresh) return false;
     }
-    std::unique_ptr<Slot[]> fresh(new (std::nothrow) Slot[std::size_t{1} << bits]);
-    if (!fresh) return false;
+    freeRuns();
     slots_ = std::move(fresh);
     slotBits_ = bits;
-    fill(Word{}, 0, root_, nullptr);
+    if (slots_) fill(Word{}, 0, root_, nullptr, true);
     return true;
   }
 
-  // Recomputes the slots under the prefix (w, len), or the one slot it lies in.
-  void refill(Word w, unsigned len) noexcept {
+  void freeRuns() noexcept {
+    for (std::size_t i = 0, n = slotCount(); i < n; ++i) {
+      if (slots_[i] & runsTag) ::operator delete(reinterpret_cast<Runs*>(slots_[i] - runsTag));
+    }
+  }
+
+  // After a change at key (w, len): a key no longer than the slots changes
+  // the best match above the slots under it; a longer one changes the runs
+  // of its own slot only.
+  void refill(Word w, unsigned len, bool added) noexcept {
     unsigned const q = std::min(len, slotBits_);
     Word const p = F::masked(w, q);
     Node* best = nullptr;
@@ -546,34 +594,164 @@ class PrefixTrie {
       if (n->hasValue) best = n;
       n = n->child[F::bit(p, n->len)];
     }
-    fill(p, q, n, best);
+    // An insertion never joins runs, so a walked slot stays walked.
+    bool const walked = slots_[F::top(w, slotBits_)] == walkSlot;
+    fill(p, q, n, best, len > slotBits_ && !(added && walked));
   }
 
-  // Fills the slots under (p, q), q at most slotBits_: `n` is the first node
+  // Sets the slots under (p, q), q at most slotBits_: `n` is the first node
   // of length q or more on their walk from the root (or null) and `best` the
-  // last value before it. O(slots + nodes) below.
-  void fill(Word p, unsigned q, Node* n, Node* best) noexcept {
+  // last value before it. With `runs` remakes the runs of the slot holding
+  // keys longer than the slot, else only sets the best match above them.
+  // O(slots + nodes) below.
+  void fill(Word p, unsigned q, Node* n, Node* best, bool runs) noexcept {
     if (n && F::common(n->bits, p) < q) n = nullptr;
     if (!n || n->len >= slotBits_) {
-      fillRange(p, q, best);
-      if (n) slots_[F::top(n->bits, slotBits_)].next = n;
+      std::size_t const own = n ? F::top(n->bits, slotBits_) : 0;
+      std::size_t const first = F::top(p, slotBits_);
+      for (std::size_t i = first, e = first + (std::size_t{1} << (slotBits_ - q)); i < e; ++i) {
+        if (!n || i != own) setSlot(i, reinterpret_cast<std::uintptr_t>(best));
+      }
+      if (n) fillSlot(own, n, n->len == slotBits_ && n->hasValue ? n : best, runs);
       return;
     }
     for (unsigned i = q; i < n->len; ++i) {  // the sides that leave n's path
-      fillRange(F::flip(F::masked(n->bits, i + 1), i), i + 1, best);
+      std::size_t const first = F::top(F::flip(F::masked(n->bits, i + 1), i), slotBits_);
+      for (std::size_t j = first, e = first + (std::size_t{1} << (slotBits_ - i - 1)); j < e; ++j) {
+        setSlot(j, reinterpret_cast<std::uintptr_t>(best));
+      }
     }
     if (n->hasValue) best = n;
-    fill(n->bits, n->len + 1u, n->child[0], best);
-    fill(F::flip(n->bits, n->len), n->len + 1u, n->child[1], best);
+    fill(n->bits, n->len + 1u, n->child[0], best, runs);
+    fill(F::flip(n->bits, n->len), n->len + 1u, n->child[1], best, runs);
   }
-  void fillRange(Word p, unsigned q, Node* best) noexcept {
-    std::fill_n(&slots_[F::top(p, slotBits_)], std::size_t{1} << (slotBits_ - q),
-                Slot{best, nullptr});
+
+  void setSlot(std::size_t i, std::uintptr_t e) noexcept {
+    if (slots_[i] & runsTag) ::operator delete(reinterpret_cast<Runs*>(slots_[i] - runsTag));
+    slots_[i] = e;
+  }
+
+  // The slot that `n`, the first node of the slot length or more in it,
+  // lies in; `up` is the longest key covering it no longer than the slot.
+  void fillSlot(std::size_t i, Node* n, Node* up, bool runs) noexcept {
+    std::uintptr_t const e = slots_[i];
+    Runs* const had = e & runsTag ? reinterpret_cast<Runs*>(e - runsTag) : nullptr;
+    if (n->len == slotBits_ && !n->child[0] && !n->child[1]) {  // no key below the slot
+      setSlot(i, reinterpret_cast<std::uintptr_t>(up));
+      return;
+    }
+    if (!runs && (had || e == walkSlot)) {  // the keys below are as they were
+      if (had) had->up = up;
+      return;
+    }
+    RunCounter count;
+    if (!emitSlot(n, count)) {
+      setSlot(i, walkSlot);
+      return;
+    }
+    Runs* r = had;
+    // Erasing a key never adds a run (the runs it ends join their
+    // neighbours), so an erasure rewrites the runs in place; runs grown
+    // beyond their block, or left in half of it, get a block of their size.
+    // Out of memory, the slot is walked instead.
+    if (!had || count.n > had->cap || count.n * 2 < had->cap) {
+      void* const block = ::operator new(Runs::bytes(count.n), std::nothrow);
+      if (block) {
+        r = new (block) Runs{nullptr, 0, count.n};
+      } else if (!had || count.n > had->cap) {
+        setSlot(i, walkSlot);
+        return;
+      }
+    }
+    r->up = up;
+    r->n = 0;
+    RunWriter write{r};
+    emitSlot(n, write);
+    if (r != had) setSlot(i, reinterpret_cast<std::uintptr_t>(r) | runsTag);
+  }
+
+  // The runs of a slot: each start and the addresses after it up to the
+  // next share their longest key longer than the slot (null for none, and
+  // then `up`, the longest no longer than the slot, is the answer). Starts
+  // ascend from the slot's first address. One block: this header, then the
+  // starts, then the bests.
+  struct Runs {
+    Node* up;
+    Kel::U32 n;
+    Kel::U32 cap;
+
+    static std::size_t startBytes(std::size_t cap) noexcept {
+      return (cap * sizeof(Word) + alignof(Node*) - 1) / alignof(Node*) * alignof(Node*);
+    }
+    static std::size_t bytes(std::size_t cap) noexcept {
+      return sizeof(Runs) + startBytes(cap) + cap * sizeof(Node*);
+    }
+    Word* starts() noexcept { return reinterpret_cast<Word*>(this + 1); }
+    Word const* starts() const noexcept { return reinterpret_cast<Word const*>(this + 1); }
+    Node** bests() const noexcept {
+      return reinterpret_cast<Node**>(
+          reinterpret_cast<unsigned char*>(const_cast<Runs*>(this) + 1) + startBytes(cap));
+    }
+  };
+  static_assert(sizeof(Runs) % alignof(Word) == 0 && alignof(Word) <= alignof(Node*));
+
+  // Both take the runs in address order and join a run to the one before
+  // when their bests are the same. Counting stops past maxRuns.
+  struct RunCounter {
+    Kel::U32 n = 0;
+    Node* last = nullptr;
+    bool operator()(Word, Node* best) noexcept {
+      if (n != 0 && best == last) return true;
+      last = best;
+      return ++n <= maxRuns;
+    }
+  };
+  struct RunWriter {
+    Runs* r;
+    bool operator()(Word start, Node* best) noexcept {
+      if (r->n != 0 && best == r->bests()[r->n - 1]) return true;
+      r->starts()[r->n] = start;
+      r->bests()[r->n] = best;
+      ++r->n;
+      return true;
+    }
+  };
+
+  // The runs of the slot that `n`, the first node of the slot length or
+  // more in it, lies in: those of the keys longer than the slot. Answers
+  // false when the sink stopped.
+  template <class Sink>
+  bool emitSlot(Node* n, Sink& sink) const noexcept {
+    if (n->len == slotBits_) {  // its own value counts above the slot
+      return emit(n->bits, slotBits_ + 1, n->child[0], nullptr, sink) &&
+             emit(F::flip(n->bits, slotBits_), slotBits_ + 1, n->child[1], nullptr, sink);
+    }
+    return emit(F::masked(n->bits, slotBits_), slotBits_, n, nullptr, sink);
+  }
+  // The runs under (p, q) in address order: `n` is the first node of length
+  // q or more on their walk (or null) and `best` the last value before it.
+  template <class Sink>
+  static bool emit(Word p, unsigned q, Node* n, Node* best, Sink& sink) noexcept {
+    if (n && F::common(n->bits, p) < q) n = nullptr;
+    if (!n) return sink(p, best);
+    if (!(n->bits == p) && !sink(p, best)) return false;  // the addresses before n's
+    Node* const inner = n->hasValue ? n : best;
+    if (n->len == F::width) {
+      if (!sink(n->bits, inner)) return false;
+    } else if (!emit(n->bits, n->len + 1u, n->child[0], inner, sink) ||
+               !emit(F::flip(n->bits, n->len), n->len + 1u, n->child[1], inner, sink)) {
+      return false;
+    }
+    Word const last = F::last(n->bits, n->len);
+    return last == F::last(p, q) || sink(F::next(last), best);  // the addresses after
   }
 
   Node* root_ = nullptr;
   std::size_t size_ = 0;
-  std::unique_ptr<Slot[]> slots_;
+  // Per slot (the top slotBits_ bits of an address) a tagged word: a Node*,
+  // the longest key covering the slot when none is longer than the slot; a
+  // Runs* plus runsTag; or walkSlot.
+  std::unique_ptr<std::uintptr_t[]> slots_;
   unsigned slotBits_ = 0;
 };
 

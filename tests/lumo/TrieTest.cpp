@@ -202,6 +202,106 @@ TYPED_TEST(TrieModel, AgreesWithAnOrderedMapAndBruteForce) {
   expectSame(copy, copied, copyAddresses);
 }
 
+// `b` plus `step` (1 or -1) as a big-endian number, wrapping.
+Bytes stepBytes(Bytes b, unsigned width, int step) {
+  for (int i = static_cast<int>(width / 8) - 1; i >= 0; --i) {
+    auto const x = static_cast<U8>(b[i] + step);
+    bool const carry = step > 0 ? x == 0 : b[i] == 0;
+    b[i] = x;
+    if (!carry) break;
+  }
+  return b;
+}
+
+// The addresses on both sides of each edge of `k`: its first, its last, and
+// their neighbours outside it.
+template <class Trie>
+std::array<IpGenAddr, 4> edgesOf(IpGenPrefix const& k) {
+  using F = Family<Trie>;
+  Bytes const first = maskBytes(k.addr().addr().bytes(), k.len());
+  Bytes ones{};
+  ones.fill(0xff);
+  Bytes const inside = maskBytes(ones, k.len());
+  Bytes last = first;
+  for (unsigned i = 0; i < last.size(); ++i) last[i] = static_cast<U8>(last[i] | ~inside[i]);
+  return {F::addr(first), F::addr(last), F::addr(stepBytes(first, F::width, -1)),
+          F::addr(stepBytes(last, F::width, 1))};
+}
+
+// Tables big enough for the full lookup table, sparse or with a crowded
+// corner whose slots hold too many keys for their runs: the edges of keys
+// answer what brute force does while the keys come and go.
+TYPED_TEST(TrieModel, LongestMatchAtTheEdgesOfKeys) {
+  using F = Family<TypeParam>;
+  struct Case {
+    char const* name;
+    unsigned crowdedPercent;  // of the keys, under one prefix of length width / 8 + 12
+  };
+  Case const cases[] = {{"sparse", 0}, {"crowded", 50}};
+  for (Case const& c : cases) {
+    SCOPED_TRACE(c.name);
+    std::mt19937_64 rng(F::width + c.crowdedPercent);
+    auto randomBytes = [&] {
+      Bytes b{};
+      for (U8& x : b) x = static_cast<U8>(rng());
+      return b;
+    };
+    unsigned const crowdLen = F::width / 8 + 12;
+    Bytes const crowd = maskBytes(randomBytes(), crowdLen);
+    TypeParam trie;
+    Model model;
+    while (model.size() < 70000) {
+      Bytes b = randomBytes();
+      unsigned len;
+      if (rng() % 100 < c.crowdedPercent) {
+        Bytes const keep = maskBytes(Bytes{0xff, 0xff, 0xff, 0xff, 0xff, 0xff, 0xff, 0xff, 0xff,
+                                           0xff, 0xff, 0xff, 0xff, 0xff, 0xff, 0xff},
+                                     crowdLen);
+        for (unsigned i = 0; i < b.size(); ++i) {
+          b[i] = static_cast<U8>((crowd[i] & keep[i]) | (b[i] & ~keep[i]));
+        }
+        unsigned const longest = F::v6 ? 64 : 32;
+        len = crowdLen + static_cast<unsigned>(rng() % (longest - crowdLen + 1));
+      } else {
+        // Mostly as in a routing table, some short enough to cover many slots.
+        len = rng() % 50 == 0 ? static_cast<unsigned>(rng() % 17)
+                              : F::width / 4 + static_cast<unsigned>(rng() % (F::width / 4 + 1));
+      }
+      IpGenPrefix const k(F::addr(maskBytes(b, len)), static_cast<U8>(len));
+      U32 const v = static_cast<U32>(rng());
+      trie.insert(k, v);
+      model.try_emplace(k, v);
+    }
+    ASSERT_EQ(trie.slotCount(), std::size_t{1} << 16);
+    std::vector<IpGenPrefix> keys;
+    for (auto const& [k, v] : model) keys.push_back(k);
+    std::shuffle(keys.begin(), keys.end(), rng);
+    auto check = [&](IpGenPrefix const& k) {
+      for (IpGenAddr const& a : edgesOf<TypeParam>(k)) {
+        auto const want = bruteMatch<TypeParam>(model, a);
+        auto const got = trie.longestMatch(a);
+        ASSERT_EQ(got.done(), want == model.end()) << k << " " << a;
+        if (!got.done()) {
+          ASSERT_EQ(got.key(), want->first) << k << " " << a;
+          ASSERT_EQ(got.value(), want->second) << k << " " << a;
+        }
+      }
+    };
+    for (std::size_t i = 0; i < keys.size(); i += 37) check(keys[i]);
+    // Erase in another order, looking at the edges of the erased key and
+    // of one still there.
+    for (std::size_t i = 0; i < keys.size(); ++i) {
+      ASSERT_TRUE(trie.erase(keys[i]));
+      model.erase(keys[i]);
+      if (i % 47 == 0) {
+        check(keys[i]);
+        if (i + 1 < keys.size()) check(keys[i + 1 + rng() % (keys.size() - i - 1)]);
+      }
+    }
+    EXPECT_EQ(trie.slotCount(), 0u);
+  }
+}
+
 // Keys a trie refuses: the text raised, and nothing changes; lookups of
 // such keys and of addresses of the other family answer nothing.
 TEST(Trie, RefusedKeysAndOtherFamilies) {

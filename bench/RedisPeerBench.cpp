@@ -71,6 +71,11 @@ void BM_RedisPeerStateTable(benchmark::State& state) {
   state.counters["load_us_per_record"] = load * 1e6 / count;
   state.counters["update_us_per_record"] = update * 1e6 / count;
   state.counters["readback_us_per_record"] = read.seconds * 1e6 / count;
+  // What the records hold (keys, field names, values), against what the
+  // server needs for them.
+  double keyBytes = 0;
+  for (auto const& k : keys) keyBytes += static_cast<double>(k.size());
+  state.counters["payload_bytes_per_record"] = (keyBytes + static_cast<double>(read.bytes)) / count;
   state.counters["bytes_per_record"] = bytesPerRecord;
   state.counters["rss_bytes_per_record"] = rssPerRecord;
 }

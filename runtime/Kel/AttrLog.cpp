@@ -23,6 +23,33 @@ constexpr U32 kMaxPayload = 64u << 20;
 constexpr U8 frameChanges = logFrameChanges;
 constexpr U8 frameSnapshot = logFrameSnapshot;
 constexpr U8 frameInSync = logFrameInSync;
+constexpr U8 frameSnapshotMore = logFrameSnapshotMore;
+
+// Cuts `payload` at record boundaries into parts of at most
+// `limit` bytes (a single larger record stays whole) and hands each to
+// `emit` with its kind: the first `first`, the others `more`.
+template <class F>
+void forEachPart(std::string_view payload, std::size_t limit, U8 first, U8 more, F&& emit) {
+  U8 kind = first;
+  while (payload.size() > limit) {
+    std::size_t cut = 0;
+    for (;;) {
+      // A record: reference, identifier, value length, value.
+      auto const b = reinterpret_cast<U8 const*>(payload.data() + cut + 8);
+      std::size_t const length = (std::size_t{b[0]} << 24) | (std::size_t{b[1]} << 16) |
+                                 (std::size_t{b[2]} << 8) | b[3];
+      std::size_t const next = cut + 12 + length;
+      if (cut != 0 && next > limit) break;
+      cut = next;
+      if (cut >= payload.size()) break;
+    }
+    if (cut >= payload.size()) break;
+    emit(kind, payload.substr(0, cut));
+    payload.remove_prefix(cut);
+    kind = more;
+  }
+  emit(kind, payload);
+}
 
 }  // namespace
 
@@ -520,10 +547,15 @@ void LogWriter::subscriberNew(std::unique_ptr<LogSink> sink) {
   snapshotWritten_.clear();
   graveyard_.clear();
   Subscriber s{std::move(sink), 0};
+  bool ok = true;
+  forEachPart(payload, partBytes_, frameSnapshot, frameSnapshotMore, [&](U8 kind, std::string_view part) {
+    String bytes;
+    logFrame(bytes, kind, ++s.seq, part);
+    ok = ok && s.sink->write(bytes);
+  });
   String bytes;
-  logFrame(bytes, frameSnapshot, ++s.seq, payload);
   logFrame(bytes, frameInSync, ++s.seq, {});
-  if (s.sink->write(bytes)) sinks_.push_back(std::move(s));
+  if (ok && s.sink->write(bytes)) sinks_.push_back(std::move(s));
 }
 
 void LogWriter::subscriberDel(LogSink const* sink) {
@@ -574,9 +606,11 @@ void LogWriter::flush() {
     graveyard_.clear();
     if (!payload.empty()) {
       for (Subscriber& s : sinks_) {
-        String bytes;
-        logFrame(bytes, frameChanges, ++s.seq, payload);
-        if (!s.sink->write(bytes)) s.sink.reset();
+        forEachPart(payload, partBytes_, frameChanges, frameChanges, [&](U8 kind, std::string_view part) {
+          String bytes;
+          logFrame(bytes, kind, ++s.seq, part);
+          if (s.sink && !s.sink->write(bytes)) s.sink.reset();
+        });
       }
     }
   }
@@ -626,6 +660,7 @@ struct LogReader::Decoded {
 // everything the replica could refuse is refused before anything is applied.
 struct LogReader::Check {
   bool snapshot = false;
+  bool snapshotStart = false;  // names nothing but the root and what it announces
   std::unordered_map<U32, TypeDesc const*> announced;
   std::unordered_set<U32> released;
   struct Entry {
@@ -638,7 +673,7 @@ struct LogReader::Check {
   [[nodiscard]] bool named(U32 ref, std::unordered_map<U32, Ptr<Entity>> const& refs) const {
     if (released.count(ref)) return false;
     if (announced.count(ref)) return true;
-    return snapshot ? ref == 1 : refs.count(ref) != 0;
+    return snapshotStart ? ref == 1 : refs.count(ref) != 0;
   }
 };
 
@@ -761,7 +796,7 @@ void LogReader::bytesIs(std::string_view bytes) {
         throw LogException("Bad checksum in the attribute log");
       }
       U8 const kind = head.u8();
-      if (kind < frameChanges || kind > frameInSync || head.u8() != 0 || head.u16() != 0) {
+      if (kind < frameChanges || kind > frameSnapshotMore || head.u8() != 0 || head.u16() != 0) {
         throw LogException("Bad frame in the attribute log");
       }
       U64 const seq = head.u64();
@@ -830,13 +865,17 @@ void LogReader::frameIs(U8 kind, U64 seq, LogIn payload) {
   if (kind == frameChanges && !inSync_) {
     throw LogException("Changes before the snapshot in the attribute log");
   }
-  bool const snapshot = kind == frameSnapshot;
+  if (kind == frameSnapshotMore && (!snapshot_ || inSync_)) {
+    throw LogException("Snapshot part without its start in the attribute log");
+  }
+  bool const snapshot = kind == frameSnapshot || kind == frameSnapshotMore;
 
   // First pass: decode and check every record; nothing is applied.
   std::size_t count = 0;
   {
     Check check;
     check.snapshot = snapshot;
+    check.snapshotStart = kind == frameSnapshot;
     LogIn in = payload;
     try {
       while (!in.atEnd()) {
@@ -852,7 +891,7 @@ void LogReader::frameIs(U8 kind, U64 seq, LogIn payload) {
   // Second pass: apply. The first pass refused everything the replica could.
   ++expectedSeq_;
   ++frames_;
-  if (snapshot) {
+  if (kind == frameSnapshot) {
     snapshot_ = true;
     inSync_ = false;
     for (auto& e : previous_) forget(std::move(e));

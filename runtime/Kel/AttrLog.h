@@ -110,6 +110,17 @@ class FdSink : public LogSink {
   bool broken_ = false;
 };
 
+// Frame kinds. A payload larger than logFramePartBytes is cut at record
+// boundaries into several frames: a snapshot into one logFrameSnapshot and
+// then logFrameSnapshotMore frames, changes into several logFrameChanges.
+enum LogFrameKind : U8 {
+  logFrameChanges = 1,
+  logFrameSnapshot = 2,
+  logFrameInSync = 3,
+  logFrameSnapshotMore = 4,
+};
+inline constexpr std::size_t logFramePartBytes = 16u << 20;
+
 class LogWriter {
  public:
   // Mounts `root`: from now on its changes and those of every entity it owns
@@ -130,6 +141,9 @@ class LogWriter {
   void flush();
   // Whether some subscriber waits for its descriptor to become writable.
   [[nodiscard]] bool pending() const;
+  // The largest frame payload the writer makes before it cuts a snapshot or
+  // a flush into several frames (logFramePartBytes unless set; at least 64).
+  void framePartBytesIs(std::size_t bytes) noexcept { partBytes_ = bytes < 64 ? 64 : bytes; }
 
   // Frames and records written, for statistics.
   [[nodiscard]] U64 records() const noexcept { return records_; }
@@ -182,6 +196,7 @@ class LogWriter {
   };
   std::vector<Subscriber> sinks_;
   U64 records_ = 0;
+  std::size_t partBytes_ = logFramePartBytes;
 };
 
 class LogReader {
@@ -281,9 +296,6 @@ class LogReader {
   U64 frames_ = 0;
   U64 records_ = 0;
 };
-
-// Frame kinds.
-enum LogFrameKind : U8 { logFrameChanges = 1, logFrameSnapshot = 2, logFrameInSync = 3 };
 
 // Appends one frame holding `payload` (records) to `out`.
 void logFrame(String& out, U8 kind, U64 seq, std::string_view payload);

@@ -663,3 +663,29 @@ TEST(AttrLog, SharedMemberOfAnEntityAnnouncedLaterInTheFrame) {
   EXPECT_TRUE(link.same());
   EXPECT_TRUE(link.sameSize());
 }
+
+// A snapshot or a flush larger than a frame's part goes as several frames,
+// cut at record boundaries; the replica ends the same either way.
+TEST(AttrLog, LargePayloadsGoAsSeveralFrames) {
+  Link link;
+  link.writer.framePartBytesIs(512);
+  for (Kel::U32 i = 0; i < 200; ++i) link.source->weightsIs(spId(i + 1), i);
+  // Children whose records fall in later parts than their announcement.
+  for (Kel::U32 i = 0; i < 40; ++i) link.source->leafIs(i)->weightIs(i);
+  link.connect();
+  EXPECT_GT(link.reader.frames(), 3u) << "the snapshot went whole";
+  EXPECT_TRUE(link.reader.inSync());
+  EXPECT_TRUE(link.same());
+  for (Kel::U32 i = 0; i < 200; ++i) link.source->weightsIs(spId(i + 1), i + 7);
+  link.source->leafIs(3)->weightIs(9);
+  Kel::U64 const before = link.reader.frames();
+  link.sync();
+  EXPECT_GT(link.reader.frames(), before + 2);
+  EXPECT_TRUE(link.same());
+
+  // A part of a snapshot that comes without its start is refused.
+  Kel::String bytes;
+  Kel::logFrame(bytes, Kel::logFrameSnapshotMore, link.reader.frames() + 1, {});
+  EXPECT_EQ(errorOf<Kel::LogException>([&] { link.reader.bytesIs(bytes); }),
+            "Snapshot part without its start in the attribute log");
+}

@@ -1,0 +1,355 @@
+// The agent's road at router scale (100k transit LSPs over 1k sessions and
+// 100 neighbors), each measurement one run:
+// - PATH refreshes and changes per second from the receive pipe to the
+//   transmit pipe, with the attribute-log writer attached (flushing every
+//   10k messages into a sink that counts bytes) and without it;
+// - bytes per LSP: heap by the counting allocator, and the resident size;
+//   entity counts and sizes by type, largest first;
+// - a snapshot of the tree into a replica process over a Unix socket, end
+//   to end, and bytes per LSP on the wire;
+// - the same state in a Redis state table (one hash per state path, its
+//   fields as strings, pipelined), loaded and one round of refresh updates,
+//   against ours, with memory per LSP; skipped, with the reason, when the
+//   server or hiredis is missing (scripts/bench.sh installs both).
+#include <Kel/AttrLog.h>
+#include <Kel/Reflect.h>
+
+#include <benchmark/benchmark.h>
+
+#include "AgentRoad.h"
+#include "HeapCount.h"
+#include "RedisPeer.h"
+
+#include <algorithm>
+#include <chrono>
+#include <cstdio>
+#include <cstring>
+#include <functional>
+#include <unordered_set>
+#include <map>
+#include <string>
+#include <vector>
+
+#include <fcntl.h>
+#include <malloc.h>
+#include <poll.h>
+#include <sys/socket.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+namespace {
+
+using namespace Rsvp;
+using Clock = std::chrono::steady_clock;
+constexpr Kel::U32 kLsps = 100000;
+
+double since(Clock::time_point t) { return std::chrono::duration<double>(Clock::now() - t).count(); }
+
+// Counts the bytes and drops them.
+class CountingSink : public Kel::LogSink {
+ public:
+  bool write(std::string_view bytes) override {
+    bytes_ += bytes.size();
+    return true;
+  }
+  Kel::U64 bytes_ = 0;
+};
+
+// A status tree holding kLsps transit LSPs, PATH and RESV done.
+struct Router {
+  Kel::Ptr<RsvpConfig> config = rsvpConfigFactory("config");
+  Kel::Ptr<RsvpStatus> status = rsvpStatusFactory("status");
+  Road::Shape shape;
+  std::unique_ptr<Road::PacketSide> packets;
+  std::unique_ptr<Road::Agent> agent;
+  std::unique_ptr<Road::LabelAllocator> allocator;
+
+  explicit Router(Kel::U32 lsps = kLsps) {
+    shape.lsps = lsps;
+    config->refreshPeriodIs(30);
+    status->doInit();
+    packets = std::make_unique<Road::PacketSide>(shape);
+    agent = std::make_unique<Road::Agent>(*status, *config);
+    allocator = std::make_unique<Road::LabelAllocator>(*status->labelRequestTable(),
+                                                       *status->labelAllocTable());
+  }
+  void load() {
+    for (Kel::U32 lsp = 0; lsp < shape.lsps; ++lsp) {
+      agent->received(packets->upstreamOf(lsp), packets->path(lsp, 0));
+      agent->received(packets->downstreamOf(lsp), packets->resv(lsp, 1000 + lsp % 100000));
+    }
+  }
+};
+
+// PATH messages for every LSP, made before the clock runs: the decoding is
+// the packet side's, not the road's.
+std::vector<Kel::Ptr<RsvpMsg const>> paths(Router const& r, Kel::U32 version) {
+  std::vector<Kel::Ptr<RsvpMsg const>> out;
+  out.reserve(r.shape.lsps);
+  for (Kel::U32 lsp = 0; lsp < r.shape.lsps; ++lsp) out.push_back(r.packets->path(lsp, version));
+  return out;
+}
+
+// state.range(0): 1 with the writer attached, 0 without; range(1): 1 every
+// message a change, 0 every message a refresh.
+void BM_RefreshRoad(benchmark::State& state) {
+  bool const withWriter = state.range(0) != 0;
+  bool const changes = state.range(1) != 0;
+  Router r;
+  r.load();
+  std::unique_ptr<Kel::LogWriter> writer;
+  CountingSink* sink = nullptr;
+  if (withWriter) {
+    writer = std::make_unique<Kel::LogWriter>(*r.status);
+    auto s = std::make_unique<CountingSink>();
+    sink = s.get();
+    writer->subscriberNew(std::move(s));
+  }
+  Kel::U64 const snapshotBytes = sink ? sink->bytes_ : 0;
+  // Two sets, so that every refresh replaces the held message with an equal
+  // one, as a freshly decoded message does.
+  Kel::U32 version = 0;
+  std::vector<Kel::Ptr<RsvpMsg const>> sets[2] = {paths(r, 0), paths(r, changes ? 1 : 0)};
+  Kel::U64 messages = 0;
+  Road::Counters const before = r.agent->counters();
+  for (auto _ : state) {
+    auto const& set = sets[version++ % 2];
+    if (changes) {
+      state.PauseTiming();
+      sets[(version + 1) % 2] = paths(r, version + 1);
+      state.ResumeTiming();
+    }
+    for (Kel::U32 lsp = 0; lsp < kLsps; ++lsp) {
+      r.agent->received(r.packets->upstreamOf(lsp), set[lsp]);
+      if (writer && ++messages % 10000 == 0) writer->flush();
+    }
+    if (writer) writer->flush();
+  }
+  Road::Counters const& after = r.agent->counters();
+  state.SetItemsProcessed(static_cast<std::int64_t>(state.iterations() * kLsps));
+  state.counters["refreshes"] = static_cast<double>(after.pathRefreshes - before.pathRefreshes);
+  state.counters["changes"] = static_cast<double>(after.pathChanges - before.pathChanges);
+  if (sink) {
+    state.counters["logBytesPerMsg"] =
+        static_cast<double>(sink->bytes_ - snapshotBytes) / static_cast<double>(state.iterations() * kLsps);
+  }
+}
+BENCHMARK(BM_RefreshRoad)
+    ->ArgsProduct({{0, 1}, {0, 1}})
+    ->ArgNames({"writer", "changes"})
+    ->Iterations(3)
+    ->Unit(benchmark::kMillisecond);
+
+long residentBytes() {
+  long pages = 0;
+  long resident = 0;
+  if (FILE* f = std::fopen("/proc/self/statm", "r")) {
+    if (std::fscanf(f, "%ld %ld", &pages, &resident) != 2) resident = 0;
+    std::fclose(f);
+  }
+  return resident * sysconf(_SC_PAGESIZE);
+}
+
+// Every entity the tree holds, owned or referred to, once.
+void forEachEntity(Kel::Entity const& root, std::function<void(Kel::Entity const&)> const& f) {
+  std::vector<Kel::Entity const*> stack{&root};
+  std::unordered_set<Kel::Entity const*> seen{&root};
+  auto push = [&](Kel::Entity const* e) {
+    if (e && seen.insert(e).second) stack.push_back(e);
+  };
+  while (!stack.empty()) {
+    Kel::Entity const* e = stack.back();
+    stack.pop_back();
+    f(*e);
+    auto* const m = const_cast<Kel::Entity*>(e);
+    e->fwkType().forEachAttr([&](Kel::KelAttr const& a) {
+      if (!a.type || a.type->kind() != Kel::TypeKind::entity) return;
+      if (a.kind == Kel::AttrKind::child || a.kind == Kel::AttrKind::ref) {
+        Kel::Ptr<Kel::Entity const> c;
+        e->fwkType().attributeOp(&c, m, &a, Kel::attrOpRead);
+        push(c.get());
+      } else if (Kel::isCollection(a.kind)) {
+        std::unique_ptr<Kel::GenericIter> it;
+        e->fwkType().attributeOp(&it, m, &a, Kel::attrOpIterate);
+        for (; it && !it->done(); it->next()) push(it->entity());
+      }
+    });
+  }
+}
+
+void BM_MemoryPerLsp(benchmark::State& state) {
+  for (auto _ : state) {
+    long const rss0 = residentBytes();
+    heap::start();
+    auto r = std::make_unique<Router>();
+    r->load();
+    heap::counting = false;
+    long const rss1 = residentBytes();
+    state.counters["heapBytesPerLsp"] = static_cast<double>(heap::liveBytes) / kLsps;
+    state.counters["rssBytesPerLsp"] = static_cast<double>(rss1 - rss0) / kLsps;
+    // The entities themselves by type (their own blocks; collections'
+    // tables and nodes are in the heap figure only).
+    std::map<std::string, std::pair<Kel::U64, Kel::U64>> byType;
+    forEachEntity(*r->status, [&](Kel::Entity const& e) {
+      auto& slot = byType[std::string(e.fwkType().name())];
+      ++slot.first;
+      slot.second += malloc_usable_size(const_cast<void*>(dynamic_cast<void const*>(&e)));
+    });
+    std::vector<std::pair<Kel::U64, std::string>> largest;
+    Kel::U64 entityBytes = 0;
+    for (auto const& [name, cb] : byType) {
+      largest.emplace_back(cb.second, name + " x" + std::to_string(cb.first));
+      entityBytes += cb.second;
+    }
+    std::sort(largest.rbegin(), largest.rend());
+    std::string label;
+    for (std::size_t i = 0; i < std::min<std::size_t>(6, largest.size()); ++i) {
+      char part[160];
+      std::snprintf(part, sizeof part, "%s%s %.0f B/LSP", i ? ", " : "", largest[i].second.c_str(),
+                    static_cast<double>(largest[i].first) / kLsps);
+      label += part;
+    }
+    state.counters["entityBytesPerLsp"] = static_cast<double>(entityBytes) / kLsps;
+    state.SetLabel(label);
+    heap::counting = true;
+    r.reset();
+    heap::counting = false;
+  }
+}
+BENCHMARK(BM_MemoryPerLsp)->Iterations(1)->Unit(benchmark::kMillisecond);
+
+// A replica process reads the snapshot from a Unix socket and answers one
+// byte once in sync; the time runs from the subscription to that byte.
+void BM_Snapshot100k(benchmark::State& state) {
+  Router r;
+  r.load();
+  for (auto _ : state) {
+    int sv[2];
+    if (::socketpair(AF_UNIX, SOCK_STREAM, 0, sv) < 0) {
+      state.SkipWithError("socketpair failed");
+      return;
+    }
+    std::fflush(nullptr);
+    pid_t const pid = ::fork();
+    if (pid == 0) {
+      ::close(sv[0]);
+      auto replica = rsvpStatusFactory("status");
+      Kel::LogReader reader(*replica);
+      // One snapshot frame carries the whole tree: over 64 MiB at this size.
+      reader.maxFrameBytesIs(1u << 30);
+      ::fcntl(sv[1], F_SETFL, ::fcntl(sv[1], F_GETFL) | O_NONBLOCK);
+      try {
+        while (!reader.inSync()) {
+          pollfd p{sv[1], POLLIN, 0};
+          ::poll(&p, 1, 10000);
+          if (!reader.readFrom(sv[1])) ::_exit(2);
+        }
+      } catch (std::exception const& e) {
+        std::fprintf(stderr, "replica: %s\n", e.what());
+        ::_exit(3);
+      }
+      char const ok = replica->spStateColl()->spStateSize() == kLsps ? '!' : '?';
+      if (::write(sv[1], &ok, 1) != 1) ::_exit(1);
+      ::_exit(0);
+    }
+    ::close(sv[1]);
+    auto const start = Clock::now();
+    Kel::LogWriter writer(*r.status);
+    // Counts what goes on the wire on its way to the socket.
+    struct Counted : Kel::FdSink {
+      using FdSink::FdSink;
+      Kel::U64* total = nullptr;
+      bool write(std::string_view bytes) override {
+        *total += bytes.size();
+        return FdSink::write(bytes);
+      }
+    };
+    Kel::U64 wire = 0;
+    auto sink = std::make_unique<Counted>(sv[0]);
+    sink->total = &wire;
+    writer.subscriberNew(std::move(sink));
+    // The descriptor is blocking here: write() waits for the reader.
+    writer.flush();
+    char answer = 0;
+    while (writer.pending()) {
+      pollfd p{sv[0], POLLOUT, 0};
+      ::poll(&p, 1, 10000);
+      writer.flush();
+    }
+    if (::read(sv[0], &answer, 1) != 1 || answer != '!') {
+      int status = 0;
+      ::waitpid(pid, &status, 0);
+      std::fprintf(stderr, "replica: answer %d, exit %d\n", answer, WEXITSTATUS(status));
+      state.SkipWithError("the replica failed");
+      return;
+    }
+    state.SetIterationTime(since(start));
+    ::close(sv[0]);
+    ::waitpid(pid, nullptr, 0);
+    state.counters["recordsPerLsp"] = static_cast<double>(writer.records()) / kLsps;
+    state.counters["wireBytesPerLsp"] = static_cast<double>(wire) / kLsps;
+  }
+}
+BENCHMARK(BM_Snapshot100k)->Iterations(1)->UseManualTime()->Unit(benchmark::kMillisecond);
+
+// A state path's fields as strings, as a state table keeps them.
+RsvpBench::RedisRecord recordOf(RsvpSpState const& sp) {
+  RsvpBench::RedisRecord rec;
+  rec.key = "sp:" + sp.spId().stringValue();
+  auto* const m = const_cast<RsvpSpState*>(&sp);
+  sp.fwkType().forEachAttr([&](Kel::KelAttr const& a) {
+    if (a.kind != Kel::AttrKind::plain && a.kind != Kel::AttrKind::fixed) return;
+    Kel::GenericValue v(*a.type);
+    if (sp.fwkType().attributeOp(v.get(), m, &a, Kel::attrOpRead) != Kel::attrDone) return;
+    rec.fields.emplace_back(std::string(a.name), v.strep());
+  });
+  return rec;
+}
+
+void BM_RedisPeer(benchmark::State& state) {
+  for (auto _ : state) {
+    heap::start();
+    auto const t0 = Clock::now();
+    Router r;
+    r.load();
+    double const ourLoad = since(t0);
+    heap::counting = false;
+    double const ourBytes = static_cast<double>(heap::liveBytes) / kLsps;
+    auto const refresh = paths(r, 0);
+    auto const t1 = Clock::now();
+    for (Kel::U32 lsp = 0; lsp < kLsps; ++lsp) r.agent->received(r.packets->upstreamOf(lsp), refresh[lsp]);
+    double const ourRefresh = since(t1);
+    state.counters["oursLoadS"] = ourLoad;
+    state.counters["oursRefreshRoundS"] = ourRefresh;
+    state.counters["oursBytesPerLsp"] = ourBytes;
+
+    RsvpBench::RedisPeer peer;
+    if (!peer.available()) {
+      state.SkipWithError(("skipped the Redis peer: " + peer.whyNot()).c_str());
+      return;
+    }
+    std::vector<RsvpBench::RedisRecord> records;
+    std::vector<RsvpBench::RedisRecord> updates;
+    for (auto it = r.status->spStateColl()->spStateIter(); !it.done(); ++it) {
+      records.push_back(recordOf(*it.value()));
+      // What a refresh changes in a state path.
+      RsvpSpState const& sp = *it.value();
+      updates.push_back({records.back().key,
+                         {{"currentDsBaseRefresh", std::to_string(sp.currentDsBaseRefresh())},
+                          {"spOperPathState", "spOperStateBoth"}}});
+    }
+    double const redisLoad = peer.loadHashes(records);
+    double const redisBytes =
+        static_cast<double>(peer.usedMemoryBytes() - peer.baselineMemoryBytes()) / kLsps;
+    double const redisRefresh = peer.updateFields(updates);
+    state.counters["redisLoadS"] = redisLoad;
+    state.counters["redisRefreshRoundS"] = redisRefresh;
+    state.counters["redisBytesPerLsp"] = redisBytes;
+    state.counters["loadRatio"] = redisLoad / ourLoad;        // above 1: we are faster
+    state.counters["refreshRatio"] = redisRefresh / ourRefresh;
+    state.counters["fieldsPerLsp"] = static_cast<double>(records.front().fields.size());
+  }
+}
+BENCHMARK(BM_RedisPeer)->Iterations(1)->Unit(benchmark::kMillisecond);
+
+}  // namespace

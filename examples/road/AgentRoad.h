@@ -98,7 +98,6 @@ class Agent {
   Kel::Seconds now_ = 0;
   Counters counters_;
   Kel::U32 nextCliId_ = 1;
-  Kel::U32 nextLabel_ = 16;
   Kel::Ptr<Rsvp::RsvpMsg const> lastSent_;
   std::vector<std::unique_ptr<RxReactor>> rxReactors_;
   std::vector<std::unique_ptr<TxReactor>> txReactors_;

@@ -1187,7 +1187,9 @@ void LogReader::apply(Decoded& d) {
   auto refuse = [&] {
     throw LogException("Attribute log record for " + String(a.name) + " refused");
   };
-  if (snapshot_ && isCollection(a.kind) && !d.del) {
+  // A queue's next number may be all a snapshot says of it (a queue used
+  // and emptied): it starts the queue again too.
+  if (snapshot_ && isCollection(a.kind) && (!d.del || d.queueNext)) {
     auto [named, first] = seen_.try_emplace(SeenKey{e, a.index});
     if (first) {
       std::size_t size = 0;

@@ -689,3 +689,17 @@ TEST(AttrLog, LargePayloadsGoAsSeveralFrames) {
   EXPECT_EQ(errorOf<Kel::LogException>([&] { link.reader.bytesIs(bytes); }),
             "Snapshot part without its start in the attribute log");
 }
+
+// A queue used and emptied goes in a snapshot as its next number alone; a
+// replica whose queue holds entries takes the snapshot all the same.
+TEST(AttrLog, SnapshotRestartsAQueueThatOnlyItsNextNumberNames) {
+  Link link;
+  link.source->eventsEnq(Sample::leafFactory(1));
+  link.source->eventsDeq();
+  link.replica->eventsEnq(Sample::leafFactory(10));
+  link.replica->eventsEnq(Sample::leafFactory(11));
+  link.connect();
+  EXPECT_TRUE(link.reader.inSync());
+  EXPECT_TRUE(link.same());
+  EXPECT_EQ(link.replica->eventsSize(), 0u);
+}

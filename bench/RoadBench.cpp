@@ -25,9 +25,9 @@
 #include <cstdio>
 #include <cstring>
 #include <functional>
-#include <unordered_set>
 #include <map>
 #include <string>
+#include <unordered_set>
 #include <vector>
 
 #include <fcntl.h>
@@ -43,7 +43,9 @@ using namespace Rsvp;
 using Clock = std::chrono::steady_clock;
 constexpr Kel::U32 kLsps = 100000;
 
-double since(Clock::time_point t) { return std::chrono::duration<double>(Clock::now() - t).count(); }
+double since(Clock::time_point t) {
+  return std::chrono::duration<double>(Clock::now() - t).count();
+}
 
 // Counts the bytes and drops them.
 class CountingSink : public Kel::LogSink {
@@ -130,8 +132,8 @@ void BM_RefreshRoad(benchmark::State& state) {
   state.counters["refreshes"] = static_cast<double>(after.pathRefreshes - before.pathRefreshes);
   state.counters["changes"] = static_cast<double>(after.pathChanges - before.pathChanges);
   if (sink) {
-    state.counters["logBytesPerMsg"] =
-        static_cast<double>(sink->bytes_ - snapshotBytes) / static_cast<double>(state.iterations() * kLsps);
+    state.counters["logBytesPerMsg"] = static_cast<double>(sink->bytes_ - snapshotBytes) /
+                                       static_cast<double>(state.iterations() * kLsps);
   }
 }
 BENCHMARK(BM_RefreshRoad)
@@ -338,7 +340,8 @@ void BM_RedisPeer(benchmark::State& state) {
     double const ourBytes = static_cast<double>(heap::liveBytes) / kLsps;
     auto const refresh = paths(r, 0);
     auto const t1 = Clock::now();
-    for (Kel::U32 lsp = 0; lsp < kLsps; ++lsp) r.agent->received(r.packets->upstreamOf(lsp), refresh[lsp]);
+    for (Kel::U32 lsp = 0; lsp < kLsps; ++lsp)
+      r.agent->received(r.packets->upstreamOf(lsp), refresh[lsp]);
     double const ourRefresh = since(t1);
     state.counters["oursLoadS"] = ourLoad;
     state.counters["oursRefreshRoundS"] = ourRefresh;
@@ -366,7 +369,7 @@ void BM_RedisPeer(benchmark::State& state) {
     state.counters["redisLoadS"] = redisLoad;
     state.counters["redisRefreshRoundS"] = redisRefresh;
     state.counters["redisBytesPerLsp"] = redisBytes;
-    state.counters["loadRatio"] = redisLoad / ourLoad;        // above 1: we are faster
+    state.counters["loadRatio"] = redisLoad / ourLoad;  // above 1: we are faster
     state.counters["refreshRatio"] = redisRefresh / ourRefresh;
     state.counters["fieldsPerLsp"] = static_cast<double>(records.front().fields.size());
   }

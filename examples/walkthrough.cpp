@@ -52,7 +52,8 @@ void nonBlocking(int fd) {
 // Waits until `fd` is ready for `events`, or fails at the deadline.
 void await(int fd, short events, Clock::time_point deadline) {
   for (;;) {
-    auto const left = std::chrono::duration_cast<std::chrono::milliseconds>(deadline - Clock::now());
+    auto const left =
+        std::chrono::duration_cast<std::chrono::milliseconds>(deadline - Clock::now());
     if (left.count() <= 0) throw std::runtime_error("walk-through: the other process went quiet");
     pollfd p{fd, events, 0};
     int const n = ::poll(&p, 1, static_cast<int>(left.count()));
@@ -79,14 +80,17 @@ struct Trees {
   Kel::Ptr<RsvpStatus> status = rsvpStatusFactory("status");
   Kel::Ptr<RsvpConfig> config = rsvpConfigFactory("config");
   Kel::Ptr<RsvpCliConfig> cli = rsvpCliConfigFactory("cliConfig");
-  [[nodiscard]] std::array<Kel::Entity*, 3> all() const { return {status.get(), config.get(), cli.get()}; }
+  [[nodiscard]] std::array<Kel::Entity*, 3> all() const {
+    return {status.get(), config.get(), cli.get()};
+  }
 };
 
 // Mounts the trees on the sockets, stream number 1 each.
 std::array<Kel::LogWriter*, 3> mount(Trees const& t, std::array<int, 3> const& fds) {
   std::array<Kel::LogWriter*, 3> writers{};
   for (std::size_t i = 0; i < 3; ++i) {
-    writers[i] = t.all()[i]->kelNboAttrLogSaIs(Kel::logObserveAll, 1, std::make_unique<Kel::FdSink>(fds[i]));
+    writers[i] =
+        t.all()[i]->kelNboAttrLogSaIs(Kel::logObserveAll, 1, std::make_unique<Kel::FdSink>(fds[i]));
   }
   return writers;
 }
@@ -116,9 +120,11 @@ void follow(std::array<Kel::LogReader*, 3> const& readers, std::array<int, 3> co
     std::array<pollfd, 4> p{};
     for (std::size_t i = 0; i < 3; ++i) p[i] = {fds[i], POLLIN, 0};
     p[3] = {control, POLLIN, 0};
-    auto const left = std::chrono::duration_cast<std::chrono::milliseconds>(deadline - Clock::now());
+    auto const left =
+        std::chrono::duration_cast<std::chrono::milliseconds>(deadline - Clock::now());
     if (left.count() <= 0) throw std::runtime_error("walk-through: the agent went quiet");
-    if (::poll(p.data(), p.size(), static_cast<int>(left.count())) < 0 && errno != EINTR) sysFail("poll");
+    if (::poll(p.data(), p.size(), static_cast<int>(left.count())) < 0 && errno != EINTR)
+      sysFail("poll");
     for (std::size_t i = 0; i < 3; ++i) {
       if (p[i].revents & (POLLIN | POLLHUP) && !readers[i]->readFrom(fds[i])) {
         throw std::runtime_error("walk-through: a log stream ended");
@@ -150,8 +156,10 @@ int mirrorProcess(std::array<int, 3> const& fds, int control) {
   auto const sps = s.spStateColl();
   Kel::U64 rx = 0;
   Kel::U64 tx = 0;
-  for (auto it = s.neighborRxMsgPipeColl()->msgPipeIter(); !it.done(); ++it) rx += it.value()->readableCount();
-  for (auto it = s.spTxMsgPipeColl()->msgPipeIter(); !it.done(); ++it) tx += it.value()->readableCount();
+  for (auto it = s.neighborRxMsgPipeColl()->msgPipeIter(); !it.done(); ++it)
+    rx += it.value()->readableCount();
+  for (auto it = s.spTxMsgPipeColl()->msgPipeIter(); !it.done(); ++it)
+    tx += it.value()->readableCount();
   std::cout << "mirror: " << status.frames() + config.frames() + cli.frames() << " frames, "
             << status.records() + config.records() + cli.records() << " records\n"
             << "mirror: sessions " << s.sessionStateColl()->sessionStateSize() << ", state paths "
@@ -191,7 +199,8 @@ Options parse(int argc, char** argv) {
       if (i + 1 >= argc) throw std::invalid_argument(std::string(a) + " needs a number");
       char* end = nullptr;
       long const v = std::strtol(argv[++i], &end, 10);
-      if (*end || v < 1 || v > 1000000) throw std::invalid_argument(std::string(a) + " takes 1 to 1000000");
+      if (*end || v < 1 || v > 1000000)
+        throw std::invalid_argument(std::string(a) + " takes 1 to 1000000");
       return v;
     };
     if (a == "--lsps") {
@@ -252,7 +261,8 @@ int run(Options const& o) {
   shape.lsps = o.lsps;
   Road::PacketSide packets(shape);
   Road::Agent road(*agent.status, *agent.config);
-  Road::LabelAllocator allocator(*agent.status->labelRequestTable(), *agent.status->labelAllocTable());
+  Road::LabelAllocator allocator(*agent.status->labelRequestTable(),
+                                 *agent.status->labelAllocTable());
   RsvpSpState::setRandomSeed(1);
   std::mt19937 rng(5);
   std::vector<Kel::U32> version(o.lsps, 0);
@@ -270,7 +280,8 @@ int run(Options const& o) {
       auto const sp = agent.status->spStateColl()->spState(packets.spId(0));
       std::cout << "agent: PATH " << sp->spId() << " from " << packets.upstreamOf(0)
                 << ": a new state path, label " << sp->localLabel() << " from the allocator, "
-                << "sent on to " << sp->activeDs() << ", PATH state " << sp->spOperPathState() << "\n";
+                << "sent on to " << sp->activeDs() << ", PATH state " << sp->spOperPathState()
+                << "\n";
     }
     road.received(packets.downstreamOf(lsp), packets.resv(lsp, 1000 + lsp % 100000));
     pump();

@@ -141,7 +141,8 @@ void LabelAllocator::onLabelRequest(RsvpLabelRequestId const& id) {
 // ---- the agent
 
 Agent::Agent(RsvpStatus& status, RsvpConfig const& config)
-    : status_(status), config_(config),
+    : status_(status),
+      config_(config),
       labels_(std::make_unique<LabelReactor>(*this, status.labelAllocTable().get())) {}
 
 Agent::~Agent() = default;
@@ -168,9 +169,7 @@ void Agent::handle(RsvpNeighborId const& from, Kel::Ptr<RsvpMsg const> const& ms
       handlePathTear(
           Kel::Ptr<RsvpPathTearMsg const>(static_cast<RsvpPathTearMsg const*>(msg.get())));
       break;
-    default:
-      ++counters_.unmatched;
-      break;
+    default: ++counters_.unmatched; break;
   }
 }
 
@@ -237,7 +236,8 @@ void Agent::remember(RsvpSpState& sp, RsvpSpOperState path, RsvpSpOperState resv
   if (sp.spOperPathState() == path && sp.spOperResvState() == resv) return;
   sp.addSpHistoryEntry(
       rsvpSpOperStateHistoryEntryFactory(now_, sp.spOperPathState(), sp.spOperResvState()));
-  bool const up = sp.spOperPathState() == spOperStateBoth && sp.spOperResvState() == spOperStateBoth;
+  bool const up =
+      sp.spOperPathState() == spOperStateBoth && sp.spOperResvState() == spOperStateBoth;
   sp.operationalIs(up);
 }
 

@@ -36,8 +36,8 @@ void forEachPart(std::string_view payload, std::size_t limit, U8 first, U8 more,
     for (;;) {
       // A record: reference, identifier, value length, value.
       auto const b = reinterpret_cast<U8 const*>(payload.data() + cut + 8);
-      std::size_t const length = (std::size_t{b[0]} << 24) | (std::size_t{b[1]} << 16) |
-                                 (std::size_t{b[2]} << 8) | b[3];
+      std::size_t const length =
+          (std::size_t{b[0]} << 24) | (std::size_t{b[1]} << 16) | (std::size_t{b[2]} << 8) | b[3];
       std::size_t const next = cut + 12 + length;
       if (cut != 0 && next > limit) break;
       cut = next;
@@ -548,11 +548,12 @@ void LogWriter::subscriberNew(std::unique_ptr<LogSink> sink) {
   graveyard_.clear();
   Subscriber s{std::move(sink), 0};
   bool ok = true;
-  forEachPart(payload, partBytes_, frameSnapshot, frameSnapshotMore, [&](U8 kind, std::string_view part) {
-    String bytes;
-    logFrame(bytes, kind, ++s.seq, part);
-    ok = ok && s.sink->write(bytes);
-  });
+  forEachPart(payload, partBytes_, frameSnapshot, frameSnapshotMore,
+              [&](U8 kind, std::string_view part) {
+                String bytes;
+                logFrame(bytes, kind, ++s.seq, part);
+                ok = ok && s.sink->write(bytes);
+              });
   String bytes;
   logFrame(bytes, frameInSync, ++s.seq, {});
   if (ok && s.sink->write(bytes)) sinks_.push_back(std::move(s));
@@ -606,11 +607,12 @@ void LogWriter::flush() {
     graveyard_.clear();
     if (!payload.empty()) {
       for (Subscriber& s : sinks_) {
-        forEachPart(payload, partBytes_, frameChanges, frameChanges, [&](U8 kind, std::string_view part) {
-          String bytes;
-          logFrame(bytes, kind, ++s.seq, part);
-          if (s.sink && !s.sink->write(bytes)) s.sink.reset();
-        });
+        forEachPart(payload, partBytes_, frameChanges, frameChanges,
+                    [&](U8 kind, std::string_view part) {
+                      String bytes;
+                      logFrame(bytes, kind, ++s.seq, part);
+                      if (s.sink && !s.sink->write(bytes)) s.sink.reset();
+                    });
       }
     }
   }

@@ -76,7 +76,8 @@ LogWriter* Entity::kelNboAttrLogSaIs(U32 observerMask, U32 number,
   }
   if (it == table.end()) it = table.emplace(this, std::make_unique<Mount>(*this)).first;
   Mount& m = *it->second;
-  if (auto const s = m.streams.find(number); s != m.streams.end()) m.writer.subscriberDel(s->second);
+  if (auto const s = m.streams.find(number); s != m.streams.end())
+    m.writer.subscriberDel(s->second);
   auto sink = std::make_unique<NumberedSink>(m, number, std::move(stream));
   m.streams[number] = sink.get();
   m.writer.subscriberNew(std::move(sink));

@@ -1,8 +1,8 @@
 #include <Kel/Reflect.h>
 #include <Kel/TreeCompare.h>
 
-#include <memory>
 #include <functional>
+#include <memory>
 #include <unordered_set>
 #include <utility>
 
@@ -66,8 +66,7 @@ class Comparer {
   bool attr(Entity const& a, Entity const& b, KelAttr const& attr) {
     TypeDesc const& type = a.fwkType();
     switch (attr.kind) {
-      case AttrKind::constant:
-        return true;
+      case AttrKind::constant: return true;
       case AttrKind::plain:
         if (attr.logId == 0) return true;
         [[fallthrough]];
@@ -92,8 +91,7 @@ class Comparer {
       case AttrKind::hashedMap:
       case AttrKind::hashedSet:
       case AttrKind::orderedMap:
-      case AttrKind::queue:
-        return attr.logId == 0 || collection(a, b, attr);
+      case AttrKind::queue: return attr.logId == 0 || collection(a, b, attr);
     }
     return true;
   }

@@ -172,8 +172,10 @@ TEST(LocalIntfMap, TriesAnswerTheLongestMatchNotifyAndReplicate) {
   struct Case {
     char const* addr;
     char const* prefix;  // "" when nothing covers the address
-  } const cases[] = {{"10.1.2.3", "10.1.0.0/16"}, {"10.2.0.1", "10.0.0.0/8"},
-                     {"11.0.0.1", ""},            {"2001:db8::1", ""},
+  } const cases[] = {{"10.1.2.3", "10.1.0.0/16"},
+                     {"10.2.0.1", "10.0.0.0/8"},
+                     {"11.0.0.1", ""},
+                     {"2001:db8::1", ""},
                      {"0.0.0.0", ""}};
   for (Case const& c : cases) {
     auto const hit = v4->longestMatch(IpGenAddr(c.addr));

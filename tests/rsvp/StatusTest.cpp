@@ -22,10 +22,8 @@ bool isCollection(Kel::KelAttr const& a) {
     case Kel::AttrKind::hashedMap:
     case Kel::AttrKind::hashedSet:
     case Kel::AttrKind::orderedMap:
-    case Kel::AttrKind::queue:
-      return true;
-    default:
-      return false;
+    case Kel::AttrKind::queue: return true;
+    default: return false;
   }
 }
 
@@ -86,13 +84,14 @@ int fillEveryCollection(RsvpStatus& root) {
       }
       try {
         if (a.keyType == &Lumo::typeIpGenPrefix) {
-          key.strepIs(a.name == "intfId" && std::string(child->fwkType().name()).find("Ip6") !=
-                                                 std::string::npos
+          key.strepIs(a.name == "intfId" &&
+                              std::string(child->fwkType().name()).find("Ip6") != std::string::npos
                           ? "2001:db8::/32"
                           : "10.0.0.0/8");
         }
-        int const status = child->fwkType().attributeOp(
-            nullptr, child, &a, Kel::attrOpMemberWrite, key.get(), element ? element->get() : nullptr);
+        int const status =
+            child->fwkType().attributeOp(nullptr, child, &a, Kel::attrOpMemberWrite, key.get(),
+                                         element ? element->get() : nullptr);
         if (status == Kel::attrDone) ++filled;
       } catch (Kel::RangeException const&) {
       }
@@ -222,7 +221,8 @@ TEST(Status, ResetEmptiesEveryCollectionAndKeepsTheShape) {
   auto const handle = root.neighborIdDedupTable()->dedupFromValue(neighbor);
   link.sync();
   ASSERT_TRUE(link.same());
-  EXPECT_EQ(link.replica->neighborStateColl()->name(), "nsc") << "a replica's child kept its slot's name";
+  EXPECT_EQ(link.replica->neighborStateColl()->name(), "nsc")
+      << "a replica's child kept its slot's name";
   std::vector<std::string> const filled = nonEmptyCollections(root);
 
   std::vector<Kel::Ptr<Kel::Entity const>> before;

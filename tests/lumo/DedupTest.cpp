@@ -196,16 +196,6 @@ TEST_P(Dedup, LifeTimeNotifierRunsOnceAndTheValueGetsANewHandle) {
   EXPECT_EQ(table.size(), 0u);
 }
 
-TEST(DedupSwitch, DefaultLayoutFollowsTheSwitch) {
-  EXPECT_FALSE(Orv::DedupHashTableUnorderedSet());
-  Orv::DedupHashTableUnorderedSetIs(true);
-  Orv::DedupHashTable const set;
-  Orv::DedupHashTableUnorderedSetIs(false);
-  Orv::DedupHashTable const chained;
-  EXPECT_TRUE(set.unorderedSet());
-  EXPECT_FALSE(chained.unorderedSet());
-}
-
 TEST(DedupDeathTest, MisusesStopWithTheirText) {
   struct Case {
     char const* what;

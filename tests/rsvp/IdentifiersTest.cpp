@@ -459,19 +459,6 @@ TYPED_TEST(DedupedId, SharedTableAndNoTable) {
   EXPECT_EQ(shared.size(), 1u);
 }
 
-TYPED_TEST(DedupedId, TablesAreEntitiesOfTheModel) {
-  using T = TypeParam;
-  auto const table = T::table();
-  Kel::TypeDesc const& type = table->fwkType();
-  ASSERT_NE(type.base(), nullptr);
-  EXPECT_EQ(type.name(),
-            std::string("Rsvp::") + std::string(T::kName).replace(std::string(T::kName).size() - 7,
-                                                                  7, "DedupTableReal"));
-  EXPECT_EQ(type.base()->name(), std::string(type.name()).substr(0, type.name().size() - 4));
-  EXPECT_FALSE(table->hasBackupSupport());
-  EXPECT_EQ(T::handle(T::id(1))->fwkType().base(), &Orv::typeDedupHandle);
-}
-
 TEST(DedupedIdDeathTest, HandleOfAnotherTypeIsFatal) {
   Orv::DedupHashTable table;
   Kel::Ptr<Orv::DedupHandle> const path =

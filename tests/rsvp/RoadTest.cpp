@@ -15,14 +15,8 @@ namespace {
 
 using namespace Rsvp;
 
-#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
-constexpr Kel::U32 kLsps = 1000;  // the sanitizers cost ten times the time
-#elif defined(__has_feature)
-#if __has_feature(address_sanitizer) || __has_feature(thread_sanitizer)
+#ifdef RSVP_TESTS_SANITIZED
 constexpr Kel::U32 kLsps = 1000;
-#else
-constexpr Kel::U32 kLsps = 10000;
-#endif
 #else
 constexpr Kel::U32 kLsps = 10000;
 #endif

@@ -37,35 +37,6 @@ int op(T& object, char const* attr, Kel::U32 code, void* result, void const* arg
   return type.attributeOp(result, static_cast<void*>(&object), a, code, arg1, arg2);
 }
 
-TEST(Descriptors, IndicesOfSampleTypes) {
-  struct {
-    Kel::TypeDesc const* type;
-    char const* attr;
-    Kel::U32 index;
-    char const* typeName;
-  } const cases[] = {
-      {&RsvpPathId::kelType, "maxLspId", 2, "U32"},
-      {&RsvpPathId::kelType, "invalidLspId", 3, "U32"},
-      {&RsvpPathId::kelType, "lspId", 4, "U32"},
-      {&RsvpSpId::kelType, "pathId", 3, "Rsvp::RsvpPathId"},
-      {&RsvpNeighborId::kelType, "neighborIp", 2, "Lumo::IpGenAddr"},
-      {&RsvpError::kelType, "errorCode", 2, "Rsvp::RsvpErrorCode"},
-      {&RsvpSpIdSet::kelType, "spId", 258, "Rsvp::RsvpSpId"},
-      {&Sample::Path::kelType, "spId", 258, "Rsvp::RsvpSpId"},
-      {&Sample::Path::kelType, "isBypass", 259, "bool"},
-      {&Sample::Special::kelType, "mountPath", 258, "Kel::String"},
-      {&Sample::Special::kelType, "count", 259, "U32"},
-      {&Sample::Special::kelType, "extra", 258 + 19, "bool"},
-  };
-  for (auto const& c : cases) {
-    Kel::KelAttr const* a = c.type->attr(c.attr);
-    ASSERT_NE(a, nullptr) << c.attr;
-    EXPECT_EQ(a->index, c.index) << c.type->name() << "::" << c.attr;
-    EXPECT_EQ(a->typeName, c.typeName) << c.attr;
-    EXPECT_EQ(c.type->attr(c.index), a);
-  }
-}
-
 // Every type of the model: indices run on from 2 (values) or 258 (entities,
 // after the base's), in declaration order, and names are unique.
 TEST(Descriptors, EveryTypeNumbersItsAttributesInOrder) {

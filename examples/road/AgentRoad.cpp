@@ -140,9 +140,10 @@ void LabelAllocator::onLabelRequest(RsvpLabelRequestId const& id) {
 
 // ---- the agent
 
-Agent::Agent(RsvpStatus& status, RsvpConfig const& config)
+Agent::Agent(RsvpStatus& status, RsvpConfig const& config, OnRefresh onRefresh)
     : status_(status),
       config_(config),
+      onRefresh_(onRefresh),
       labels_(std::make_unique<LabelReactor>(*this, status.labelAllocTable().get())) {}
 
 Agent::~Agent() = default;
@@ -261,7 +262,7 @@ void Agent::handlePath(RsvpNeighborId const& from, Kel::Ptr<RsvpPathMsg const> c
   auto const in = sp->inPathStateIs();
   Kel::Ptr<RsvpPathMsg const> const held = in->msg();
   bool const refresh = held && held->equal(msg);
-  in->msgIs(msg);
+  if (!refresh || onRefresh_ == OnRefresh::replaceHeld) in->msgIs(msg);
   in->msgLastRefreshIs(now_);
   if (!refresh) in->msgLastChangeIs(now_);
   sp->updateOperPathState(msgRecv);
@@ -313,7 +314,7 @@ void Agent::handleResv(Kel::Ptr<RsvpResvMsg const> const& msg) {
   auto const in = sp->inResvStateIs();
   Kel::Ptr<RsvpResvMsg const> const held = in->msg();
   bool const refresh = held && held->equal(msg);
-  in->msgIs(msg);
+  if (!refresh || onRefresh_ == OnRefresh::replaceHeld) in->msgIs(msg);
   in->msgLastRefreshIs(now_);
   if (!refresh) in->msgLastChangeIs(now_);
   sp->dsLabelIs(msg->labelObj().label());

@@ -59,11 +59,22 @@ struct Counters {
   Kel::U64 unmatched = 0;  // RESVs and tears for no known path
 };
 
+// How the agent treats a refresh: a message equal to the one held.
+enum class OnRefresh {
+  // Keep the held message and drop the new copy: only the refresh times
+  // move, as in an agent that frees what it decoded once it matched.
+  keepHeld,
+  // Hold the new copy: the held message entity is replaced by an equal one
+  // on every refresh, the hardest case for a mirror of the tree.
+  replaceHeld,
+};
+
 // The agent: reacts to its receive pipes and writes into its transmit pipes.
 // The tree must have been through doInit().
 class Agent {
  public:
-  Agent(Rsvp::RsvpStatus& status, Rsvp::RsvpConfig const& config);
+  Agent(Rsvp::RsvpStatus& status, Rsvp::RsvpConfig const& config,
+        OnRefresh onRefresh = OnRefresh::keepHeld);
   ~Agent();
   Agent(Agent const&) = delete;
   Agent& operator=(Agent const&) = delete;
@@ -95,6 +106,7 @@ class Agent {
 
   Rsvp::RsvpStatus& status_;
   Rsvp::RsvpConfig const& config_;
+  OnRefresh onRefresh_;
   Kel::Seconds now_ = 0;
   Counters counters_;
   Kel::U32 nextCliId_ = 1;

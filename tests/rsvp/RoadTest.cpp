@@ -30,7 +30,8 @@ TEST(Road, ReplicaFollowsRefreshesChangesAndTearsRoundAfterRound) {
   Road::Shape shape;
   shape.lsps = kLsps;
   Road::PacketSide packets(shape);
-  Road::Agent agent(*link.source, *config);
+  // Every refresh replaces the held message: entities come and go all the time.
+  Road::Agent agent(*link.source, *config, Road::OnRefresh::replaceHeld);
   Road::LabelAllocator allocator(*link.source->labelRequestTable(),
                                  *link.source->labelAllocTable());
   RsvpSpState::setRandomSeed(7);

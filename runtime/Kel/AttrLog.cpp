@@ -25,6 +25,22 @@ constexpr U8 frameSnapshot = logFrameSnapshot;
 constexpr U8 frameInSync = logFrameInSync;
 constexpr U8 frameSnapshotMore = logFrameSnapshotMore;
 
+// The length of the longest run of whole records at the start of
+// `payload` that fits in `limit` bytes (a single larger record counts whole).
+std::size_t wholeRecordsWithin(std::string_view payload, std::size_t limit) {
+  std::size_t cut = 0;
+  while (cut < payload.size()) {
+    // A record: reference, identifier, value length, value.
+    auto const b = reinterpret_cast<U8 const*>(payload.data() + cut + 8);
+    std::size_t const length =
+        (std::size_t{b[0]} << 24) | (std::size_t{b[1]} << 16) | (std::size_t{b[2]} << 8) | b[3];
+    std::size_t const next = cut + 12 + length;
+    if (cut != 0 && next > limit) break;
+    cut = next;
+  }
+  return cut;
+}
+
 // Cuts `payload` at record boundaries into parts of at most
 // `limit` bytes (a single larger record stays whole) and hands each to
 // `emit` with its kind: the first `first`, the others `more`.
@@ -32,17 +48,7 @@ template <class F>
 void forEachPart(std::string_view payload, std::size_t limit, U8 first, U8 more, F&& emit) {
   U8 kind = first;
   while (payload.size() > limit) {
-    std::size_t cut = 0;
-    for (;;) {
-      // A record: reference, identifier, value length, value.
-      auto const b = reinterpret_cast<U8 const*>(payload.data() + cut + 8);
-      std::size_t const length =
-          (std::size_t{b[0]} << 24) | (std::size_t{b[1]} << 16) | (std::size_t{b[2]} << 8) | b[3];
-      std::size_t const next = cut + 12 + length;
-      if (cut != 0 && next > limit) break;
-      cut = next;
-      if (cut >= payload.size()) break;
-    }
+    std::size_t const cut = wholeRecordsWithin(payload, limit);
     if (cut >= payload.size()) break;
     emit(kind, payload.substr(0, cut));
     payload.remove_prefix(cut);
@@ -148,6 +154,17 @@ bool FdSink::flush() {
 
 // ---- writer
 
+namespace {
+
+// Where a holder keeps an entity: (attribute index, encoded key).
+struct WhereHash {
+  std::size_t operator()(std::pair<U32, String> const& w) const noexcept {
+    return std::hash<std::string_view>()(w.second) * 31 + w.first;
+  }
+};
+
+}  // namespace
+
 struct LogWriter::Tracked final : LogDirtySink {
   LogWriter* writer = nullptr;
   Ptr<Entity> entity;
@@ -162,7 +179,8 @@ struct LogWriter::Tracked final : LogDirtySink {
   int holders = 0;      // of a shared entity: the places that refer to it
   // What this entity holds, by (attribute index, encoded key; empty for a
   // slot or a reference): owned children, or shared entities (true).
-  std::map<std::pair<U32, String>, std::pair<Entity*, bool>> children;
+  std::unordered_map<std::pair<U32, String>, std::pair<Entity*, bool>, WhereHash> children;
+  U32 snapshotMark = 0;  // the number of the last snapshot that wrote this shared entity
 
   void attrDirtyIs(S32 id) override {
     dirtyAttrs.insert(static_cast<U32>(id));
@@ -266,8 +284,8 @@ Entity* LogWriter::writeShared(LogOut& out, Tracked& holder, std::pair<U32, Stri
   }
   Entity* const e = const_cast<Entity*>(target);
   auto const found = tracked_.find(e);
-  bool const fresh = found == tracked_.end() ||
-                     (snapshotting_ && found->second->shared && !snapshotWritten_.count(e));
+  bool const fresh = found == tracked_.end() || (snapshotting_ && found->second->shared &&
+                                                 found->second->snapshotMark != snapshots_);
   Tracked& t = track(*e);
   if (found == tracked_.end()) t.shared = true;
   // Entities of the tree count their holders too: one that leaves the tree
@@ -415,19 +433,7 @@ void LogWriter::writeMember(LogOut& out, Tracked& t, KelAttr const& attr, String
       return;
     }
     if (present) {
-      Entity* const c = const_cast<Entity*>(child.get());
-      bool const fresh = snapshotting_ || !tracked_.count(c);
-      auto const known = t.children.find(where);
-      if (!fresh && known != t.children.end() && known->second.first == c) return;
-      Tracked& ct = track(*c);
-      t.children[where] = {c, false};
-      at = openRecord(out, t.ref, id);
-      out.bytes(key.data(), key.size());
-      out.u32(ct.ref);
-      writeCtorArgs(out, *attr.type, *c, false);
-      closeRecord(out, at);
-      ++records_;
-      if (fresh) writeEntity(out, ct);
+      writeOwnedMember(out, t, attr, key, const_cast<Entity*>(child.get()));
       return;
     }
   } else {
@@ -445,6 +451,26 @@ void LogWriter::writeMember(LogOut& out, Tracked& t, KelAttr const& attr, String
   }
   closeRecord(out, at);
   ++records_;
+}
+
+// A member of a collection of owned entities, present under `key`.
+void LogWriter::writeOwnedMember(LogOut& out, Tracked& t, KelAttr const& attr, String const& key,
+                                 Entity* c) {
+  auto where = std::make_pair(attr.index, key);
+  bool const fresh = snapshotting_ || !tracked_.count(c);
+  if (!fresh) {
+    auto const known = t.children.find(where);
+    if (known != t.children.end() && known->second.first == c) return;
+  }
+  Tracked& ct = track(*c);
+  t.children.insert_or_assign(std::move(where), std::make_pair(c, false));
+  std::size_t const at = openRecord(out, t.ref, static_cast<S32>(attr.logId));
+  out.bytes(key.data(), key.size());
+  out.u32(ct.ref);
+  writeCtorArgs(out, *attr.type, *c, false);
+  closeRecord(out, at);
+  ++records_;
+  if (fresh) writeEntity(out, ct);
 }
 
 // The number the queue's next enqueue starts from, after its entries: a
@@ -466,6 +492,7 @@ void LogWriter::writeQueueNext(LogOut& out, Tracked& t, KelAttr const& attr, boo
 }
 
 void LogWriter::writeEntity(LogOut& out, Tracked& t) {
+  if (stream_) streamParts(out);
   TypeDesc const& type = t.entity->fwkType();
   type.forEachAttr([&](KelAttr const& attr) {
     if (attr.logId == 0) return;
@@ -475,6 +502,16 @@ void LogWriter::writeEntity(LogOut& out, Tracked& t) {
     }
     std::unique_ptr<GenericIter> it;
     if (type.attributeOp(&it, t.entity.get(), &attr, attrOpIterate) != attrDone) return;
+    if (attr.type->kind() == TypeKind::entity && snapshotting_ && !holdsShared(attr)) {
+      // Owned members, straight from the walk: writing them changes nothing
+      // in the collection.
+      for (; !it->done(); it->next()) {
+        writeOwnedMember(out, t, attr, encode(*attr.keyType, it->key()),
+                         const_cast<Entity*>(it->entity()));
+      }
+      if (attr.kind == AttrKind::queue) writeQueueNext(out, t, attr, false);
+      return;
+    }
     if (attr.type->kind() == TypeKind::entity) {
       // Children are tracked as they are written: go by key.
       std::vector<String> keys;
@@ -498,8 +535,9 @@ void LogWriter::writeEntity(LogOut& out, Tracked& t) {
 }
 
 void LogWriter::writeFresh(LogOut& out, Entity& e) {
-  if (snapshotting_) snapshotWritten_.insert(&e);
-  writeEntity(out, *tracked_.at(&e));
+  Tracked& t = *tracked_.at(&e);
+  if (snapshotting_) t.snapshotMark = snapshots_;
+  writeEntity(out, t);
 }
 
 void LogWriter::writeDeferredRefs(LogOut& out) {
@@ -509,10 +547,12 @@ void LogWriter::writeDeferredRefs(LogOut& out) {
   std::size_t members = 0;
   while (refs < deferredRefs_.size() || members < deferredMembers_.size()) {
     for (; refs < deferredRefs_.size(); ++refs) {
+      if (stream_) streamParts(out);
       auto const [t, attr] = deferredRefs_[refs];
       if (!t->dead) writeAttr(out, *t, *attr);
     }
     for (; members < deferredMembers_.size(); ++members) {
+      if (stream_) streamParts(out);
       DeferredMember const m = deferredMembers_[members];
       if (!m.holder->dead) writeMember(out, *m.holder, *m.attr, m.key);
     }
@@ -536,27 +576,58 @@ void logFrame(String& out, U8 kind, U64 seq, std::string_view payload) {
   o.u32(crc32(payload));
 }
 
+// The snapshot a new subscriber receives goes out part by part while it is
+// written, so that its replica applies one part while the next is made.
+struct LogWriter::SnapshotStream {
+  Subscriber subscriber;
+  bool ok = true;
+  U8 kind = frameSnapshot;
+
+  void frame(std::string_view part) {
+    String bytes;
+    logFrame(bytes, kind, ++subscriber.seq, part);
+    ok = ok && subscriber.sink->write(bytes);
+    kind = frameSnapshotMore;
+  }
+};
+
+// Called between records: sends the whole parts written so far.
+void LogWriter::streamParts(LogOut& out) {
+  String& payload = out.buffer();
+  if (payload.size() <= partBytes_) return;
+  std::size_t done = 0;
+  while (payload.size() - done > partBytes_) {
+    std::string_view const rest = std::string_view(payload).substr(done);
+    std::size_t const cut = wholeRecordsWithin(rest, partBytes_);
+    if (cut >= rest.size()) break;
+    stream_->frame(rest.substr(0, cut));
+    done += cut;
+  }
+  payload.erase(0, done);
+}
+
 void LogWriter::subscriberNew(std::unique_ptr<LogSink> sink) {
   flush();  // the others get what is pending; the newcomer starts clean
+  SnapshotStream stream{Subscriber{std::move(sink), 0}};
   String payload;
   LogOut out(payload);
   snapshotting_ = true;
+  ++snapshots_;
+  stream_ = &stream;
   writeEntity(out, *tracked_.at(root_));
   writeDeferredRefs(out);
+  stream_ = nullptr;
   snapshotting_ = false;
-  snapshotWritten_.clear();
   graveyard_.clear();
-  Subscriber s{std::move(sink), 0};
-  bool ok = true;
-  forEachPart(payload, partBytes_, frameSnapshot, frameSnapshotMore,
+  forEachPart(payload, partBytes_, stream.kind, frameSnapshotMore,
               [&](U8 kind, std::string_view part) {
-                String bytes;
-                logFrame(bytes, kind, ++s.seq, part);
-                ok = ok && s.sink->write(bytes);
+                stream.kind = kind;
+                stream.frame(part);
               });
   String bytes;
-  logFrame(bytes, frameInSync, ++s.seq, {});
-  if (ok && s.sink->write(bytes)) sinks_.push_back(std::move(s));
+  logFrame(bytes, frameInSync, ++stream.subscriber.seq, {});
+  if (stream.ok && stream.subscriber.sink->write(bytes))
+    sinks_.push_back(std::move(stream.subscriber));
 }
 
 void LogWriter::subscriberDel(LogSink const* sink) {

@@ -154,6 +154,11 @@ class LogWriter {
  private:
   class Tracker;
   struct Tracked;
+  struct Subscriber {
+    std::unique_ptr<LogSink> sink;
+    U64 seq = 0;
+  };
+  struct SnapshotStream;
 
   Tracked& track(Entity& e);
   void untrack(Entity& e);
@@ -161,6 +166,7 @@ class LogWriter {
   void writeEntity(LogOut& out, Tracked& t);
   void writeAttr(LogOut& out, Tracked& t, KelAttr const& attr);
   void writeMember(LogOut& out, Tracked& t, KelAttr const& attr, String const& key);
+  void writeOwnedMember(LogOut& out, Tracked& t, KelAttr const& attr, String const& key, Entity* c);
   void writeQueueNext(LogOut& out, Tracked& t, KelAttr const& attr, bool evenIfZero);
   void writeDeferredRefs(LogOut& out);
   void queue(Tracked& t);
@@ -169,6 +175,7 @@ class LogWriter {
   Entity* writeShared(LogOut& out, Tracked& holder, std::pair<U32, String> const& where,
                       TypeDesc const& declared, Entity const* target);
   void writeFresh(LogOut& out, Entity& e);
+  void streamParts(LogOut& out);
 
   Entity* root_;
   std::unique_ptr<GenericNotifiee> tracker_;
@@ -179,7 +186,7 @@ class LogWriter {
   U32 nextRef_ = 1;
   bool snapshotting_ = false;  // every child is written in full
   bool writingRefs_ = false;
-  std::set<Entity const*> snapshotWritten_;  // shared entities a snapshot has written
+  U32 snapshots_ = 0;  // snapshots written: marks the shared entities each has written
   std::vector<std::pair<Tracked*, KelAttr const*>> deferredRefs_;
   // Members of shared maps, written with the references.
   struct DeferredMember {
@@ -190,11 +197,8 @@ class LogWriter {
   std::vector<DeferredMember> deferredMembers_;
   // References forgotten since the last frame, announced in the next one.
   std::vector<U32> released_;
-  struct Subscriber {
-    std::unique_ptr<LogSink> sink;
-    U64 seq = 0;
-  };
   std::vector<Subscriber> sinks_;
+  SnapshotStream* stream_ = nullptr;  // the snapshot being written, sent as it goes
   U64 records_ = 0;
   std::size_t partBytes_ = logFramePartBytes;
 };

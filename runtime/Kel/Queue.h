@@ -29,6 +29,7 @@
 
 #include <Kel/Types.h>
 
+#include <memory>
 #include <optional>
 #include <utility>
 
@@ -72,25 +73,26 @@ class Queue {
   Queue& operator=(Queue const&) = delete;
   ~Queue() { clear(); }
 
-  [[nodiscard]] std::size_t size() const noexcept { return size_; }
-  [[nodiscard]] bool empty() const noexcept { return head_ == nullptr; }
-  [[nodiscard]] Node* head() const noexcept { return head_; }
-  [[nodiscard]] Node* tail() const noexcept { return tail_; }
-  [[nodiscard]] U32 nextSeq() const noexcept { return nextSeq_; }
-  [[nodiscard]] U64 removals() const noexcept { return removals_; }
+  [[nodiscard]] std::size_t size() const noexcept { return s_ ? s_->size : 0; }
+  [[nodiscard]] bool empty() const noexcept { return head() == nullptr; }
+  [[nodiscard]] Node* head() const noexcept { return s_ ? s_->head : nullptr; }
+  [[nodiscard]] Node* tail() const noexcept { return s_ ? s_->tail : nullptr; }
+  [[nodiscard]] U32 nextSeq() const noexcept { return s_ ? s_->nextSeq : 0; }
+  [[nodiscard]] U64 removals() const noexcept { return s_ ? s_->removals : 0; }
 
-  [[nodiscard]] Iterator begin() const noexcept { return Iterator(head_); }
+  [[nodiscard]] Iterator begin() const noexcept { return Iterator(head()); }
   [[nodiscard]] Iterator end() const noexcept { return Iterator(nullptr); }
 
   // Appends `value`; answers its sequence number.
   U32 enq(V value) {
-    U32 seq = nextSeq_;
-    if (tail_ && !seqAfter(nextSeq_, tail_->seq)) seq = tail_->seq + 1;
-    nextSeq_ = seq;
+    State& st = state();
+    U32 seq = st.nextSeq;
+    if (st.tail && !seqAfter(st.nextSeq, st.tail->seq)) seq = st.tail->seq + 1;
+    st.nextSeq = seq;
     Node* n = new Node{nullptr, seq, std::move(value)};
-    (tail_ ? tail_->next : head_) = n;
-    tail_ = n;
-    ++size_;
+    (st.tail ? st.tail->next : st.head) = n;
+    st.tail = n;
+    ++st.size;
     return seq;
   }
 
@@ -99,19 +101,20 @@ class Queue {
   // within 2^31 of the head's. The stored next number becomes `seq`, as
   // after an ordinary enqueue.
   bool enqAt(U32 seq, V value) {
-    if (head_ && !acceptsAt(seq)) return false;
-    nextSeq_ = seq;
+    if (head() && !acceptsAt(seq)) return false;
+    State& st = state();
+    st.nextSeq = seq;
     Node* n = new Node{nullptr, seq, std::move(value)};
-    (tail_ ? tail_->next : head_) = n;
-    tail_ = n;
-    ++size_;
+    (st.tail ? st.tail->next : st.head) = n;
+    st.tail = n;
+    ++st.size;
     return true;
   }
 
   // Removes the head; answers its number and value, or nothing when empty.
   std::optional<std::pair<U32, V>> deq() {
-    if (!head_) return std::nullopt;
-    Node* const n = head_;
+    Node* const n = head();
+    if (!n) return std::nullopt;
     unlink(nullptr, n);
     std::optional<std::pair<U32, V>> out(std::in_place, n->seq, std::move(n->value));
     delete n;
@@ -120,16 +123,16 @@ class Queue {
 
   // Whether enqAt(seq, ...) would be accepted.
   [[nodiscard]] bool acceptsAt(U32 seq) const noexcept {
-    Node const* const h = head_;
-    Node const* const t = tail_;
+    Node const* const h = head();
+    Node const* const t = tail();
     if (!h || !t) return true;
     U32 const at = seq - h->seq;
     return at > t->seq - h->seq && at < 0x80000000u;
   }
 
   [[nodiscard]] Node* find(U32 seq) const noexcept {
-    Node* const h = head_;
-    Node* const t = tail_;
+    Node* const h = head();
+    Node* const t = tail();
     if (!h || !t) return nullptr;
     if (seq == t->seq) return t;
     // Distances from the head increase from head to tail.
@@ -144,8 +147,8 @@ class Queue {
 
   // Removes the entry numbered `seq`; answers whether there was one.
   bool del(U32 seq) {
-    Node* const h = head_;
-    Node* const t = tail_;
+    Node* const h = head();
+    Node* const t = tail();
     if (!h || !t) return false;
     U32 const at = seq - h->seq;
     if (at > t->seq - h->seq) return false;
@@ -164,9 +167,9 @@ class Queue {
 
   // Sets the number the next enqueue into this empty queue takes (a queue
   // that starts where another left off); refused (false) when not empty.
-  bool nextSeqIs(U32 seq) noexcept {
-    if (head_) return false;
-    nextSeq_ = seq;
+  bool nextSeqIs(U32 seq) {
+    if (head()) return false;
+    if (seq != nextSeq()) state().nextSeq = seq;
     return true;
   }
 
@@ -174,38 +177,51 @@ class Queue {
   // accepted (true) when the queue is empty, or when `seq` is the tail's
   // number or comes after it within 2^31 of the head's, the only numbers the
   // operations above leave there.
-  bool nextSeqRestore(U32 seq) noexcept {
-    if (head_ && seq != tail_->seq && !acceptsAt(seq)) return false;
-    nextSeq_ = seq;
+  bool nextSeqRestore(U32 seq) {
+    if (head() && seq != tail()->seq && !acceptsAt(seq)) return false;
+    if (seq != nextSeq()) state().nextSeq = seq;
     return true;
   }
 
   // Drops every entry without counting removals or touching the numbering.
   void clear() noexcept {
-    for (Node* n = head_; n;) {
+    if (!s_) return;
+    for (Node* n = s_->head; n;) {
       Node* const next = n->next;
       delete n;
       n = next;
     }
-    head_ = tail_ = nullptr;
-    size_ = 0;
+    s_->head = s_->tail = nullptr;
+    s_->size = 0;
   }
 
  private:
-  void unlink(Node* prev, Node* n) noexcept {
-    U32 const lastSeq = tail_->seq;
-    (prev ? prev->next : head_) = n->next;
-    if (tail_ == n) tail_ = prev;
-    --size_;
-    ++removals_;
-    if (head_ && !seqAfter(nextSeq_, lastSeq)) nextSeq_ = lastSeq + 1;
+  // Most queues of a router's state stay empty and unnumbered for ever: they
+  // hold one pointer until first used.
+  struct State {
+    Node* head = nullptr;
+    Node* tail = nullptr;
+    std::size_t size = 0;
+    U32 nextSeq = 0;
+    U64 removals = 0;
+  };
+
+  State& state() {
+    if (!s_) s_ = std::make_unique<State>();
+    return *s_;
   }
 
-  Node* head_ = nullptr;
-  Node* tail_ = nullptr;
-  std::size_t size_ = 0;
-  U32 nextSeq_ = 0;
-  U64 removals_ = 0;
+  void unlink(Node* prev, Node* n) noexcept {
+    State& st = *s_;
+    U32 const lastSeq = st.tail->seq;
+    (prev ? prev->next : st.head) = n->next;
+    if (st.tail == n) st.tail = prev;
+    --st.size;
+    ++st.removals;
+    if (st.head && !seqAfter(st.nextSeq, lastSeq)) st.nextSeq = lastSeq + 1;
+  }
+
+  std::unique_ptr<State> s_;
 };
 
 }  // namespace Kel

@@ -257,7 +257,10 @@ HistoryCase const historyCases[] = {
        for (int i = 0; i < 11; ++i) historySp->spHistoryEntryEnq(rsvpSpHistoryEntryFactory(i));
        historySp->addSpHistoryEntry(rsvpSpHistoryEntryFactory(99));
      },
-     [] { return historySp->spHistoryEntryIter().value()->timestamp(); }},
+     [] {
+       auto const it = historySp->spHistoryEntryIter();
+       return it.done() ? -1.0 : it.value()->timestamp();
+     }},
     {"session", "RsvpSession", "9 Session event queue full, dequeuing entry at the head",
      "9 Adding entry to the session event queue",
      "sessionHistoryEntrys\\(\\) <= RsvpConstants::maxHistoryQueueSize\\(\\)",
@@ -270,7 +273,10 @@ HistoryCase const historyCases[] = {
          historySession->sessionHistoryEntryEnq(rsvpSessionHistoryEntryFactory(i));
        historySession->addSessionHistoryEntry(rsvpSessionHistoryEntryFactory(99));
      },
-     [] { return historySession->sessionHistoryEntryIter().value()->timestamp(); }},
+     [] {
+       auto const it = historySession->sessionHistoryEntryIter();
+       return it.done() ? -1.0 : it.value()->timestamp();
+     }},
 };
 
 TEST(History, TheEleventhEntryDropsTheFirst) {

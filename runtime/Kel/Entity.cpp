@@ -66,13 +66,26 @@ void Entity::frozenMutated() const noexcept {
   assertFailed(text.c_str(), __FILE__, __LINE__);
 }
 
+Name Entity::name() const {
+  switch (nameSource_) {
+    case NameSource::key: return keyText();
+    case NameSource::type: {
+      std::string_view const full = fwkType().name();
+      std::size_t const colons = full.rfind("::");
+      return Name(colons == std::string_view::npos ? full : full.substr(colons + 2));
+    }
+    case NameSource::stored: break;
+  }
+  return name_;
+}
+
 String Entity::fullName() const {
   std::vector<Entity const*> chain;
   for (Entity const* e = this; e; e = e->parent_) chain.push_back(e);
   String out;
   for (auto it = chain.rbegin(); it != chain.rend(); ++it) {
     if (!out.empty() || it != chain.rbegin()) out += '/';
-    out += (*it)->name_;
+    out += (*it)->name();
   }
   return out;
 }

@@ -71,7 +71,15 @@ class Entity : public PtrInterface {
   Entity(Entity const&) = delete;
   Entity& operator=(Entity const&) = delete;
 
-  [[nodiscard]] Name const& name() const noexcept { return name_; }
+  // How an entity keeps its name. Most entities of a router's state are
+  // named after their key or their type: they spell the name only when
+  // asked, instead of holding a string each.
+  enum class NameSource : U8 {
+    stored,  // the name given
+    key,     // the text of the entity's key
+    type,    // the type's name without its namespace
+  };
+  [[nodiscard]] Name name() const;
   // The entity whose slot or collection holds this one, or null.
   [[nodiscard]] Entity* parent() const noexcept { return parent_; }
   // The names from the root down to this entity, joined by "/".
@@ -109,6 +117,7 @@ class Entity : public PtrInterface {
   void nameIsFromBackup(Name name) {
     assertMutable();
     name_ = std::move(name);
+    nameSource_ = NameSource::stored;
   }
 
   // Mounts the entity as the root of an attribute log, its stream `number`
@@ -129,10 +138,16 @@ class Entity : public PtrInterface {
   // For the framework: the owner sets and clears the parent. A frozen
   // entity's parent is cleared too, when its owner lets it go.
   void parentIs(Entity* parent) noexcept { parent_ = parent; }
+  // For the framework: a factory that made the entity without a name says
+  // where the name comes from.
+  void nameSourceIs(NameSource source) noexcept { nameSource_ = source; }
 
  protected:
   explicit Entity(Name name) : name_(std::move(name)) {}
   ~Entity() override;
+
+  // The text of the entity's key, for a keyed type.
+  [[nodiscard]] virtual Name keyText() const { return {}; }
 
   // Calls `f(notifiee)` for every notifiee that observes a class at `depth`
   // or deeper (that is, that knows the attribute being changed), in list
@@ -177,7 +192,8 @@ class Entity : public PtrInterface {
   void notifieesDetach() const noexcept;
   [[noreturn, gnu::cold]] void frozenMutated() const noexcept;
 
-  bool frozen_ = false;  // first: it fits in the padding after the count
+  bool frozen_ = false;  // first: these fit in the padding after the count
+  NameSource nameSource_ = NameSource::stored;
   Name name_;
   Entity* parent_ = nullptr;
   mutable std::unique_ptr<NotifieeList> list_;

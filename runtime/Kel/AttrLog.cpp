@@ -171,7 +171,7 @@ struct LogWriter::Tracked final : LogDirtySink {
   U32 ref = 0;
   std::unique_ptr<NotifieeBase> notifiee;     // the generic path, without an adapter
   std::unique_ptr<LogStateAdapter> adapter;   // the type's own state adapter
-  std::set<U32> dirtyAttrs;                   // attribute indices
+  std::vector<U32> dirtyAttrs;                // attribute log ids, each once
   std::map<U32, std::set<String>> dirtyKeys;  // attribute index -> encoded keys
   bool queued = false;
   bool dead = false;    // no longer tracked; skipped by the flush that meets it
@@ -183,8 +183,13 @@ struct LogWriter::Tracked final : LogDirtySink {
   U32 snapshotMark = 0;  // the number of the last snapshot that wrote this shared entity
 
   void attrDirtyIs(S32 id) override {
-    dirtyAttrs.insert(static_cast<U32>(id));
+    markDirty(static_cast<U32>(id));
     writer->queue(*this);
+  }
+  void markDirty(U32 id) {
+    // An entity has few attributes, and few change between two flushes.
+    if (std::find(dirtyAttrs.begin(), dirtyAttrs.end(), id) == dirtyAttrs.end())
+      dirtyAttrs.push_back(id);
   }
   void memberDirtyIs(S32 id, String encodedKey) override {
     dirtyKeys[static_cast<U32>(id)].insert(std::move(encodedKey));
@@ -317,7 +322,7 @@ void LogWriter::changed(Entity const& e, KelAttr const& attr, void const* key) {
   if (key) {
     t.dirtyKeys[attr.logId].insert(encode(*attr.keyType, key));
   } else {
-    t.dirtyAttrs.insert(attr.logId);
+    t.markDirty(attr.logId);
   }
   queue(t);
 }
@@ -639,11 +644,18 @@ void LogWriter::flush() {
     String payload;
     LogOut out(payload);
     // Entities announced while writing join the end of the list.
+    std::vector<U32> attrs;
     for (std::size_t i = 0; i < dirty_.size(); ++i) {
+      // The tracking records lie all over the heap: ask for the ones ahead.
+      if (i + 8 < dirty_.size()) __builtin_prefetch(dirty_[i + 8]);
+      if (i + 4 < dirty_.size()) __builtin_prefetch(dirty_[i + 4]->entity.get());
       Tracked& t = *dirty_[i];
       t.queued = false;
       if (t.dead) continue;
-      auto const attrs = std::exchange(t.dirtyAttrs, {});
+      // In the order of their ids, as the records of an entity always go.
+      attrs.clear();
+      attrs.swap(t.dirtyAttrs);
+      std::sort(attrs.begin(), attrs.end());
       auto const keys = std::exchange(t.dirtyKeys, {});
       TypeDesc const& type = t.entity->fwkType();
       for (U32 id : attrs) {

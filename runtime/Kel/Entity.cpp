@@ -20,7 +20,10 @@ void NotifieeBase::notifierBaseIs(Entity const* e) {
   }
 }
 
-Entity::~Entity() { notifieesDetach(); }
+Entity::~Entity() {
+  notifieesDetach();
+  nameDrop();
+}
 
 void Entity::notifieesDetach() const noexcept {
   if (!list_) return;
@@ -74,9 +77,22 @@ Name Entity::name() const {
       std::size_t const colons = full.rfind("::");
       return Name(colons == std::string_view::npos ? full : full.substr(colons + 2));
     }
+    case NameSource::literal: return Name(nameData_.literal);
     case NameSource::stored: break;
   }
-  return name_;
+  return nameData_.stored ? *nameData_.stored : Name();
+}
+
+void Entity::nameStoredIs(Name name) {
+  Name* const fresh = name.empty() ? nullptr : new Name(std::move(name));
+  nameDrop();
+  nameSource_ = NameSource::stored;
+  nameData_.stored = fresh;
+}
+
+void Entity::nameDrop() noexcept {
+  if (nameSource_ == NameSource::stored) delete nameData_.stored;
+  nameData_.stored = nullptr;
 }
 
 String Entity::fullName() const {

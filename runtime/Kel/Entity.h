@@ -75,9 +75,10 @@ class Entity : public PtrInterface {
   // named after their key or their type: they spell the name only when
   // asked, instead of holding a string each.
   enum class NameSource : U8 {
-    stored,  // the name given
-    key,     // the text of the entity's key
-    type,    // the type's name without its namespace
+    stored,   // the name given, kept on the heap (none when empty)
+    literal,  // a string of the program, as a slot names its child
+    key,      // the text of the entity's key
+    type,     // the type's name without its namespace
   };
   [[nodiscard]] Name name() const;
   // The entity whose slot or collection holds this one, or null.
@@ -116,8 +117,7 @@ class Entity : public PtrInterface {
   // mirrors.
   void nameIsFromBackup(Name name) {
     assertMutable();
-    name_ = std::move(name);
-    nameSource_ = NameSource::stored;
+    nameStoredIs(std::move(name));
   }
 
   // Mounts the entity as the root of an attribute log, its stream `number`
@@ -139,11 +139,20 @@ class Entity : public PtrInterface {
   // entity's parent is cleared too, when its owner lets it go.
   void parentIs(Entity* parent) noexcept { parent_ = parent; }
   // For the framework: a factory that made the entity without a name says
-  // where the name comes from.
-  void nameSourceIs(NameSource source) noexcept { nameSource_ = source; }
+  // where the name comes from
+  // (key or type), or names it with a string that outlives it.
+  void nameSourceIs(NameSource source) noexcept {
+    nameDrop();
+    nameSource_ = source;
+  }
+  void nameLiteralIs(char const* literal) noexcept {
+    nameDrop();
+    nameSource_ = NameSource::literal;
+    nameData_.literal = literal;
+  }
 
  protected:
-  explicit Entity(Name name) : name_(std::move(name)) {}
+  explicit Entity(Name name) { nameStoredIs(std::move(name)); }
   ~Entity() override;
 
   // The text of the entity's key, for a keyed type.
@@ -194,7 +203,13 @@ class Entity : public PtrInterface {
 
   bool frozen_ = false;  // first: these fit in the padding after the count
   NameSource nameSource_ = NameSource::stored;
-  Name name_;
+  void nameStoredIs(Name name);
+  void nameDrop() noexcept;
+  // One pointer, whatever the source: most entities never spell their name.
+  union {
+    Name* stored;         // NameSource::stored; null for no name
+    char const* literal;  // NameSource::literal
+  } nameData_{nullptr};
   Entity* parent_ = nullptr;
   mutable std::unique_ptr<NotifieeList> list_;
 };

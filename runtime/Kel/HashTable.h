@@ -46,6 +46,7 @@
 #include <Kel/Types.h>
 
 #include <algorithm>
+#include <bit>
 #include <cassert>
 #include <cstddef>
 #include <cstring>
@@ -55,6 +56,10 @@
 #include <type_traits>
 #include <utility>
 #include <vector>
+
+#if defined(__SSE2__)
+#include <emmintrin.h>
+#endif
 
 namespace Kel {
 
@@ -117,7 +122,7 @@ class HashTable {
     [[nodiscard]] V& value() const noexcept { return node_->value; }
     [[nodiscard]] bool done() const noexcept { return node_ == nullptr; }
     Iterator& operator++() noexcept {
-      table_->stepFrom(*this, table_->slotOf(*this) + 1);
+      table_->advance(*this);
       return *this;
     }
     bool operator==(Iterator const& o) const noexcept { return node_ == o.node_; }
@@ -128,8 +133,10 @@ class HashTable {
     friend class HashTable;
     HashTable const* table_ = nullptr;
     Node* node_ = nullptr;
-    U32 id_ = 0;    // node_'s number
-    U32 slot_ = 0;  // where node_ was last seen; checked before use
+    U32 id_ = 0;     // node_'s number
+    U32 slot_ = 0;   // where node_ was last seen; checked before use
+    U32 seen_ = 0;   // the table's change count when `ahead_` was read
+    U64 ahead_ = 0;  // bit k: slot slot_ + 1 + k is used, unless the table changed
   };
 
   HashTable() = default;
@@ -224,6 +231,7 @@ class HashTable {
       std::memmove(&slots_[i + 1], &slots_[i], (e - i) * sizeof(Slot));
       slots_[i] = Slot{rh, id};
       ++size_;
+      ++changes_;
       return {&n->value, true};
     }
   }
@@ -250,13 +258,14 @@ class HashTable {
       }
     }
     for (Node* c : chunks_) {
-      if (c) ::operator delete(static_cast<void*>(c), std::align_val_t(alignof(Node)));
+      if (c) freeChunk(c);
     }
     chunks_.clear();
     chunks_.shrink_to_fit();
     slots_.reset();
     bits_ = 0;
     size_ = 0;
+    ++changes_;
     end_ = 0;
     tail_ = 0;
     nodeCapacity_ = 0;
@@ -289,7 +298,7 @@ class HashTable {
 
   // Bytes held by the table itself: slots, nodes and the chunk list.
   [[nodiscard]] std::size_t bytes() const noexcept {
-    std::size_t const slots = slots_ ? std::size_t{end_} + 1 : 0;
+    std::size_t const slots = slots_ ? std::size_t{end_} + kEndRun : 0;
     return slots * sizeof(Slot) + nodeCapacity_ * sizeof(Node) + chunks_.capacity() * sizeof(Node*);
   }
 
@@ -299,7 +308,9 @@ class HashTable {
   static constexpr unsigned kChunkBits = 10;  // node number = chunk << 10 | index
   static constexpr U32 kChunkMax = U32{1} << kChunkBits;
   static constexpr U32 kEnd = ~U32{0};  // the node number of the end marker
-  static constexpr std::size_t kPrefetch = 8;
+  // The end marker is repeated this many times, so that a walk may read
+  // ahead without bounds checks.
+  static constexpr U32 kEndRun = 32;
 
   static bool isNode(U32 id) noexcept { return id - 1 < kEnd - 1; }
 
@@ -326,17 +337,65 @@ class HashTable {
     return i;
   }
 
-  // Sets `it` on the first node at or after slot i, or makes it done.
+  // Bit k: slot s + k holds a node or the end marker, for k < 32.
+  static U64 usedMask(Slot const* s) noexcept {
+#if defined(__SSE2__)
+    // The node numbers of four slots at a time, compared with 0.
+    auto const empty4 = [](Slot const* p) {
+      __m128 const a = _mm_loadu_ps(reinterpret_cast<float const*>(p));
+      __m128 const b = _mm_loadu_ps(reinterpret_cast<float const*>(p + 2));
+      __m128i const n = _mm_castps_si128(_mm_shuffle_ps(a, b, _MM_SHUFFLE(3, 1, 3, 1)));
+      return static_cast<U64>(
+          _mm_movemask_ps(_mm_castsi128_ps(_mm_cmpeq_epi32(n, _mm_setzero_si128()))));
+    };
+    U64 empty = 0;
+    for (unsigned k = 0; k < 32; k += 4) empty |= empty4(s + k) << k;
+    return ~empty & 0xFFFFFFFFu;
+#else
+    U64 used = 0;
+    for (unsigned k = 0; k < 32; ++k) used |= U64{s[k].node != 0} << k;
+    return used;
+#endif
+  }
+
+  // Moves `it` to the next node: from the slots it read ahead when the table
+  // has not changed since, else from where its node is now.
+  void advance(Iterator& it) const noexcept {
+    if (it.seen_ == changes_ && it.ahead_ != 0) {
+      auto const k = static_cast<U32>(std::countr_zero(it.ahead_));
+      it.ahead_ = (it.ahead_ >> k) >> 1;
+      land(it, it.slot_ + 1 + k);
+      return;
+    }
+    stepFrom(it, slotOf(it) + 1);
+  }
+
+  // Sets `it` on the first node at or after slot i, or makes it done, and
+  // reads which of the following slots are used.
   void stepFrom(Iterator& it, U32 i) const noexcept {
     Slot const* const s = slots_.get();
-    while (s[i].node == 0) ++i;
+    U64 used;
+    while ((used = usedMask(s + i)) == 0) i += 32;
+    auto const k = static_cast<U32>(std::countr_zero(used));
+    it.ahead_ = (used >> k) >> 1;
+    it.seen_ = changes_;
+    land(it, i + k);
+  }
+
+  // Sets `it` on the node of used slot i, or makes it done at the end
+  // marker. Walks go in slot order, so the node some slots ahead is fetched
+  // early.
+  void land(Iterator& it, U32 i) const noexcept {
+    Slot const* const s = slots_.get();
     if (s[i].node == kEnd) {
       it.node_ = nullptr;
       it.id_ = 0;
       return;
     }
-    if (i + kPrefetch < end_ && isNode(s[i + kPrefetch].node)) {
-      __builtin_prefetch(nodeAt(s[i + kPrefetch].node));
+    if (isNode(s[i + kEndRun].node)) {
+      auto const* ahead = reinterpret_cast<char const*>(nodeAt(s[i + kEndRun].node));
+      __builtin_prefetch(ahead);
+      __builtin_prefetch(ahead + sizeof(Node) - 1);
     }
     standOn(it, i);
   }
@@ -351,6 +410,7 @@ class HashTable {
     std::memmove(&slots_[i], &slots_[i + 1], (j - i - 1) * sizeof(Slot));
     slots_[j - 1] = Slot{kEnd, 0};
     --size_;
+    ++changes_;
   }
 
   // A node number for a new node: a released one, else the next unused.
@@ -366,13 +426,29 @@ class HashTable {
       U32 const count = std::clamp<U32>(static_cast<U32>(nodeCapacity_), 8, kChunkMax);
       if (chunks_.empty()) chunks_.push_back(nullptr);  // number 0 means empty
       if (chunks_.size() == chunks_.capacity()) chunks_.reserve(2 * chunks_.size());
-      chunks_.push_back(static_cast<Node*>(
-          ::operator new(count * sizeof(Node), std::align_val_t(alignof(Node)))));
+      chunks_.push_back(newChunk(count));
       nodeCapacity_ += count;
       nextId_ = c << kChunkBits;
       chunkEnd_ = nextId_ + count;
     }
     return nextId_++;
+  }
+
+  static constexpr bool kOverAligned = alignof(Node) > __STDCPP_DEFAULT_NEW_ALIGNMENT__;
+  static Node* newChunk(U32 count) {
+    if constexpr (kOverAligned) {
+      return static_cast<Node*>(
+          ::operator new(count * sizeof(Node), std::align_val_t(alignof(Node))));
+    } else {
+      return static_cast<Node*>(::operator new(count * sizeof(Node)));
+    }
+  }
+  static void freeChunk(Node* c) noexcept {
+    if constexpr (kOverAligned) {
+      ::operator delete(static_cast<void*>(c), std::align_val_t(alignof(Node)));
+    } else {
+      ::operator delete(static_cast<void*>(c));
+    }
   }
 
   // Returns a node number, its node destroyed, for reuse.
@@ -389,9 +465,9 @@ class HashTable {
     for (;; tail *= 2) {
       U32 const count = U32{3} << (bits - 1);
       U32 const end = count + tail;
-      auto fresh = std::make_unique_for_overwrite<Slot[]>(std::size_t{end} + 1);
+      auto fresh = std::make_unique_for_overwrite<Slot[]>(std::size_t{end} + kEndRun);
       std::fill_n(fresh.get(), end, Slot{kEnd, 0});
-      fresh[end] = Slot{kEnd, kEnd};
+      std::fill_n(fresh.get() + end, kEndRun, Slot{kEnd, kEnd});
       U32 next = 0;
       bool fits = true;
       for (U32 i = 0; slots_ && i < end_; ++i) {
@@ -407,6 +483,7 @@ class HashTable {
       }
       if (!fits) continue;
       slots_ = std::move(fresh);
+      ++changes_;
       bits_ = bits;
       slotCount_ = count;
       tail_ = tail;
@@ -415,12 +492,13 @@ class HashTable {
     }
   }
 
-  std::unique_ptr<Slot[]> slots_;  // end_ + 1 slots, the last one the end marker
+  std::unique_ptr<Slot[]> slots_;  // end_ slots, then kEndRun end markers
   unsigned bits_ = 0;
   U32 slotCount_ = 0;  // the slots that are homes: 1.5 * 2^bits_
   U32 tail_ = 0;       // the slots after them, for the last runs
   U32 end_ = 0;        // slotCount_ + tail_
   std::size_t size_ = 0;
+  U32 changes_ = 0;  // counts insertions, erasures and re-placings, for iterators
 
   std::vector<Node*> chunks_;  // chunk 0 is never used: node number 0 means empty
   std::size_t nodeCapacity_ = 0;

@@ -277,7 +277,8 @@ void walkWhileChanging(unsigned seed, U32 pool, U32 initial) {
     ASSERT_LT(steps, 20 * std::size_t{pool}) << "the walk does not end";
     U32 const current = keyNumber(it.key());
     auto const place = placeOf.at(current);
-    ASSERT_EQ(*table.find(it.key()), static_cast<int>(current));
+    ASSERT_EQ(table.find(it.key()), &it.value());
+    ASSERT_EQ(it.value(), static_cast<int>(current));
     if (rng() % 4 == 0) {
       table.erase(it);
       order.erase(place);

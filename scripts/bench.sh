@@ -8,8 +8,10 @@ set -euo pipefail
 cd "$(dirname "$0")/.."
 scripts/setup.sh
 
-# The peer of the state-table comparison: the server binary and its C client.
-packages=(redis-server libhiredis-dev pkg-config)
+# The peer of the state-table comparison: the server binary and its C client;
+# the hash table's peers in the collection comparison: Boost's and Abseil's
+# hash maps.
+packages=(redis-server libhiredis-dev pkg-config libboost1.81-dev libabsl-dev)
 
 missing=()
 for p in "${packages[@]}"; do

@@ -41,8 +41,18 @@ constexpr U32 hashMod7(U32 v) { return v % 7; }
 // of any table up to 2^16 buckets, so chains are long but sorted by hash.
 constexpr U32 hashHighBits(U32 v) { return (v + 1) << 16; }
 
+// Distinct hashes whose low sixteen bits are all ones: the reversed hashes
+// crowd the top of the range, so every key's home is among the last slots.
+constexpr U32 hashLowOnes(U32 v) { return (v << 16) | 0xFFFFu; }
+// Reversed hashes 0 and all ones (what empty slots hold), and some near the top.
+constexpr U32 hashExtremes(U32 v) {
+  return v % 3 == 0 ? 0u : v % 3 == 1 ? ~0u : (v << 20) | 0xFFFFFu;
+}
+
 using Mod7Key = ChosenHashKey<hashMod7>;
 using HighBitsKey = ChosenHashKey<hashHighBits>;
+using LowOnesKey = ChosenHashKey<hashLowOnes>;
+using ExtremesKey = ChosenHashKey<hashExtremes>;
 
 U32 keyNumber(U32 k) { return k; }
 template <U32 (*H)(U32)>
@@ -180,7 +190,11 @@ INSTANTIATE_TEST_SUITE_P(
                     TableCase{"hash mod 7, long chains", runTableModel<Mod7Key>, 14, 400, 10000,
                               5000},
                     TableCase{"hashes equal in the low 16 bits", runTableModel<HighBitsKey>, 15,
-                              300, 10000, 8000}),
+                              300, 10000, 8000},
+                    TableCase{"reversed hashes crowding the top", runTableModel<LowOnesKey>, 16,
+                              300, 10000, 8000},
+                    TableCase{"reversed hashes 0 and all ones", runTableModel<ExtremesKey>, 17, 200,
+                              8000, 6000}),
     [](testing::TestParamInfo<TableCase> const& p) { return "Case" + std::to_string(p.index); });
 
 // Erasing through an iterator while walking the table.
@@ -229,6 +243,121 @@ TEST(HashTable, EraseWhileIterating) {
     eraseEveryOtherWhileIterating<Mod7Key>(count);
     eraseEveryOtherWhileIterating<HighBitsKey>(count);
   }
+}
+
+// Walks the table while changing it at random: erasing the current key
+// through the iterator, erasing and inserting other keys before and after it,
+// growing the table. After every step the iterator must stand on the key that
+// follows the last one visited in the order of the keys present then.
+template <class K>
+void walkWhileChanging(unsigned seed, U32 pool, U32 initial) {
+  SCOPED_TRACE(testing::Message() << "seed " << seed << ", pool " << pool);
+  std::mt19937 rng(seed);
+  Kel::HashTable<K, int> table;
+  std::map<std::pair<U32, U64>, U32> order;  // (reversed hash, stamp) -> key
+  std::map<U32, std::pair<U32, U64>> placeOf;
+  U64 stamp = 0;
+  auto const insert = [&](U32 n) {
+    if (!table.insert(K{n}, static_cast<int>(n)).second) return;
+    std::pair<U32, U64> const place{reversedHash(K{n}), stamp++};
+    order.emplace(place, n);
+    placeOf.emplace(n, place);
+  };
+  auto const erase = [&](U32 n) {
+    ASSERT_EQ(table.erase(K{n}), placeOf.count(n) == 1);
+    if (auto const p = placeOf.find(n); p != placeOf.end()) {
+      order.erase(p->second);
+      placeOf.erase(p);
+    }
+  };
+  while (table.size() < initial) insert(static_cast<U32>(rng() % pool));
+
+  std::size_t steps = 0;
+  for (auto it = table.begin(); !it.done(); ++steps) {
+    ASSERT_LT(steps, 20 * std::size_t{pool}) << "the walk does not end";
+    U32 const current = keyNumber(it.key());
+    auto const place = placeOf.at(current);
+    ASSERT_EQ(table.find(it.key()), &it.value());
+    ASSERT_EQ(it.value(), static_cast<int>(current));
+    if (rng() % 4 == 0) {
+      table.erase(it);
+      order.erase(place);
+      placeOf.erase(current);
+    } else {
+      for (U32 changes = rng() % 4; changes > 0; --changes) {
+        U32 const n = static_cast<U32>(rng() % pool);
+        if (n == current) continue;
+        if (rng() % 2 == 0) {
+          insert(n);
+        } else {
+          ASSERT_NO_FATAL_FAILURE(erase(n));
+        }
+      }
+      ASSERT_EQ(keyNumber(it.key()), current) << "the iterator keeps its key";
+      ++it;
+    }
+    auto const next = order.upper_bound(place);
+    if (next == order.end()) {
+      ASSERT_TRUE(it.done()) << "after " << current;
+    } else {
+      ASSERT_FALSE(it.done()) << "after " << current;
+      ASSERT_EQ(keyNumber(it.key()), next->second) << "after " << current;
+      ASSERT_EQ(it.value(), static_cast<int>(next->second));
+    }
+  }
+  ASSERT_EQ(table.size(), order.size());
+}
+
+TEST(HashTable, IteratorFollowsOrderWhileTableChanges) {
+  for (unsigned seed = 1; seed <= 6; ++seed) {
+    walkWhileChanging<U32>(seed, 3000, 1000);
+    walkWhileChanging<Mod7Key>(seed, 200, 60);
+    walkWhileChanging<HighBitsKey>(seed, 600, 200);
+    walkWhileChanging<LowOnesKey>(seed, 600, 200);
+    walkWhileChanging<ExtremesKey>(seed, 300, 100);
+  }
+}
+
+// Grows a table through many doublings: the buckets follow the policy at
+// every step, values never move, and erasing and inserting again keeps the
+// order of reversed hashes and insertion.
+template <class K>
+void growAcrossDoublings(U32 count) {
+  SCOPED_TRACE(testing::Message() << count << " keys");
+  Kel::HashTable<K, int> table;
+  std::map<K, Stored> model;
+  std::vector<int*> stored(count);
+  U64 stamp = 0;
+  for (U32 n = 0; n < count; ++n) {
+    auto const [value, added] = table.insert(K{n}, static_cast<int>(n));
+    ASSERT_TRUE(added);
+    stored[n] = value;
+    model.emplace(K{n}, Stored{static_cast<int>(n), stamp++});
+    ASSERT_EQ(table.bucketCount(), policyBuckets(n + 1, true));
+  }
+  for (U32 n = 0; n < count; ++n) {
+    ASSERT_EQ(table.find(K{n}), stored[n]) << "the value of " << n << " moved";
+  }
+  for (U32 n = 0; n < count; n += 3) {
+    ASSERT_TRUE(table.erase(K{n}));
+    model.erase(K{n});
+  }
+  for (U32 n = 0; n < count; n += 6) {
+    ASSERT_TRUE(table.insert(K{n}, -static_cast<int>(n)).second);
+    model.emplace(K{n}, Stored{-static_cast<int>(n), stamp++});
+  }
+  for (U32 n = 1; n < count; n += 3) {
+    ASSERT_EQ(table.find(K{n}), stored[n]) << "the value of " << n << " moved";
+  }
+  ASSERT_NO_FATAL_FAILURE(expectAgrees(table, model, policyBuckets(count, true)));
+}
+
+TEST(HashTable, GrowthAcrossManyDoublings) {
+  growAcrossDoublings<U32>(U32{1} << 17);
+  growAcrossDoublings<Mod7Key>(3000);
+  growAcrossDoublings<HighBitsKey>(4000);
+  growAcrossDoublings<LowOnesKey>(4000);
+  growAcrossDoublings<ExtremesKey>(3000);
 }
 
 TEST(HashTable, BucketCountBoundaries) {

@@ -271,10 +271,10 @@ void Agent::handlePath(RsvpNeighborId const& from, Kel::Ptr<RsvpPathMsg const> c
   // The PATH downstream: rebuilt on a change, sent again as it is on a refresh.
   auto const out = sp->outPathStateIs();
   RsvpNeighborId const to = sp->activeDs();
-  auto const neighbor = status_.neighborStateColl()->neighborState(to);
   Kel::Ptr<RsvpPathMsg> sendMsg = out->msg();
   if (!refresh || !sendMsg) {
     ++counters_.pathChanges;
+    auto const neighbor = status_.neighborStateColl()->neighborState(to);
     sendMsg = out->msgIs();
     sendMsg->srcIpIs(kSelf);
     sendMsg->dstIpIs(msg->dstIp());

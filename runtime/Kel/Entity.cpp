@@ -27,7 +27,8 @@ Entity::~Entity() {
 
 void Entity::notifieesDetach() const noexcept {
   if (!list_) return;
-  for (NotifieeBase*& n : list_->items) {
+  for (U32 i = 0; i < list_->count; ++i) {
+    NotifieeBase*& n = list_->at(i);
     if (n) n->notifier_ = nullptr;
     n = nullptr;
   }
@@ -109,27 +110,57 @@ String Entity::fullName() const {
 std::vector<NotifieeBase*> Entity::notifieeList() const {
   std::vector<NotifieeBase*> out;
   if (!list_) return out;
-  for (NotifieeBase* n : list_->items) {
-    if (n) out.push_back(n);
+  for (U32 i = 0; i < list_->count; ++i) {
+    if (NotifieeBase* const n = list_->at(i)) out.push_back(n);
   }
   return out;
 }
 
+void Entity::NotifieeList::push(NotifieeBase* n) {
+  if (count < kFew) {
+    few[count] = n;
+  } else {
+    more.push_back(n);
+  }
+  ++count;
+}
+
+void Entity::NotifieeList::eraseAt(U32 i) noexcept {
+  for (; i + 1 < count; ++i) at(i) = at(i + 1);
+  --count;
+  if (count >= kFew) {
+    more.pop_back();
+  } else {
+    few[count] = nullptr;
+  }
+}
+
+void Entity::NotifieeList::eraseNulls() noexcept {
+  U32 kept = 0;
+  for (U32 i = 0; i < count; ++i) {
+    if (NotifieeBase* const n = at(i)) at(kept++) = n;
+  }
+  for (U32 i = kept; i < kFew && i < count; ++i) few[i] = nullptr;
+  more.resize(kept > kFew ? kept - kFew : 0);
+  count = kept;
+}
+
 void Entity::notifieeAdd(NotifieeBase* n) const {
   if (!list_) list_ = std::make_unique<NotifieeList>();
-  list_->items.push_back(n);
+  list_->push(n);
   ++list_->live;
 }
 
 void Entity::notifieeRemove(NotifieeBase* n) const {
-  auto& items = list_->items;
-  auto const it = std::find(items.begin(), items.end(), n);
-  if (it == items.end()) return;
-  --list_->live;
-  if (list_->dispatching > 0) {
-    *it = nullptr;  // positions stay put until the dispatch ends
+  NotifieeList& list = *list_;
+  U32 i = 0;
+  while (i < list.count && list.at(i) != n) ++i;
+  if (i == list.count) return;
+  --list.live;
+  if (list.dispatching > 0) {
+    list.at(i) = nullptr;  // positions stay put until the dispatch ends
   } else {
-    items.erase(it);
+    list.eraseAt(i);
   }
 }
 
@@ -142,9 +173,7 @@ Entity::Dispatch::Dispatch(Entity const* e) noexcept : e_(e), kept_(e->reference
 
 Entity::Dispatch::~Dispatch() {
   auto& list = *e_->list_;
-  if (--list.dispatching == 0 && list.items.size() != list.live) {
-    std::erase(list.items, nullptr);
-  }
+  if (--list.dispatching == 0 && list.count != list.live) list.eraseNulls();
   if (kept_) e_->deleteRef();
 }
 

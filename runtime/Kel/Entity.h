@@ -165,9 +165,9 @@ class Entity : public PtrInterface {
   void notify(U32 depth, F&& f) const {
     if (!hasNotifiees()) return;
     Dispatch const guard(this);
-    std::size_t const n = list_->items.size();
-    for (std::size_t i = 0; i < n; ++i) {
-      NotifieeBase* const nb = list_->items[i];
+    U32 const n = list_->count;
+    for (U32 i = 0; i < n; ++i) {
+      NotifieeBase* const nb = list_->at(i);
       if (nb && nb->depth_ >= depth) f(nb);
     }
   }
@@ -176,9 +176,20 @@ class Entity : public PtrInterface {
   friend class NotifieeBase;
 
   struct NotifieeList {
-    std::vector<NotifieeBase*> items;  // null where one left during a dispatch
+    // The notifiees in order, null where one left during a dispatch: the
+    // first two in the list itself (most entities have one, the log's or
+    // an agent's), the others after them. One allocation, one cache line.
+    static constexpr U32 kFew = 2;
+    NotifieeBase* few[kFew] = {};
+    std::vector<NotifieeBase*> more;
+    U32 count = 0;
     U32 live = 0;
     U32 dispatching = 0;
+
+    [[nodiscard]] NotifieeBase*& at(U32 i) noexcept { return i < kFew ? few[i] : more[i - kFew]; }
+    void push(NotifieeBase* n);
+    void eraseAt(U32 i) noexcept;  // keeps the order of the others
+    void eraseNulls() noexcept;
   };
 
   // Keeps the entity alive and the list's positions stable during a

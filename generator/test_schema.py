@@ -89,6 +89,13 @@ class LoaderErrors(unittest.TestCase):
          "unit: Unit\ntypes:\n  - entity: E\n    attrs: [{name: m, kind: ordered-map,"
          " key: Lumo::IpGenPrefix, type: U8, container: Lumo::Radix}]\n",
          "Unit.yaml: Rsvp::E.m: unknown container 'Lumo::Radix'"),
+        ("a box keeps a plain value only",
+         "unit: Unit\ntypes:\n  - entity: E\n    attrs: [{name: x, type: U8, container: Kel::Queue}]\n",
+         "Unit.yaml: Rsvp::E.x: a plain attribute's container can only be Kel::Boxed"),
+        ("a constructor argument stays in place",
+         "unit: Unit\ntypes:\n  - entity: E\n    attrs: [{name: x, type: U8, ctor: true,"
+         " container: Kel::Boxed}]\n",
+         "Unit.yaml: Rsvp::E.x: a constructor argument cannot be kept in a Kel::Boxed"),
         ("an empty mixin",
          "unit: Unit\ntypes:\n  - entity: E\n    mixin: ''\n",
          "Unit.yaml: Rsvp::E: a mixin is the C++ name of a hand-written class"),

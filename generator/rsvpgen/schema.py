@@ -21,6 +21,9 @@ ENTITY_KEYS = {"entity", "doc", "base", "baseArgs", "named", "key", "methods", "
                "attrs"}
 ENTITY_ATTR_KEYS = {"name", "kind", "type", "key", "doc", "default", "range", "ctor", "const",
                     "id", "logged", "shared", "keyFrom", "param", "secret", "container"}
+# A plain attribute kept out of line: one pointer until it holds something
+# other than its default.
+BOXED = "Kel::Boxed"
 # The longest-prefix tries an ordered-map keyed by prefix may be kept in.
 TRIES = {"Lumo::IpTrie": "IPv4", "Lumo::Ip6Trie": "IPv6"}
 
@@ -444,9 +447,16 @@ def _define_entity_attr(model, type_, attr, raw, where):
         if found[0].type is not attr.key:
             _fail(where, f"{element.name}.{field} is not a {attr.key.name}")
         attr.key_from = field
-    if "container" in raw:
+    if "container" in raw and kind == "plain":
+        if raw["container"] != BOXED:
+            _fail(where, f"a plain attribute's container can only be {BOXED}")
+        if raw.get("ctor"):
+            _fail(where, f"a constructor argument cannot be kept in a {BOXED}")
+        attr.boxed = True
+    elif "container" in raw:
         if kind != "ordered-map" or attr.key.name != "Lumo::IpGenPrefix":
-            _fail(where, "'container' belongs to an ordered-map keyed by Lumo::IpGenPrefix")
+            _fail(where, "'container' belongs to an ordered-map keyed by Lumo::IpGenPrefix, "
+                         f"or is {BOXED} for a plain attribute")
         if raw["container"] not in TRIES:
             _fail(where, f"unknown container '{raw['container']}' (known: {', '.join(TRIES)})")
         attr.trie = raw["container"]
@@ -539,6 +549,8 @@ def _unit_includes(unit):
                     includes.add("Lumo/IpTrie.h")
             elif kind == "queue":
                 includes.update(("Kel/Queue.h", "Kel/QueueMetadata.h"))
+            if getattr(attr, "boxed", False):
+                includes.add("Kel/Boxed.h")
     includes.update(unit.extra_includes)
     includes.discard(f"Rsvp/{unit.name}.h")
     return sorted(includes)

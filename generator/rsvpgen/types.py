@@ -334,6 +334,7 @@ class EntityAttr:
         self.secret = False   # a derived attribute that reflection must not read
         self.metadata_of = None  # the queue whose record this derived attribute answers
         self.trie = None      # an ordered-map by prefix kept in this Lumo trie template
+        self.boxed = False    # a plain value kept out of line (Kel::Boxed)
 
     def log_id_or(self, index):
         """The attribute-log identifier: declared, else the index; 0 when the
@@ -470,6 +471,8 @@ class EntityAttr:
             return f"Kel::Queue<{self.element}>"
         if self.kind in ("child", "ref"):
             return self.element
+        if self.boxed:
+            return f"Kel::Boxed<{self.type.cpp}>"
         return self.type.cpp
 
 

@@ -148,14 +148,14 @@ Agent::Agent(RsvpStatus& status, RsvpConfig const& config, OnRefresh onRefresh)
 
 Agent::~Agent() = default;
 
-void Agent::received(RsvpNeighborId const& from, Kel::Ptr<RsvpMsg const> const& msg) {
+RsvpNeighborRxMsgPipe* Agent::rxPipe(RsvpNeighborId const& from) {
   auto const pipes = status_.neighborRxMsgPipeColl();
   Kel::Ptr<RsvpNeighborRxMsgPipe> pipe = pipes->msgPipe(from);
   if (!pipe) {
     pipe = pipes->msgPipeIs(from);
     rxReactors_.push_back(std::make_unique<RxReactor>(*this, pipe.get(), from));
   }
-  pipe->txMsgIs(msg);
+  return pipe.get();
 }
 
 void Agent::handle(RsvpNeighborId const& from, Kel::Ptr<RsvpMsg const> const& msg) {

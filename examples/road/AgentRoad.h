@@ -81,7 +81,13 @@ class Agent {
 
   // The packet side: a decoded message from neighbor `from`, written into
   // its receive pipe, whose reactor (the agent) takes it out at once.
-  void received(Rsvp::RsvpNeighborId const& from, Kel::Ptr<Rsvp::RsvpMsg const> const& msg);
+  void received(Rsvp::RsvpNeighborId const& from, Kel::Ptr<Rsvp::RsvpMsg const> const& msg) {
+    rxPipe(from)->txMsgIs(msg);
+  }
+  // The receive pipe of neighbor `from`, made (with the agent reacting to
+  // it) on first use: a packet side that reads one socket per neighbor
+  // binds each socket to its pipe once and writes into it directly.
+  Rsvp::RsvpNeighborRxMsgPipe* rxPipe(Rsvp::RsvpNeighborId const& from);
 
   // The agent's clock, in seconds; the driver moves it.
   void nowIs(Kel::Seconds now) noexcept { now_ = now; }

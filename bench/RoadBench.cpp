@@ -376,12 +376,17 @@ void BM_RedisPeer(benchmark::State& state) {
     auto const t0 = Clock::now();
     r.load(decoded);
     double const ourLoad = since(t0);
+    // A round of refreshes, the best of kRounds on each side.
+    constexpr int kRounds = 3;
     auto const refresh = paths(r, 0);
     auto const rx = r.rxPipes();
-    r.agent->nowIs(30);
-    auto const t1 = Clock::now();
-    for (Kel::U32 lsp = 0; lsp < kLsps; ++lsp) rx[lsp]->txMsgIs(refresh[lsp]);
-    double const ourRefresh = since(t1);
+    double ourRefresh = 1e9;
+    for (int round = 1; round <= kRounds; ++round) {
+      r.agent->nowIs(30.0 * round);
+      auto const t1 = Clock::now();
+      for (Kel::U32 lsp = 0; lsp < kLsps; ++lsp) rx[lsp]->txMsgIs(refresh[lsp]);
+      ourRefresh = std::min(ourRefresh, since(t1));
+    }
     state.counters["oursLoadS"] = ourLoad;
     state.counters["oursRefreshRoundS"] = ourRefresh;
     state.counters["oursBytesPerLsp"] = ourBytes;
@@ -404,7 +409,9 @@ void BM_RedisPeer(benchmark::State& state) {
     double const redisLoad = peer.loadHashes(records);
     double const redisBytes =
         static_cast<double>(peer.usedMemoryBytes() - peer.baselineMemoryBytes()) / kLsps;
-    double const redisRefresh = peer.updateFields(updates);
+    double redisRefresh = 1e9;
+    for (int round = 1; round <= kRounds; ++round)
+      redisRefresh = std::min(redisRefresh, peer.updateFields(updates));
     state.counters["redisLoadS"] = redisLoad;
     state.counters["redisRefreshRoundS"] = redisRefresh;
     state.counters["redisBytesPerLsp"] = redisBytes;

@@ -145,6 +145,11 @@ TEST(Parents, SetOnInsertClearedOnRemoval) {
   EXPECT_EQ(leaf->name(), "4");
   EXPECT_EQ(leaf->fullName(), "root/4");
   EXPECT_EQ(root->slotIs()->fullName(), "root/slot");
+  // A name from a backup replaces the one spelled from the key or the slot.
+  leaf->nameIsFromBackup("four");
+  root->slotIs()->nameIsFromBackup("");
+  EXPECT_EQ(leaf->fullName(), "root/four");
+  EXPECT_EQ(root->slotIs()->name(), "");
   root->leafDel(4);
   EXPECT_EQ(leaf->parent(), nullptr) << "a removed child has no parent";
   EXPECT_EQ(leaf->id(), 4u) << "and lives on while held";

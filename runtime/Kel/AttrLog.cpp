@@ -845,6 +845,7 @@ LogReader::~LogReader() {
 }
 
 void LogReader::reset() {
+  reused_.clear();
   pending_.clear();
   pending_.shrink_to_fit();
   expectedSeq_ = 1;
@@ -988,13 +989,18 @@ void LogReader::frameIs(U8 kind, U64 seq, LogIn payload) {
     refs_.clear();
     refs_[1] = replica_;
     seen_.clear();
+    reused_.clear();
   }
   // (entity, attribute) per record, for the transaction's end; entities the
   // frame releases are forgotten after it.
+  // Only types whose transaction end settles something are followed.
   std::vector<std::pair<Ptr<Entity>, S32>> changed;
   std::vector<Ptr<Entity>> released;
   try {
     LogIn in = payload;
+    // The records of one entity come together: the last one looked up.
+    U32 lastRef = 0;
+    Entity* last = nullptr;
     while (!in.atEnd()) {
       Decoded d;
       decode(in, d, nullptr);
@@ -1004,10 +1010,16 @@ void LogReader::frameIs(U8 kind, U64 seq, LogIn payload) {
           released.push_back(std::move(known->second));
           refs_.erase(known);
         }
+        lastRef = 0;
         continue;
       }
-      Entity* const e = refs_.at(d.ref).get();
-      apply(d);
+      if (d.ref != lastRef) {
+        last = refs_.at(d.ref).get();
+        lastRef = d.ref;
+      }
+      Entity* const e = last;
+      apply(*e, d);
+      if (!e->fwkType().logTransactionSettles()) continue;
       auto const id = static_cast<S32>(d.attr->logId);
       if (changed.empty() || changed.back().first.get() != e || changed.back().second != id)
         changed.emplace_back(e, id);
@@ -1034,6 +1046,26 @@ void LogReader::frameIs(U8 kind, U64 seq, LogIn payload) {
   changed.clear();
   for (Ptr<Entity>& e : released) forget(std::move(e));
   records_ += count;
+}
+
+// The attribute of `type` under log id `logId`, or null: through an index by
+// id that the reader makes once per type it meets.
+KelAttr const* LogReader::attrByLogId(TypeDesc const& type, U32 logId) {
+  if (&type != lastType_) {
+    auto [at, made] = byLogId_.try_emplace(&type);
+    if (made) {
+      type.forEachAttr([&](KelAttr const& a) {
+        // Ids are the schema's (from 256 up) or the index: a table either way.
+        if (a.logId == 0 || a.logId > 65535) return;
+        if (at->second.size() <= a.logId) at->second.resize(a.logId + 1, nullptr);
+        at->second[a.logId] = &a;
+      });
+    }
+    lastType_ = &type;
+    lastIndex_ = &at->second;
+  }
+  if (logId < lastIndex_->size()) return (*lastIndex_)[logId];
+  return logId > 65535 ? type.attrByLogId(logId) : nullptr;
 }
 
 // Reads one record. With `check` (the first pass) it also checks the record
@@ -1110,7 +1142,7 @@ void LogReader::decode(LogIn& in, Decoded& d, Check* check) {
     throw LogException("Unknown entity " + std::to_string(d.ref) + " in the attribute log");
   d.del = id < 0;
   U32 const logId = static_cast<U32>(d.del ? -static_cast<S64>(id) : id);
-  d.attr = type->attrByLogId(logId);
+  d.attr = attrByLogId(*type, logId);
   if (!d.attr) {
     throw LogException("Unknown attribute " + std::to_string(id) + " of " + String(type->name()));
   }
@@ -1265,8 +1297,8 @@ void LogReader::checkQueue(Check& check, Decoded const& d) {
   q.push_back({seq, d.element, true});
 }
 
-void LogReader::apply(Decoded& d) {
-  Entity* const e = refs_.at(d.ref).get();
+void LogReader::apply(Entity& entity, Decoded& d) {
+  Entity* const e = &entity;
   TypeDesc const& type = e->fwkType();
   KelAttr const& a = *d.attr;
   auto refuse = [&] {
@@ -1384,8 +1416,11 @@ void LogReader::applyChild(Entity& e, Decoded& d) {
   Ptr<Entity const> existing;
   int const there = slot ? type.attributeOp(&existing, &e, &a, attrOpRead)
                          : type.attributeOp(&existing, &e, &a, attrOpMemberRead, d.keyValue->get());
-  if (there == attrDone && existing &&
-      (!snapshot_ || !sameCtorArgs(*existing, *a.type, slot, d.args))) {
+  bool const kept =
+      there == attrDone && existing && snapshot_ && sameCtorArgs(*existing, *a.type, slot, d.args);
+  // An entity from before the snapshot: its members may need sweeping.
+  if (kept) reused_.push_back(ptrConstCast(existing));
+  if (there == attrDone && existing && !kept) {
     bool was = false;
     if (slot) {
       type.attributeOp(nullptr, &e, &a, attrOpDelAll);
@@ -1502,22 +1537,29 @@ void LogReader::collect(bool everything) {
 // At the end of a snapshot: the entities named before it and not again are
 // forgotten.
 void LogReader::settle() {
-  std::unordered_set<Entity const*> named;
-  named.reserve(refs_.size());
-  for (auto const& [ref, e] : refs_) named.insert(e.get());
-  std::vector<Ptr<Entity>> previous = std::move(previous_);
-  previous_.clear();
-  for (Ptr<Entity>& e : previous) {
-    if (!named.count(e.get())) forget(std::move(e));
+  reused_.clear();
+  // A replica that held nothing before the snapshot has nothing to forget.
+  if (!previous_.empty()) {
+    std::unordered_set<Entity const*> named;
+    named.reserve(refs_.size());
+    for (auto const& [ref, e] : refs_) named.insert(e.get());
+    std::vector<Ptr<Entity>> previous = std::move(previous_);
+    previous_.clear();
+    for (Ptr<Entity>& e : previous) {
+      if (!named.count(e.get())) forget(std::move(e));
+    }
+    previous.clear();
   }
-  previous.clear();
   if (!limbo_.empty()) collect(false);
 }
 
 // After a snapshot: removes every member that the snapshot did not name.
+// Only the entities that lived before the snapshot can hold such members:
+// the root and those the snapshot kept; the others it made empty.
 void LogReader::sweep() {
-  for (auto const& known : refs_) {
-    Entity* const entity = known.second.get();
+  reused_.push_back(replica_);
+  for (Ptr<Entity> const& kept : reused_) {
+    Entity* const entity = kept.get();
     TypeDesc const& type = entity->fwkType();
     type.forEachAttr([&](KelAttr const& a) {
       if (!isCollection(a.kind) || a.logId == 0) return;

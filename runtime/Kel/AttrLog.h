@@ -257,7 +257,8 @@ class LogReader {
   void decode(LogIn& in, Decoded& d, Check* check);
   void checkQueue(Check& check, Decoded const& d);
   void checkQueue(Check& check, Decoded const& d, std::size_t recordNo);
-  void apply(Decoded& d);
+  void apply(Entity& e, Decoded& d);
+  KelAttr const* attrByLogId(TypeDesc const& type, U32 logId);
   void applyChild(Entity& e, Decoded& d);
   Ptr<Entity const> shared(Decoded const& d);
   void forget(Ptr<Entity> e);
@@ -277,6 +278,13 @@ class LogReader {
   // During a snapshot: the entities named before it, forgotten at its end
   // unless the snapshot names them again.
   std::vector<Ptr<Entity>> previous_;
+  // Entities from before the snapshot that it kept (a child with the same
+  // constructor arguments), swept with the root at its end.
+  std::vector<Ptr<Entity>> reused_;
+  // Attributes by log id, per type met; the last type's at hand.
+  std::unordered_map<TypeDesc const*, std::vector<KelAttr const*>> byLogId_;
+  TypeDesc const* lastType_ = nullptr;
+  std::vector<KelAttr const*> const* lastIndex_ = nullptr;
   // Entities no longer named that something still held when they were
   // forgotten (see collect()).
   std::vector<Ptr<Entity>> limbo_;

@@ -197,7 +197,10 @@ class TypeDesc {
     LogStateAdapterFn logStateAdapter = nullptr;      // entities
     LogDeserializeFn logDeserialize = nullptr;        // entities
     LogTransactionFn logTransaction = nullptr;        // entities
-    EnumDesc const* enumDesc = nullptr;               // enumerations
+    // Whether the transaction end does anything: the reader keeps the
+    // bookkeeping of a frame's changed attributes only for such types.
+    bool logTransactionSettles = false;
+    EnumDesc const* enumDesc = nullptr;  // enumerations
     // Entities: the entity types of the model that derive from this one,
     // directly or not, so that the attribute-log reader can make the type a
     // shared entity really has where a base type is declared.
@@ -240,6 +243,9 @@ class TypeDesc {
   }
   [[nodiscard]] constexpr LogTransactionFn logTransaction() const noexcept {
     return parts_.logTransaction;
+  }
+  [[nodiscard]] constexpr bool logTransactionSettles() const noexcept {
+    return parts_.logTransactionSettles && parts_.logTransaction != nullptr;
   }
 
   // This type if it has `qualifiedName`, else the derived type that has it, or null.

@@ -89,26 +89,28 @@ String encode(TypeDesc const& type, void const* v) {
 }  // namespace
 
 U32 crc32(std::string_view bytes) noexcept {
-  // Four tables, four bytes a step (slicing by four).
+  // Eight tables, eight bytes a step (slicing by eight).
   static auto const tables = [] {
-    std::array<std::array<U32, 256>, 4> t{};
+    std::array<std::array<U32, 256>, 8> t{};
     for (U32 i = 0; i < 256; ++i) {
       U32 c = i;
       for (int k = 0; k < 8; ++k) c = (c & 1) ? 0xedb88320u ^ (c >> 1) : c >> 1;
       t[0][i] = c;
     }
     for (U32 i = 0; i < 256; ++i) {
-      for (std::size_t k = 1; k < 4; ++k) t[k][i] = (t[k - 1][i] >> 8) ^ t[0][t[k - 1][i] & 0xff];
+      for (std::size_t k = 1; k < 8; ++k) t[k][i] = (t[k - 1][i] >> 8) ^ t[0][t[k - 1][i] & 0xff];
     }
     return t;
   }();
   U32 c = 0xffffffffu;
   auto const* p = reinterpret_cast<U8 const*>(bytes.data());
   std::size_t n = bytes.size();
-  for (; n >= 4; n -= 4, p += 4) {
-    c ^= U32{p[0]} | (U32{p[1]} << 8) | (U32{p[2]} << 16) | (U32{p[3]} << 24);
-    c = tables[3][c & 0xff] ^ tables[2][(c >> 8) & 0xff] ^ tables[1][(c >> 16) & 0xff] ^
-        tables[0][c >> 24];
+  for (; n >= 8; n -= 8, p += 8) {
+    U32 const lo = c ^ (U32{p[0]} | (U32{p[1]} << 8) | (U32{p[2]} << 16) | (U32{p[3]} << 24));
+    U32 const hi = U32{p[4]} | (U32{p[5]} << 8) | (U32{p[6]} << 16) | (U32{p[7]} << 24);
+    c = tables[7][lo & 0xff] ^ tables[6][(lo >> 8) & 0xff] ^ tables[5][(lo >> 16) & 0xff] ^
+        tables[4][lo >> 24] ^ tables[3][hi & 0xff] ^ tables[2][(hi >> 8) & 0xff] ^
+        tables[1][(hi >> 16) & 0xff] ^ tables[0][hi >> 24];
   }
   for (; n > 0; --n, ++p) c = tables[0][(c ^ *p) & 0xff] ^ (c >> 8);
   return c ^ 0xffffffffu;
@@ -1436,10 +1438,10 @@ void LogReader::applyChild(Entity& e, Decoded& d) {
     if (type.attributeOp(&child, &e, &a, attrOpCreate, packed) != attrDone || !child) refuse();
     if (child->name() != d.childName) child->nameIsFromBackup(d.childName);
   } else {
-    if (type.attributeOp(nullptr, &e, &a, attrOpMemberWrite, d.keyValue->get(), packed) != attrDone)
-      refuse();
     Ptr<Entity const> made;
-    if (type.attributeOp(&made, &e, &a, attrOpMemberRead, d.keyValue->get()) != attrDone) refuse();
+    if (type.attributeOp(&made, &e, &a, attrOpMemberWrite, d.keyValue->get(), packed) != attrDone ||
+        !made)
+      refuse();
     child = ptrConstCast(made);
   }
   refs_[d.childRef] = std::move(child);

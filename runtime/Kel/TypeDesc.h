@@ -88,7 +88,8 @@ enum AttrOp : U32 {
   attrOpIterate = 3,      // *(std::unique_ptr<GenericIter>*)result = iterator over a collection
   attrOpSize = 4,         // *(std::size_t*)result = members of a collection
   attrOpMemberRead = 5,   // *result = member under key *arg1 (status 1 when absent)
-  attrOpMemberWrite = 6,  // collection: set member *arg1 (to *arg2 in a map of values)
+  attrOpMemberWrite = 6,  // collection: set member *arg1 (to *arg2 in a map of values); a map
+                          // of owned entities answers the member in *result when given one
   attrOpMemberDel = 7,    // *(bool*)result = whether member *arg1 was there; removes it
   attrOpDelAll = 8,       // removes every member
   valueOpIsNull = 9,      // *(bool*)result = the whole value equals its default

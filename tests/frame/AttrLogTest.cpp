@@ -386,6 +386,24 @@ TEST(AttrLog, ChecksumIsCrc32) {
                      {"123456789", 0xcbf43926u},
                      {"The quick brown fox jumps over the lazy dog", 0x414fa339u}};
   for (auto const& c : cases) EXPECT_EQ(Kel::crc32(c.text), c.crc) << c.text;
+  // Every length and alignment against the bit-by-bit definition.
+  auto bitwise = [](std::string_view bytes) {
+    Kel::U32 c = 0xffffffffu;
+    for (unsigned char b : bytes) {
+      c ^= b;
+      for (int k = 0; k < 8; ++k) c = (c & 1) ? 0xedb88320u ^ (c >> 1) : c >> 1;
+    }
+    return c ^ 0xffffffffu;
+  };
+  std::mt19937 rng(5);
+  std::string buffer(80, '\0');
+  for (char& ch : buffer) ch = static_cast<char>(rng());
+  for (std::size_t from = 0; from < 8; ++from) {
+    for (std::size_t length = 0; from + length <= buffer.size(); ++length) {
+      std::string_view const part = std::string_view(buffer).substr(from, length);
+      ASSERT_EQ(Kel::crc32(part), bitwise(part)) << from << "+" << length;
+    }
+  }
 }
 
 TEST(AttrLog, GeneratedStateAdapterDispatch) {

@@ -336,12 +336,18 @@ void LogWriter::queue(Tracked& t) {
   }
 }
 
-void LogWriter::writeAttr(LogOut& out, Tracked& t, KelAttr const& attr) {
+void LogWriter::writeAttr(LogOut& out, Tracked& t, KelAttr const& attr, bool announcing) {
   Entity& e = *t.entity;
   TypeDesc const& type = e.fwkType();
   S32 const id = static_cast<S32>(attr.logId);
   switch (attr.kind) {
     case AttrKind::plain: {
+      // A replica makes an announced entity anew: what a new entity holds
+      // already goes without saying.
+      bool isDefault = false;
+      if (announcing && type.attributeOp(&isDefault, &e, &attr, attrOpIsDefault) == attrDone &&
+          isDefault)
+        return;
       GenericValue v(*attr.type);
       type.attributeOp(v.get(), &e, &attr, attrOpRead);
       std::size_t const at = openRecord(out, t.ref, id);
@@ -504,7 +510,7 @@ void LogWriter::writeEntity(LogOut& out, Tracked& t) {
   type.forEachAttr([&](KelAttr const& attr) {
     if (attr.logId == 0) return;
     if (!isCollection(attr.kind)) {
-      writeAttr(out, t, attr);
+      writeAttr(out, t, attr, true);
       return;
     }
     std::unique_ptr<GenericIter> it;
@@ -848,6 +854,7 @@ LogReader::~LogReader() {
 
 void LogReader::reset() {
   reused_.clear();
+  reusedPlain_.clear();
   pending_.clear();
   pending_.shrink_to_fit();
   expectedSeq_ = 1;
@@ -992,6 +999,8 @@ void LogReader::frameIs(U8 kind, U64 seq, LogIn payload) {
     refs_[1] = replica_;
     seen_.clear();
     reused_.clear();
+    reusedPlain_.clear();
+    reusedPlain_[replica_];
   }
   // (entity, attribute) per record, for the transaction's end; entities the
   // frame releases are forgotten after it.
@@ -1326,6 +1335,9 @@ void LogReader::apply(Entity& entity, Decoded& d) {
     }
     if (!named->second.wasEmpty) named->second.keys.emplace(d.key);
   }
+  if (snapshot_ && a.kind == AttrKind::plain && !reusedPlain_.empty()) {
+    if (auto const r = reusedPlain_.find(e); r != reusedPlain_.end()) r->second.push_back(a.index);
+  }
   // Plain values and members of maps and sets of values go through the
   // type's own typed dispatch when it has one.
   bool const typed = a.kind == AttrKind::plain || a.kind == AttrKind::hashedSet ||
@@ -1421,7 +1433,10 @@ void LogReader::applyChild(Entity& e, Decoded& d) {
   bool const kept =
       there == attrDone && existing && snapshot_ && sameCtorArgs(*existing, *a.type, slot, d.args);
   // An entity from before the snapshot: its members may need sweeping.
-  if (kept) reused_.push_back(ptrConstCast(existing));
+  if (kept) {
+    reused_.push_back(ptrConstCast(existing));
+    reusedPlain_[existing.get()];
+  }
   if (there == attrDone && existing && !kept) {
     bool was = false;
     if (slot) {
@@ -1540,6 +1555,7 @@ void LogReader::collect(bool everything) {
 // forgotten.
 void LogReader::settle() {
   reused_.clear();
+  reusedPlain_.clear();
   // A replica that held nothing before the snapshot has nothing to forget.
   if (!previous_.empty()) {
     std::unordered_set<Entity const*> named;
@@ -1563,6 +1579,19 @@ void LogReader::sweep() {
   for (Ptr<Entity> const& kept : reused_) {
     Entity* const entity = kept.get();
     TypeDesc const& type = entity->fwkType();
+    if (auto const plain = reusedPlain_.find(entity); plain != reusedPlain_.end()) {
+      std::vector<U32>& written = plain->second;
+      std::sort(written.begin(), written.end());
+      type.forEachAttr([&](KelAttr const& a) {
+        if (a.kind != AttrKind::plain || a.logId == 0 ||
+            std::binary_search(written.begin(), written.end(), a.index))
+          return;
+        bool isDefault = true;
+        type.attributeOp(&isDefault, entity, &a, attrOpIsDefault);
+        if (!isDefault) type.attributeOp(nullptr, entity, &a, attrOpDefaultIs);
+      });
+      reusedPlain_.erase(plain);  // once, though the root may be listed twice
+    }
     type.forEachAttr([&](KelAttr const& a) {
       if (!isCollection(a.kind) || a.logId == 0) return;
       auto const named = seen_.find({entity, a.index});

@@ -164,7 +164,8 @@ class LogWriter {
   void untrack(Entity& e);
   void changed(Entity const& e, KelAttr const& attr, void const* key);
   void writeEntity(LogOut& out, Tracked& t);
-  void writeAttr(LogOut& out, Tracked& t, KelAttr const& attr);
+  // `announcing`: the entity is new to the readers, which make it anew.
+  void writeAttr(LogOut& out, Tracked& t, KelAttr const& attr, bool announcing = false);
   void writeMember(LogOut& out, Tracked& t, KelAttr const& attr, String const& key);
   void writeOwnedMember(LogOut& out, Tracked& t, KelAttr const& attr, String const& key, Entity* c);
   void writeQueueNext(LogOut& out, Tracked& t, KelAttr const& attr, bool evenIfZero);
@@ -281,6 +282,10 @@ class LogReader {
   // Entities from before the snapshot that it kept (a child with the same
   // constructor arguments), swept with the root at its end.
   std::vector<Ptr<Entity>> reused_;
+  // Of those and the root: the plain attributes the snapshot wrote. The
+  // writer leaves out those that hold the value a new entity has, so the
+  // others go back to it at the end.
+  std::unordered_map<Entity const*, std::vector<U32>> reusedPlain_;
   // Attributes by log id, per type met; the last type's at hand.
   std::unordered_map<TypeDesc const*, std::vector<KelAttr const*>> byLogId_;
   TypeDesc const* lastType_ = nullptr;

@@ -104,6 +104,8 @@ enum AttrOp : U32 {
   attrOpNextSeq = 17,    // queue: *(U32*)result = the number the next enqueue starts from
   attrOpNextSeqIs = 18,  // queue: that number becomes *arg1 (status 1 unless the queue is
                          // empty or *arg1 is the tail's number or after it)
+  attrOpIsDefault = 19,  // plain: *(bool*)result = whether it holds the value a new entity has
+  attrOpDefaultIs = 20,  // plain, not a constructor argument: back to that value
 };
 
 // Whether operation `op` changes the object; a frozen entity refuses it
@@ -111,7 +113,8 @@ enum AttrOp : U32 {
 [[nodiscard]] constexpr bool attrOpChanges(U32 op) noexcept {
   constexpr U32 changing = 1u << attrOpWrite | 1u << attrOpMemberWrite | 1u << attrOpMemberDel |
                            1u << attrOpDelAll | 1u << attrOpEnq | 1u << attrOpDeq |
-                           1u << attrOpEnqAt | 1u << attrOpCreate | 1u << attrOpNextSeqIs;
+                           1u << attrOpEnqAt | 1u << attrOpCreate | 1u << attrOpNextSeqIs |
+                           1u << attrOpDefaultIs;
   return op < 32 && (changing >> op & 1u) != 0;
 }
 

@@ -487,6 +487,33 @@ TEST(AttrLog, FrameOverTheLimitIsRefusedFromItsHeader) {
   EXPECT_EQ(link.replica->label(), "");
 }
 
+// A snapshot leaves out what holds a new entity's value; a replica that kept
+// an entity from before, and missed the change back to that value, gets it
+// back at the end of the snapshot: the root's, a kept child's and a kept
+// slot's, with declared and type defaults alike.
+TEST(AttrLog, SnapshotPutsBackDefaultsTheReplicaMissed) {
+  Link link;
+  link.connect();
+  link.source->countIs(5);
+  link.source->epochIs(7);
+  link.source->leafIs(3)->weightIs(8);
+  link.source->slotIs()->levelIs(4);
+  link.sync();
+  ASSERT_EQ(link.replica->leaf(3)->weight(), 8u);
+  Kel::Entity const* const kept = link.replica->leaf(3).get();
+  link.source->countIs(0);
+  link.source->epochIs(16777216);
+  link.source->leaf(3)->weightIs(0);
+  link.source->slot()->levelIs(1);
+  link.connect();  // the changes went to the old subscription only
+  EXPECT_EQ(link.replica->leaf(3).get(), kept) << "the child from before stays";
+  EXPECT_EQ(link.replica->count(), 0u);
+  EXPECT_EQ(link.replica->epoch(), 16777216u);
+  EXPECT_EQ(link.replica->leaf(3)->weight(), 0u);
+  EXPECT_EQ(link.replica->slot()->level(), 1u);
+  EXPECT_TRUE(link.same()) << Kel::browseText(*link.replica);
+}
+
 // A reference from the tree to an entity that left it follows that entity,
 // which lives on as a shared entity until nothing refers to it.
 TEST(AttrLog, ReferenceToDepartedEntityFollowsItsSource) {

@@ -1063,17 +1063,18 @@ void LogReader::frameIs(U8 kind, U64 seq, LogIn payload) {
 // id that the reader makes once per type it meets.
 KelAttr const* LogReader::attrByLogId(TypeDesc const& type, U32 logId) {
   if (&type != lastType_) {
-    auto [at, made] = byLogId_.try_emplace(&type);
-    if (made) {
+    auto const found = byLogId_.try_emplace(&type);
+    std::vector<KelAttr const*>& index = found.first->second;
+    if (found.second) {
       type.forEachAttr([&](KelAttr const& a) {
         // Ids are the schema's (from 256 up) or the index: a table either way.
         if (a.logId == 0 || a.logId > 65535) return;
-        if (at->second.size() <= a.logId) at->second.resize(a.logId + 1, nullptr);
-        at->second[a.logId] = &a;
+        if (index.size() <= a.logId) index.resize(a.logId + 1, nullptr);
+        index[a.logId] = &a;
       });
     }
     lastType_ = &type;
-    lastIndex_ = &at->second;
+    lastIndex_ = &index;
   }
   if (logId < lastIndex_->size()) return (*lastIndex_)[logId];
   return logId > 65535 ? type.attrByLogId(logId) : nullptr;

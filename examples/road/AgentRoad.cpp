@@ -252,6 +252,18 @@ void Agent::send(RsvpNeighborId const& to, Kel::Ptr<RsvpMsg const> const& msg) {
   pipe->txMsgIs(msg);
 }
 
+// Keeps an incoming PATH or RESV in its block (or, on a refresh, the one
+// held already) and moves the block's times; answers whether it was a refresh.
+template <class Block, class Msg>
+bool Agent::takeIn(Block& in, Kel::Ptr<Msg const> const& msg) {
+  Kel::Ptr<Msg const> const held = in.msg();
+  bool const refresh = held && held->equal(msg);
+  if (!refresh || onRefresh_ == OnRefresh::replaceHeld) in.msgIs(msg);
+  in.msgLastRefreshIs(now_);
+  if (!refresh) in.msgLastChangeIs(now_);
+  return refresh;
+}
+
 void Agent::handlePath(RsvpNeighborId const& from, Kel::Ptr<RsvpPathMsg const> const& msg) {
   RsvpSpId const id = msg->spId();
   Kel::Ptr<RsvpSpState> sp = status_.spStateColl()->spState(id);
@@ -259,12 +271,7 @@ void Agent::handlePath(RsvpNeighborId const& from, Kel::Ptr<RsvpPathMsg const> c
   RsvpSpOperState const path0 = sp->spOperPathState();
   RsvpSpOperState const resv0 = sp->spOperResvState();
 
-  auto const in = sp->inPathStateIs();
-  Kel::Ptr<RsvpPathMsg const> const held = in->msg();
-  bool const refresh = held && held->equal(msg);
-  if (!refresh || onRefresh_ == OnRefresh::replaceHeld) in->msgIs(msg);
-  in->msgLastRefreshIs(now_);
-  if (!refresh) in->msgLastChangeIs(now_);
+  bool const refresh = takeIn(*sp->inPathStateIs(), msg);
   sp->updateOperPathState(msgRecv);
   sp->generateAndUpdateDsRefreshValue(config_.refreshPeriod(), false);
 
@@ -311,12 +318,7 @@ void Agent::handleResv(Kel::Ptr<RsvpResvMsg const> const& msg) {
   }
   RsvpSpOperState const path0 = sp->spOperPathState();
   RsvpSpOperState const resv0 = sp->spOperResvState();
-  auto const in = sp->inResvStateIs();
-  Kel::Ptr<RsvpResvMsg const> const held = in->msg();
-  bool const refresh = held && held->equal(msg);
-  if (!refresh || onRefresh_ == OnRefresh::replaceHeld) in->msgIs(msg);
-  in->msgLastRefreshIs(now_);
-  if (!refresh) in->msgLastChangeIs(now_);
+  bool const refresh = takeIn(*sp->inResvStateIs(), msg);
   sp->dsLabelIs(msg->labelObj().label());
   sp->updateOperResvState(msgRecv);
   sp->generateAndUpdateUsRefreshValue(config_.refreshPeriod(), false);

@@ -107,6 +107,8 @@ class Agent {
                                          Rsvp::RsvpPathMsg const& msg);
   void send(Rsvp::RsvpNeighborId const& to, Kel::Ptr<Rsvp::RsvpMsg const> const& msg);
   void remember(Rsvp::RsvpSpState& sp, Rsvp::RsvpSpOperState path, Rsvp::RsvpSpOperState resv);
+  template <class Block, class Msg>
+  bool takeIn(Block& in, Kel::Ptr<Msg const> const& msg);
   [[nodiscard]] Rsvp::RsvpNeighborId downstreamFor(Rsvp::RsvpPathMsg const& msg) const;
   void labelAnswered(Rsvp::RsvpLabelRequestId const& id);
 

@@ -67,7 +67,7 @@ HmacMd5Key& keyStates(char const* k, std::size_t len) {
 // ---- The digest
 
 RsvpIntegrityMessageDigest::RsvpIntegrityMessageDigest(Cli::HmacMethod _type, Kel::BytePtr _digest)
-    : type_(_type), digest_(_digest), size_(0) {
+    : digest_(_digest), type_(_type), size_(0) {
   handleType();
 }
 

@@ -39,6 +39,19 @@ class Type:
         return self.ns if self.category in ("value", "entity") else "Kel"
 
     @property
+    def align(self):
+        """The type's alignment in bytes, as far as the generator can tell: it
+        orders data members so that they leave little padding. A wrong guess
+        costs padding, never correctness."""
+        if self.category in ("int", "float"):
+            return self.bits // 8
+        if self.category == "bool":
+            return 1
+        if self.category == "enum":
+            return 4
+        return _RUNTIME_ALIGN.get(self.name, 8)
+
+    @property
     def to_strep(self):
         """The function that answers a value's text: the model's own, else
         Kel's, which finds the runtime types' appendStrep by argument."""
@@ -114,6 +127,12 @@ def _builtin_types():
 
 
 BUILTINS = {t.name: t for t in _builtin_types()}
+# Alignments of the hand-written value types below eight bytes; any other
+# runtime type is taken as eight.
+_RUNTIME_ALIGN = {"Lumo::Ip6Addr": 1, "Lumo::IpGenAddr": 4, "Lumo::IpGenPrefix": 4,
+                  "Lumo::MplsLabel": 4, "Lumo::EthType": 2, "Lumo::NetU8": 1,
+                  "Kel::QueueMetadata": 4, "TrafficEngineering::BwPriority": 1,
+                  "Cspf::PathKey": 4, "Tunnel::TunnelTable::TunnelId": 4}
 # Shorter spellings accepted in schema files.
 ALIASES = {"Seconds": "Kel::Seconds", "String": "Kel::String", "Name": "Kel::Name",
            "Kel::U8": "U8", "Kel::U16": "U16", "Kel::U32": "U32", "Kel::U64": "U64",
@@ -263,6 +282,17 @@ class ValueType(Type):
     @property
     def constants(self):
         return [a for a in self.attrs if a.is_const]
+
+    @property
+    def stored(self):
+        """The stored attributes in the order of their data members: widest
+        alignment first, declaration order among equals, so that members
+        leave little padding."""
+        return sorted(self.fields, key=lambda a: -a.type.align)
+
+    @property
+    def align(self):
+        return max((a.type.align for a in self.fields), default=1)
 
     @property
     def desc(self):
@@ -426,6 +456,14 @@ class EntityAttr:
         return self.type is not None and self.type.category == "entity"
 
     @property
+    def align(self):
+        """The alignment of the data member: a plain value's own, a pointer's
+        or a container's eight."""
+        if self.kind == "plain" and not self.boxed:
+            return self.type.align
+        return 8
+
+    @property
     def owns_children(self):
         """Whether the attribute holds child entities whose parent it sets."""
         return self.of_entities and self.kind in ("child", "hashed-map", "ordered-map") and not self.shared
@@ -568,6 +606,14 @@ class EntityType(Type):
     @property
     def all_ctor_attrs(self):
         return self.ctor_params
+
+    @property
+    def stored(self):
+        """The attributes with a data member, in the order of the members:
+        widest alignment first, declaration order among equals, so that
+        members leave little padding."""
+        return sorted((a for a in self.attrs if a.kind not in ("derived", "constant")),
+                      key=lambda a: -a.align)
 
     @property
     def children(self):

@@ -3,7 +3,9 @@
 #include <Lumo/NetSupport.h>
 
 #include <cstring>
+#include <mutex>
 #include <ostream>
+#include <unordered_map>
 
 namespace Lumo {
 
@@ -17,6 +19,23 @@ char const* nameRunEnd(char const* p, char const* end) noexcept {
   return p;
 }
 
+Kel::U32 nameHash(std::string_view name) noexcept {
+  Kel::OneAtATime h;
+  h.addBytes(name.data(), name.size());
+  return h.finish();
+}
+
+// The interned names by their text (which each record holds). Never
+// destroyed, so that values in static objects may outlive it safely.
+struct Interned {
+  std::mutex mutex;
+  std::unordered_map<std::string_view, void*> byName;
+};
+Interned& interned() {
+  static auto* table = new Interned;
+  return *table;
+}
+
 }  // namespace
 
 IntfId::IntfId(std::string_view name) {
@@ -24,7 +43,50 @@ IntfId::IntfId(std::string_view name) {
       nameRunEnd(name.data(), name.data() + name.size()) != name.data() + name.size()) {
     throwInvalid();
   }
-  name_.assign(name);
+  rec_ = intern(name);
+}
+
+Kel::String const& IntfId::emptyName() noexcept {
+  static Kel::String const empty;
+  return empty;
+}
+
+Kel::U32 IntfId::emptyHash() noexcept {
+  static Kel::U32 const h = nameHash({});
+  return h;
+}
+
+IntfId::Rec* IntfId::intern(std::string_view name) {
+  if (name.empty()) return nullptr;
+  Interned& t = interned();
+  std::lock_guard const lock(t.mutex);
+  if (auto const it = t.byName.find(name); it != t.byName.end()) {
+    Rec* const r = static_cast<Rec*>(it->second);
+    r->refs.fetch_add(1, std::memory_order_relaxed);
+    return r;
+  }
+  auto* const r = new Rec{{1}, nameHash(name), Kel::String(name)};
+  try {
+    t.byName.emplace(std::string_view(r->name), r);
+  } catch (...) {
+    delete r;
+    throw;
+  }
+  return r;
+}
+
+void IntfId::releaseLast(Rec* r) noexcept {
+  Interned& t = interned();
+  std::lock_guard const lock(t.mutex);
+  if (r->refs.fetch_sub(1, std::memory_order_acq_rel) != 1) return;
+  t.byName.erase(std::string_view(r->name));
+  delete r;
+}
+
+std::size_t IntfId::internedCount() noexcept {
+  Interned& t = interned();
+  std::lock_guard const lock(t.mutex);
+  return t.byName.size();
 }
 
 bool IntfId::isNameChar(char c) noexcept {
@@ -33,8 +95,9 @@ bool IntfId::isNameChar(char c) noexcept {
 }
 
 void IntfId::toNetwork(Kel::U8* out) const noexcept {
-  out[0] = static_cast<Kel::U8>(name_.size());
-  std::memcpy(out + 1, name_.data(), name_.size());
+  Kel::String const& n = name();
+  out[0] = static_cast<Kel::U8>(n.size());
+  std::memcpy(out + 1, n.data(), n.size());
 }
 
 IntfId IntfId::fromNetwork(Kel::U8 const* in, std::size_t avail) {
@@ -50,7 +113,9 @@ void appendStrep(Kel::String& out, IntfId const& v) { out += v.name(); }
 void sequenceToValue(Kel::TextIt& it, Kel::TextIt end, IntfId* out) {
   Kel::TextIt const p = nameRunEnd(it, end);
   if (static_cast<std::size_t>(p - it) > IntfId::maxSize) throwInvalid();
-  out->name_.assign(it, p);
+  auto* const r = IntfId::intern(std::string_view(it, static_cast<std::size_t>(p - it)));
+  IntfId::release(out->rec_);
+  out->rec_ = r;
   it = p;
 }
 

@@ -8,6 +8,7 @@
 #include <Kel/Text.h>
 #include <Kel/Types.h>
 
+#include <atomic>
 #include <cstddef>
 #include <iosfwd>
 #include <string_view>
@@ -24,35 +25,82 @@ class IntfId {
   // Raises Kel::RangeException "Invalid IntfId" unless `name` is at most 255
   // bytes of [A-Za-z0-9/._:-].
   explicit IntfId(std::string_view name);
+  IntfId(IntfId const& o) noexcept : rec_(o.rec_) { hold(rec_); }
+  IntfId(IntfId&& o) noexcept : rec_(o.rec_) { o.rec_ = nullptr; }
+  IntfId& operator=(IntfId const& o) noexcept {
+    hold(o.rec_);
+    release(rec_);
+    rec_ = o.rec_;
+    return *this;
+  }
+  IntfId& operator=(IntfId&& o) noexcept {
+    if (this != &o) {
+      release(rec_);
+      rec_ = o.rec_;
+      o.rec_ = nullptr;
+    }
+    return *this;
+  }
+  ~IntfId() { release(rec_); }
 
   [[nodiscard]] static bool isNameChar(char c) noexcept;
-  [[nodiscard]] Kel::String const& name() const noexcept { return name_; }
-  [[nodiscard]] bool empty() const noexcept { return name_.empty(); }
+  [[nodiscard]] Kel::String const& name() const noexcept { return rec_ ? rec_->name : emptyName(); }
+  [[nodiscard]] bool empty() const noexcept { return rec_ == nullptr; }
 
   // One-at-a-time over the bytes of the name, finished.
-  [[nodiscard]] Kel::U32 hash() const noexcept {
-    Kel::OneAtATime h;
-    h.addBytes(name_.data(), name_.size());
-    return h.finish();
-  }
+  [[nodiscard]] Kel::U32 hash() const noexcept { return rec_ ? rec_->hash : emptyHash(); }
 
-  [[nodiscard]] Kel::String stringValue() const { return name_; }
+  [[nodiscard]] Kel::String stringValue() const { return name(); }
 
   // A length byte, then the bytes of the name.
-  [[nodiscard]] std::size_t wireSize() const noexcept { return 1 + name_.size(); }
+  [[nodiscard]] std::size_t wireSize() const noexcept { return 1 + name().size(); }
   void toNetwork(Kel::U8* out) const noexcept;
   // Raises Kel::RangeException when fewer bytes are available than the length
   // byte announces, and "Invalid IntfId" on a character outside the set.
   [[nodiscard]] static IntfId fromNetwork(Kel::U8 const* in, std::size_t avail);
 
-  friend bool operator==(IntfId const& a, IntfId const& b) noexcept { return a.name_ == b.name_; }
+  // Names are interned: equal names share one record.
+  friend bool operator==(IntfId const& a, IntfId const& b) noexcept { return a.rec_ == b.rec_; }
   // Byte-wise lexicographic, as std::string compares.
-  friend bool operator<(IntfId const& a, IntfId const& b) noexcept { return a.name_ < b.name_; }
+  friend bool operator<(IntfId const& a, IntfId const& b) noexcept {
+    return a.rec_ != b.rec_ && a.name() < b.name();
+  }
+
+  // How many distinct names are interned in the process (for tests).
+  [[nodiscard]] static std::size_t internedCount() noexcept;
 
  private:
   friend void sequenceToValue(Kel::TextIt& it, Kel::TextIt end, IntfId* out);
 
-  Kel::String name_;
+  // A router has a few hundred interfaces and holds their names in every
+  // message and state block: each name is kept once in the process, counted
+  // by the values that hold it, and freed with the last of them.
+  struct Rec {
+    std::atomic<Kel::U32> refs;
+    Kel::U32 hash;
+    Kel::String name;
+  };
+
+  static Kel::String const& emptyName() noexcept;
+  static Kel::U32 emptyHash() noexcept;
+  // The record of a valid, nonempty name, counted once for the caller.
+  static Rec* intern(std::string_view name);
+  static void hold(Rec* r) noexcept {
+    if (r) r->refs.fetch_add(1, std::memory_order_relaxed);
+  }
+  static void release(Rec* r) noexcept {
+    if (!r) return;
+    // Counts above one drop without the table's lock; the last one drops
+    // under it, so that a name found in the table is never freed meanwhile.
+    Kel::U32 n = r->refs.load(std::memory_order_relaxed);
+    while (n > 1) {
+      if (r->refs.compare_exchange_weak(n, n - 1, std::memory_order_acq_rel)) return;
+    }
+    releaseLast(r);
+  }
+  static void releaseLast(Rec* r) noexcept;
+
+  Rec* rec_ = nullptr;  // null: the empty name
 };
 
 constexpr std::string_view kelShortName(IntfId const*) { return "IntfId"; }

@@ -10,6 +10,7 @@
 #include <sstream>
 #include <string>
 #include <string_view>
+#include <thread>
 #include <tuple>
 #include <utility>
 #include <vector>
@@ -463,6 +464,35 @@ TEST(Wire, EncodesAndChecksFields) {
       {decodeError<Lumo::IntfId>({1, 0x80}), "Invalid IntfId"},
   };
   for (auto const& [got, want] : decoded) EXPECT_EQ(got, want);
+}
+
+// Interface names are kept once per process: a name lives while a value
+// holds it, also when threads copy and drop the same names at once.
+TEST(IntfId, InternedNameLivesWithItsLastValue) {
+  std::size_t const before = Lumo::IntfId::internedCount();
+  {
+    std::vector<Lumo::IntfId> held;
+    for (int i = 0; i < 30; ++i) held.emplace_back("in-" + std::to_string(i % 3));
+    EXPECT_EQ(Lumo::IntfId::internedCount(), before + 3);
+    std::vector<std::thread> threads;
+    for (int t = 0; t < 4; ++t) {
+      threads.emplace_back([t, &held] {
+        for (int i = 0; i < 2000; ++i) {
+          Lumo::IntfId const fresh("in-" + std::to_string((i + t) % 5));
+          Lumo::IntfId copy = held[static_cast<std::size_t>(i) % held.size()];
+          copy = fresh;
+          EXPECT_EQ(copy, fresh);
+        }
+      });
+    }
+    for (auto& th : threads) th.join();
+    EXPECT_EQ(Lumo::IntfId::internedCount(), before + 3);
+    Lumo::IntfId kept = held.front();
+    held.clear();
+    EXPECT_EQ(kept.name(), "in-0");
+    EXPECT_EQ(Lumo::IntfId::internedCount(), before + 1);
+  }
+  EXPECT_EQ(Lumo::IntfId::internedCount(), before);
 }
 
 }  // namespace

@@ -498,7 +498,18 @@ class EntityAttr:
         return "Kel::U32" if self.kind == "queue" else self.key.param
 
     @property
+    def key_in_entity(self):
+        """A hashed map of owned entities under their own key, which they hold
+        by reference: its table reads the key from the entity (kelKey())
+        instead of keeping a copy in every node."""
+        return (self.kind == "hashed-map" and self.of_entities and not self.shared
+                and self.key_from is None and self.type.key is not None
+                and self.type.key.type.cpp == self.key.cpp and not self.key.by_value)
+
+    @property
     def container(self):
+        if self.key_in_entity:
+            return f"Kel::HashTable<{self.key.cpp}, {self.element}, Kel::KeyOfEntity>"
         if self.kind in ("hashed-map", "hashed-set"):
             return f"Kel::HashTable<{self.key.cpp}, {self.element}>"
         if self.kind == "ordered-map":

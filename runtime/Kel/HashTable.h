@@ -22,7 +22,11 @@
 //
 // Nodes (reversed hash, key, value) are allocated from chunks of up to 1024
 // nodes and never move: pointers to keys and values stay valid until their
-// key is erased or the table is cleared. Erased nodes are reused.
+// key is erased or the table is cleared. Erased nodes are reused. A table of
+// entities that hold their own key (KeyOfEntity) keeps no copy of the key in
+// the node: the node's entity answers it, so the entity must stay in the node
+// while the key is in the table (taking it out just before erasing is fine:
+// erasure never reads keys).
 //
 // Growth policy: the first insertion makes 8 buckets (12 slots); the buckets
 // double when the table would hold more keys than buckets, so at most two
@@ -97,14 +101,34 @@ struct NoValue {
   bool operator==(NoValue const&) const noexcept { return true; }
 };
 
-template <class K, class V = NoValue>
+// Where a node finds its key: a copy in the node (KeyInNode), or the entity
+// the node points at, through its kelKey() (KeyOfEntity).
+struct KeyInNode {};
+struct KeyOfEntity {};
+
+namespace hash_internal {
+
+template <class K, class V, class KeyOf>
+struct Node {
+  U32 rhash;  // the bit-reversed hash
+  K key;
+  [[no_unique_address]] V value;
+  [[nodiscard]] K const& keyOf() const noexcept { return key; }
+};
+
+template <class K, class V>
+struct Node<K, V, KeyOfEntity> {
+  U32 rhash;
+  V value;
+  [[nodiscard]] K const& keyOf() const noexcept { return value->kelKey(); }
+};
+
+}  // namespace hash_internal
+
+template <class K, class V = NoValue, class KeyOf = KeyInNode>
 class HashTable {
  public:
-  struct Node {
-    U32 rhash;  // the bit-reversed hash
-    K key;
-    [[no_unique_address]] V value;
-  };
+  using Node = hash_internal::Node<K, V, KeyOf>;
 
  private:
   // One place of the sorted sequence: a node number, 0 when empty.
@@ -118,7 +142,7 @@ class HashTable {
    public:
     Iterator() = default;
     [[nodiscard]] Node* node() const noexcept { return node_; }
-    [[nodiscard]] K const& key() const noexcept { return node_->key; }
+    [[nodiscard]] K const& key() const noexcept { return node_->keyOf(); }
     [[nodiscard]] V& value() const noexcept { return node_->value; }
     [[nodiscard]] bool done() const noexcept { return node_ == nullptr; }
     Iterator& operator++() noexcept {
@@ -167,7 +191,7 @@ class HashTable {
     while (s->rhash < rh) ++s;  // empty slots and the end hold ~0
     for (; s->rhash == rh && isNode(s->node); ++s) {
       Node* const n = nodeAt(s->node);
-      if (n->key == key) return &n->value;
+      if (n->keyOf() == key) return &n->value;
     }
     return nullptr;
   }
@@ -182,7 +206,7 @@ class HashTable {
     while (slots_[i].rhash < rh) ++i;
     for (; slots_[i].rhash == rh && isNode(slots_[i].node); ++i) {
       Node* const n = nodeAt(slots_[i].node);
-      if (n->key == key) {
+      if (n->keyOf() == key) {
         standOn(it, i);
         return it;
       }
@@ -206,7 +230,7 @@ class HashTable {
       while (slots_[i].rhash < rh) ++i;
       for (; slots_[i].rhash == rh && isNode(slots_[i].node); ++i) {
         Node* const n = nodeAt(slots_[i].node);
-        if (n->key == key) return {&n->value, false};
+        if (n->keyOf() == key) return {&n->value, false};
       }
       if (size_ >= (std::size_t{1} << bits_)) {
         rebuild(bits_ + 1, tail_);
@@ -223,7 +247,12 @@ class HashTable {
       U32 const id = allocate();
       Node* const n = nodeAt(id);
       try {
-        ::new (static_cast<void*>(n)) Node{rh, key, V(std::forward<Args>(args)...)};
+        if constexpr (std::is_same_v<KeyOf, KeyInNode>) {
+          ::new (static_cast<void*>(n)) Node{rh, key, V(std::forward<Args>(args)...)};
+        } else {
+          ::new (static_cast<void*>(n)) Node{rh, V(std::forward<Args>(args)...)};
+          assert(n->keyOf() == key && "the entity holds another key");
+        }
       } catch (...) {
         release(id);
         throw;

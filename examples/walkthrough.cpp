@@ -346,11 +346,11 @@ int publishRun(Options const& o) {
     }
     auto const next = Clock::now() + std::chrono::seconds(o.period);
     while (stopSignal == 0 && Clock::now() < next) {
-      auto left = std::chrono::duration_cast<std::chrono::milliseconds>(next - Clock::now());
-      // A slow replica's bytes are retried every 20 ms.
-      if (publisher->pending()) left = std::min(left, std::chrono::milliseconds(20));
-      pollfd p{publisher->fd(), POLLIN, 0};
-      ::poll(&p, 1, static_cast<int>(std::max<long>(left.count(), 0)));
+      auto const left = std::chrono::duration_cast<std::chrono::milliseconds>(next - Clock::now());
+      // New replicas, and the sockets of those still taking their bytes.
+      std::vector<pollfd> p{{publisher->fd(), POLLIN, 0}};
+      for (int const fd : publisher->pendingFds()) p.push_back({fd, POLLOUT, 0});
+      ::poll(p.data(), p.size(), static_cast<int>(std::max<long>(left.count(), 0)));
       publisher->serve();
     }
   }

@@ -749,21 +749,23 @@ std::string render(Options const& o, RsvpStatus const& s, std::string const& sou
   return o.json ? pathJson(*sp).dump() : pathText(*sp);
 }
 
+// Applies the file a part at a time: the reader joins frames across parts,
+// so the file is never held whole.
 void readLog(std::string const& file, RsvpStatus& status) {
   std::FILE* const f = std::fopen(file.c_str(), "rb");
   if (!f) throw std::runtime_error("cannot read '" + file + "': " + std::strerror(errno));
-  std::string bytes;
-  char buf[1 << 16];
-  for (std::size_t n; (n = std::fread(buf, 1, sizeof buf, f)) > 0;) bytes.append(buf, n);
+  Kel::LogReader reader(status);
+  std::vector<char> buf(1 << 20);
+  try {
+    for (std::size_t n; (n = std::fread(buf.data(), 1, buf.size(), f)) > 0;)
+      reader.bytesIs({buf.data(), n});
+  } catch (Kel::LogException const& e) {
+    std::fclose(f);
+    throw std::runtime_error("log '" + file + "': " + e.what());
+  }
   bool const failed = std::ferror(f) != 0;
   std::fclose(f);
   if (failed) throw std::runtime_error("cannot read '" + file + "'");
-  Kel::LogReader reader(status);
-  try {
-    reader.bytesIs(bytes);
-  } catch (Kel::LogException const& e) {
-    throw std::runtime_error("log '" + file + "': " + e.what());
-  }
   if (!reader.inSync()) throw std::runtime_error("log '" + file + "' holds no whole snapshot");
 }
 

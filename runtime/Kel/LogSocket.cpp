@@ -200,6 +200,14 @@ bool LogPublisher::pending() const {
   return false;
 }
 
+std::vector<int> LogPublisher::pendingFds() const {
+  std::vector<int> fds;
+  for (auto const& [stream, conn] : connections_) {
+    if (!conn->broken && conn->sent < conn->out.size()) fds.push_back(conn->fd);
+  }
+  return fds;
+}
+
 // ---- replica
 
 LogReplica::LogReplica(std::string path) : path_(std::move(path)) {

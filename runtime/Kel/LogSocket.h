@@ -4,7 +4,7 @@
 //
 //   Kel::LogPublisher publisher("/tmp/rsvp.sock");   // the agent
 //   publisher.treeIs(1, *status);
-//   ... poll publisher.fd() with the agent's own descriptors ...
+//   ... poll publisher.fd() and publisher.pendingFds() (POLLOUT) ...
 //   publisher.serve();                                // accepts, then flushes
 //
 //   Kel::LogReplica replica("/tmp/rsvp.sock");        // a tool
@@ -67,6 +67,10 @@ class LogPublisher {
   void serve();
   // Whether bytes wait for a slow replica's socket; serve() again later.
   [[nodiscard]] bool pending() const;
+  // The replicas' descriptors whose bytes wait: poll them for writability
+  // (POLLOUT) beside fd(), and serve() when one is ready, so that a large
+  // snapshot goes out as fast as the replica reads it.
+  [[nodiscard]] std::vector<int> pendingFds() const;
   [[nodiscard]] std::size_t replicas() const noexcept { return connections_.size(); }
 
  private:

@@ -138,7 +138,8 @@ class Table {
 struct Json {
   enum Kind { scalar, object, array } kind = scalar;
   std::string encoded = "null";
-  std::vector<std::pair<std::string, Json>> members;
+  std::vector<std::string> keys;  // an object's members: keys[i] names values[i]
+  std::vector<Json> values;
   std::vector<Json> items;
 
   static Json str(std::string_view s) {
@@ -182,8 +183,9 @@ struct Json {
   }
   // The reference holds until the next member is set.
   Json& set(std::string key, Json v) {
-    members.emplace_back(std::move(key), std::move(v));
-    return members.back().second;
+    keys.push_back(std::move(key));
+    values.push_back(std::move(v));
+    return values.back();
   }
   Json& push(Json v) {
     items.push_back(std::move(v));
@@ -194,15 +196,15 @@ struct Json {
     if (kind == scalar) {
       out += encoded;
     } else if (kind == object) {
-      if (members.empty()) {
+      if (keys.empty()) {
         out += "{}";
         return;
       }
       out += "{\n";
-      for (std::size_t i = 0; i < members.size(); ++i) {
-        out += pad + str(members[i].first).encoded + ": ";
-        members[i].second.write(out, indent + 2);
-        out += i + 1 < members.size() ? ",\n" : "\n";
+      for (std::size_t i = 0; i < keys.size(); ++i) {
+        out += pad + str(keys[i]).encoded + ": ";
+        values[i].write(out, indent + 2);
+        out += i + 1 < keys.size() ? ",\n" : "\n";
       }
       out += std::string(static_cast<std::size_t>(indent), ' ') + "}";
     } else {
@@ -599,7 +601,7 @@ Json pathJson(RsvpSpState const& sp) {
   Json history = Json::arr();
   for (auto it = sp.spHistoryEntryIter(); !it.done(); ++it) {
     Json e = Json::obj();
-    e.set("timestamp", Json{Json::scalar, number(it.value()->timestamp(), 3), {}, {}});
+    e.set("timestamp", Json{Json::scalar, number(it.value()->timestamp(), 3), {}, {}, {}});
     e.set("event", Json::str(historyText(*it.value())));
     history.push(std::move(e));
   }

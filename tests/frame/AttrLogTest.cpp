@@ -850,9 +850,9 @@ TEST(LogSocket, ErrorsAreOneClearLine) {
   for (Case const& c : {Case{2, "Publisher at '" + at.path + "' serves no tree 2"},
                         Case{1, "Publisher at '" + at.path +
                                     "': tree 1 is a Rsvp::Sample::Root, not a Rsvp::RsvpStatus"}}) {
-    Kel::LogReplica replica(at.path);
     auto const status = Rsvp::rsvpStatusFactory("status");
     auto const copy = Sample::rootFactory("root");
+    Kel::LogReplica replica(at.path);  // goes before the roots it follows
     if (c.tree == 1) {
       replica.treeIs(1, *status);
     } else {

@@ -6,9 +6,16 @@
 // summary and one state path, and at the end sends its replicas back, so
 // that the agent checks them against its own trees attribute by attribute.
 //
+// With --publish the agent serves the three trees on a Unix socket instead,
+// round after round until SIGINT or SIGTERM, for rsvp_show and other
+// replicas; with --save it writes the status tree's log to a file at the end.
+//
 //   rsvp_walkthrough [--lsps N] [--rounds R] [--quiet]
+//   rsvp_walkthrough --publish SOCKET [--lsps N] [--period SECONDS]
+//   rsvp_walkthrough --save FILE [--lsps N] [--rounds R]
 #include <Kel/AttrLog.h>
 #include <Kel/Browser.h>
+#include <Kel/LogSocket.h>
 #include <Kel/TreeCompare.h>
 #include <Rsvp/Rsvp.h>
 
@@ -17,9 +24,12 @@
 #include <array>
 #include <cerrno>
 #include <chrono>
+#include <csignal>
 #include <cstdlib>
 #include <cstring>
 #include <exception>
+#include <fstream>
+#include <functional>
 #include <iostream>
 #include <random>
 #include <stdexcept>
@@ -189,6 +199,9 @@ struct Options {
   Kel::U32 lsps = 1000;
   int rounds = 3;
   bool quiet = false;
+  std::string publish;  // socket path
+  std::string save;     // log file
+  int period = 2;       // seconds between the publisher's rounds
 };
 
 Options parse(int argc, char** argv) {
@@ -209,14 +222,156 @@ Options parse(int argc, char** argv) {
       o.rounds = static_cast<int>(number());
     } else if (a == "--quiet") {
       o.quiet = true;
+    } else if (a == "--period") {
+      o.period = static_cast<int>(number());
+    } else if ((a == "--publish" || a == "--save") && i + 1 < argc) {
+      (a == "--publish" ? o.publish : o.save) = argv[++i];
     } else {
-      throw std::invalid_argument("usage: rsvp_walkthrough [--lsps N] [--rounds R] [--quiet]");
+      throw std::invalid_argument(
+          "usage: rsvp_walkthrough [--lsps N] [--rounds R] [--quiet] [--publish SOCKET "
+          "[--period SECONDS]] [--save FILE]");
     }
   }
+  if (!o.publish.empty() && !o.save.empty())
+    throw std::invalid_argument("--publish and --save exclude each other");
   return o;
 }
 
+// The agent's LSPs driven through the road: creation, then refresh rounds in
+// which some LSPs change and some are torn; `revive` brings torn LSPs back
+// now and then, so that a long run keeps its size.
+struct Driver {
+  Driver(Trees const& agent, Kel::U32 lsps, bool revive)
+      : shape{lsps},
+        packets(shape),
+        road(*agent.status, *agent.config),
+        allocator(*agent.status->labelRequestTable(), *agent.status->labelAllocTable()),
+        version(lsps, 0),
+        up(lsps, true),
+        revive_(revive) {
+    RsvpSpState::setRandomSeed(1);
+  }
+
+  // The first PATH and RESV of every LSP; `each` runs after each message.
+  void create(std::function<void(Kel::U32)> const& each) {
+    for (Kel::U32 lsp = 0; lsp < shape.lsps; ++lsp) {
+      road.received(packets.upstreamOf(lsp), packets.path(lsp, 0));
+      each(lsp);
+      road.received(packets.downstreamOf(lsp), packets.resv(lsp, 1000 + lsp % 100000));
+      each(lsp);
+    }
+  }
+
+  // One refresh round at 30 s times `round`.
+  void round(int number, std::function<void()> const& each) {
+    road.nowIs(30.0 * number);
+    for (Kel::U32 lsp = 0; lsp < shape.lsps; ++lsp) {
+      Kel::U32 const dice = rng() % 100;
+      if (!up[lsp]) {
+        if (!revive_ || dice >= 20) continue;
+        up[lsp] = true;
+      } else if (dice < 1 && lsp != 0) {
+        road.received(packets.upstreamOf(lsp), packets.pathTear(lsp));
+        up[lsp] = false;
+        each();
+        continue;
+      }
+      if (dice < 6) ++version[lsp];
+      road.received(packets.upstreamOf(lsp), packets.path(lsp, version[lsp]));
+      each();
+      road.received(packets.downstreamOf(lsp), packets.resv(lsp, 1000 + lsp % 100000));
+      each();
+    }
+  }
+
+  Road::Shape shape;
+  Road::PacketSide packets;
+  Road::Agent road;
+  Road::LabelAllocator allocator;
+  std::mt19937 rng{5};
+  std::vector<Kel::U32> version;
+  std::vector<bool> up;
+  bool revive_;
+};
+
+void initialise(Trees const& agent) {
+  agent.cli->refreshIntervalIs(30);
+  agent.config->refreshPeriodIs(agent.cli->refreshInterval());
+  agent.config->rorEnabledIs(true);
+  agent.status->doInit();
+}
+
+volatile std::sig_atomic_t stopSignal = 0;
+extern "C" void onStop(int signo) { stopSignal = signo; }
+
+// Publishes the trees on a socket round after round until a signal, or runs
+// the rounds and saves the status tree's log.
+int publishRun(Options const& o) {
+  Trees agent;
+  initialise(agent);
+  std::unique_ptr<Kel::LogPublisher> publisher;
+  if (!o.publish.empty()) {
+    publisher = std::make_unique<Kel::LogPublisher>(o.publish);
+    publisher->treeIs(1, *agent.status);
+    publisher->treeIs(2, *agent.config);
+    publisher->treeIs(3, *agent.cli);
+    struct sigaction sa {};
+    sa.sa_handler = onStop;  // no SA_RESTART: poll() returns at once
+    ::sigaction(SIGINT, &sa, nullptr);
+    ::sigaction(SIGTERM, &sa, nullptr);
+  }
+  Driver d(agent, o.lsps, publisher != nullptr);
+  Kel::U64 messages = 0;
+  auto serve = [&] {
+    if (publisher && ++messages % 1000 == 0) publisher->serve();
+  };
+  d.create([&](Kel::U32) { serve(); });
+  if (publisher) {
+    publisher->serve();
+    std::cout << "agent: " << o.lsps << " LSPs; publishing " << RsvpStatus::mountPath()
+              << " (tree 1), " << RsvpConfig::mountPath() << " (2) and "
+              << RsvpCliConfig::mountPath() << " (3) on " << o.publish
+              << "\nagent: in another terminal: rsvp_show --socket " << o.publish
+              << " [summary|sessions|neighbors|labels] [--watch]\n"
+              << "agent: a refresh round every " << o.period << " s; Ctrl-C stops" << std::endl;
+  }
+  for (int round = 1; publisher ? stopSignal == 0 : round <= o.rounds; ++round) {
+    d.round(round, serve);
+    if (!publisher) continue;
+    publisher->serve();
+    if (!o.quiet) {
+      std::cout << "agent: round " << round << ": " << agent.status->spStateColl()->spStateSize()
+                << " state paths (" << agent.status->spStateColl()->operationalCount() << " up), "
+                << publisher->replicas() << " replicas" << std::endl;
+    }
+    auto const next = Clock::now() + std::chrono::seconds(o.period);
+    while (stopSignal == 0 && Clock::now() < next) {
+      auto const left = std::chrono::duration_cast<std::chrono::milliseconds>(next - Clock::now());
+      // New replicas, and the sockets of those still taking their bytes.
+      std::vector<pollfd> p{{publisher->fd(), POLLIN, 0}};
+      for (int const fd : publisher->pendingFds()) p.push_back({fd, POLLOUT, 0});
+      ::poll(p.data(), p.size(), static_cast<int>(std::max<long>(left.count(), 0)));
+      publisher->serve();
+    }
+  }
+  if (publisher) {
+    std::cout << "agent: stopped by signal " << stopSignal << std::endl;
+    return 0;
+  }
+  Kel::LogWriter writer(*agent.status);
+  auto sink = std::make_unique<Kel::MemorySink>();
+  Kel::MemorySink* const bytes = sink.get();
+  writer.subscriberNew(std::move(sink));
+  std::ofstream out(o.save, std::ios::binary);
+  out.write(bytes->bytes().data(), static_cast<std::streamsize>(bytes->bytes().size()));
+  if (!out.flush()) throw std::runtime_error("cannot write '" + o.save + "'");
+  std::cout << "agent: " << agent.status->spStateColl()->spStateSize() << " state paths, log of "
+            << bytes->bytes().size() << " bytes saved to " << o.save << "\n";
+  return 0;
+}
+
 int run(Options const& o) {
+  if (!o.publish.empty() || !o.save.empty()) return publishRun(o);
   std::array<int, 3> agentFds{};
   std::array<int, 3> mirrorFds{};
   for (std::size_t i = 0; i < 3; ++i) {
@@ -248,69 +403,40 @@ int run(Options const& o) {
   for (int fd : agentFds) nonBlocking(fd);
 
   Trees agent;
-  agent.cli->refreshIntervalIs(30);
-  agent.config->refreshPeriodIs(agent.cli->refreshInterval());
-  agent.config->rorEnabledIs(true);
-  agent.status->doInit();
+  initialise(agent);
   auto const writers = mount(agent, agentFds);
   std::cout << "agent: mounted " << RsvpStatus::mountPath() << ", " << RsvpConfig::mountPath()
             << " and " << RsvpCliConfig::mountPath() << "; " << o.lsps << " LSPs, " << o.rounds
             << " refresh rounds\n";
 
-  Road::Shape shape;
-  shape.lsps = o.lsps;
-  Road::PacketSide packets(shape);
-  Road::Agent road(*agent.status, *agent.config);
-  Road::LabelAllocator allocator(*agent.status->labelRequestTable(),
-                                 *agent.status->labelAllocTable());
-  RsvpSpState::setRandomSeed(1);
-  std::mt19937 rng(5);
-  std::vector<Kel::U32> version(o.lsps, 0);
-  std::vector<bool> up(o.lsps, true);
+  Driver d(agent, o.lsps, false);
+  Road::Agent& road = d.road;
+  Road::PacketSide const& packets = d.packets;
   Kel::U64 messages = 0;
   auto pump = [&] {
     if (++messages % 10000 == 0) drain(writers, agentFds);
   };
 
   auto const start = Clock::now();
-  for (Kel::U32 lsp = 0; lsp < o.lsps; ++lsp) {
-    road.received(packets.upstreamOf(lsp), packets.path(lsp, 0));
+  d.create([&](Kel::U32 lsp) {
     pump();
-    if (lsp == 0 && !o.quiet) {
-      auto const sp = agent.status->spStateColl()->spState(packets.spId(0));
+    if (lsp != 0 || o.quiet) return;
+    auto const sp = agent.status->spStateColl()->spState(packets.spId(0));
+    if (sp->dsLabel().isNoLabel()) {
       std::cout << "agent: PATH " << sp->spId() << " from " << packets.upstreamOf(0)
                 << ": a new state path, label " << sp->localLabel() << " from the allocator, "
                 << "sent on to " << sp->activeDs() << ", PATH state " << sp->spOperPathState()
                 << "\n";
-    }
-    road.received(packets.downstreamOf(lsp), packets.resv(lsp, 1000 + lsp % 100000));
-    pump();
-    if (lsp == 0 && !o.quiet) {
-      auto const sp = agent.status->spStateColl()->spState(packets.spId(0));
+    } else {
       std::cout << "agent: RESV from " << packets.downstreamOf(0) << " with label " << sp->dsLabel()
                 << ": sent upstream with label " << sp->localLabel() << ", RESV state "
                 << sp->spOperResvState() << ", operational " << sp->operational() << "\n";
     }
-  }
+  });
   for (int round = 1; round <= o.rounds; ++round) {
-    road.nowIs(30.0 * round);
     Kel::U64 const changes = road.counters().pathChanges;
     Kel::U64 const tears = road.counters().tears;
-    for (Kel::U32 lsp = 0; lsp < o.lsps; ++lsp) {
-      Kel::U32 const dice = rng() % 100;
-      if (!up[lsp]) continue;
-      if (dice < 1 && lsp != 0) {
-        road.received(packets.upstreamOf(lsp), packets.pathTear(lsp));
-        up[lsp] = false;
-        pump();
-        continue;
-      }
-      if (dice < 6) ++version[lsp];
-      road.received(packets.upstreamOf(lsp), packets.path(lsp, version[lsp]));
-      pump();
-      road.received(packets.downstreamOf(lsp), packets.resv(lsp, 1000 + lsp % 100000));
-      pump();
-    }
+    d.round(round, pump);
     drain(writers, agentFds);
     if (!o.quiet) {
       std::cout << "agent: round " << round << ": " << road.counters().pathChanges - changes

@@ -6,6 +6,7 @@
 #include <Rsvp/Rsvp.h>
 
 #include <Kel/AttrLog.h>
+#include <Kel/LogSocket.h>
 #include <Kel/ReadOnlyProxy.h>
 
 #include <gtest/gtest.h>
@@ -15,8 +16,10 @@
 
 #include <fcntl.h>
 #include <sys/socket.h>
+#include <sys/un.h>
 #include <unistd.h>
 
+#include <cstring>
 #include <random>
 #include <vector>
 
@@ -747,4 +750,115 @@ TEST(AttrLog, SnapshotRestartsAQueueThatOnlyItsNextNumberNames) {
   EXPECT_TRUE(link.reader.inSync());
   EXPECT_TRUE(link.same());
   EXPECT_EQ(link.replica->eventsSize(), 0u);
+}
+
+namespace {
+
+// A socket path of this test process, removed before and after.
+struct SocketPath {
+  explicit SocketPath(char const* name)
+      : path("/tmp/kel-" + std::to_string(::getpid()) + "-" + name + ".sock") {
+    ::unlink(path.c_str());
+  }
+  ~SocketPath() { ::unlink(path.c_str()); }
+  std::string path;
+};
+
+// Serves until `replica` has read everything, then answers whether it equals
+// `source`.
+std::string followed(Kel::LogPublisher& publisher, Kel::LogReplica& replica, Root const& source,
+                     Root const& copy) {
+  publisher.serve();
+  while (replica.readAvailable() || publisher.pending()) publisher.serve();
+  return Kel::replicaDifference(source, copy);
+}
+
+}  // namespace
+
+// Two replicas attach at different times and follow; one leaves, the other
+// keeps following; the publisher going away ends the last one with one line.
+TEST(LogSocket, ReplicasAttachFollowAndLeave) {
+  SocketPath const at("follow");
+  auto const source = Sample::rootFactory("root");
+  auto const other = Sample::rootFactory("other");
+  source->countIs(3);
+  auto publisher = std::make_unique<Kel::LogPublisher>(at.path);
+  publisher->treeIs(1, *source);
+  publisher->treeIs(2, *other);
+
+  auto const copyA = Sample::rootFactory("root");
+  auto replicaA = std::make_unique<Kel::LogReplica>(at.path);
+  replicaA->treeIs(1, *copyA);
+  publisher->serve();
+  replicaA->inSyncAwait(5000);
+  EXPECT_EQ(Kel::replicaDifference(*source, *copyA), "");
+  source->labelIs("after A");
+  source->leafIs(4)->weightIs(40);
+  EXPECT_EQ(followed(*publisher, *replicaA, *source, *copyA), "");
+
+  auto const copyB = Sample::rootFactory("root");
+  Kel::LogReplica replicaB(at.path);
+  replicaB.treeIs(1, *copyB);
+  publisher->serve();
+  replicaB.inSyncAwait(5000);
+  EXPECT_EQ(publisher->replicas(), 2u);
+  source->countIs(4);
+  EXPECT_EQ(followed(*publisher, *replicaA, *source, *copyA), "");
+  EXPECT_EQ(followed(*publisher, replicaB, *source, *copyB), "");
+
+  replicaA.reset();
+  source->labelIs("after A left");
+  source->leafDel(4);
+  publisher->serve();
+  EXPECT_EQ(publisher->replicas(), 1u) << "the departed replica is dropped";
+  EXPECT_EQ(followed(*publisher, replicaB, *source, *copyB), "");
+  EXPECT_EQ(copyB->label(), "after A left");
+
+  publisher.reset();
+  EXPECT_EQ(errorOf<Kel::Exception>([&] { replicaB.readAvailable(); }),
+            "Publisher at '" + at.path + "' went away");
+  EXPECT_EQ(source->kelNboAttrLogSa(), nullptr) << "the publisher unmounted the tree";
+}
+
+TEST(LogSocket, ErrorsAreOneClearLine) {
+  SocketPath const at("errors");
+  auto const root = Sample::rootFactory("root");
+  EXPECT_EQ(errorOf<Kel::Exception>([&] { Kel::LogReplica r(at.path); }),
+            "No publisher at '" + at.path + "'");
+  std::string const longPath(200, 'x');
+  EXPECT_EQ(errorOf<Kel::Exception>([&] { Kel::LogPublisher p(longPath); }),
+            "Publisher socket path '" + longPath + "' is too long (at most 107 bytes)");
+  {
+    // A socket file whose process died is replaced.
+    int const fd = ::socket(AF_UNIX, SOCK_STREAM, 0);
+    sockaddr_un a{};
+    a.sun_family = AF_UNIX;
+    std::strcpy(a.sun_path, at.path.c_str());
+    ASSERT_EQ(::bind(fd, reinterpret_cast<sockaddr*>(&a), sizeof a), 0);
+    ::close(fd);
+  }
+  Kel::LogPublisher publisher(at.path);
+  publisher.treeIs(1, *root);
+  EXPECT_EQ(errorOf<Kel::Exception>([&] { Kel::LogPublisher p(at.path); }),
+            "Publisher socket path '" + at.path + "' is in use by a live publisher");
+  EXPECT_EQ(errorOf<Kel::Exception>([&] { publisher.treeIs(1, *root); }),
+            "Tree 1 is already published");
+  struct Case {
+    Kel::U32 tree;
+    std::string error;
+  };
+  for (Case const& c : {Case{2, "Publisher at '" + at.path + "' serves no tree 2"},
+                        Case{1, "Publisher at '" + at.path +
+                                    "': tree 1 is a Rsvp::Sample::Root, not a Rsvp::RsvpStatus"}}) {
+    Kel::LogReplica replica(at.path);
+    auto const status = Rsvp::rsvpStatusFactory("status");
+    auto const copy = Sample::rootFactory("root");
+    if (c.tree == 1) {
+      replica.treeIs(1, *status);
+    } else {
+      replica.treeIs(2, *copy);
+    }
+    publisher.serve();
+    EXPECT_EQ(errorOf<Kel::Exception>([&] { replica.inSyncAwait(5000); }), c.error);
+  }
 }

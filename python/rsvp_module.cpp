@@ -10,6 +10,7 @@
 #include <Kel/Browser.h>
 #include <Kel/Entity.h>
 #include <Kel/Exception.h>
+#include <Kel/LogSocket.h>
 #include <Kel/RangeException.h>
 #include <Kel/ReadOnlyProxy.h>
 #include <Kel/Reflect.h>
@@ -19,11 +20,15 @@
 
 #include <pybind11/pybind11.h>
 
+#include <cerrno>
+#include <chrono>
 #include <memory>
 #include <string>
 #include <string_view>
 #include <utility>
 #include <vector>
+
+#include <poll.h>
 
 namespace py = pybind11;
 
@@ -572,6 +577,96 @@ PyEntity make(std::string_view typeName, std::string_view nameOrKey, py::kwargs 
   return out;
 }
 
+// ---------------------------------------------------------------------------
+// Publishing and replicas over a Unix socket (Kel::LogPublisher,
+// Kel::LogReplica)
+
+// Waits up to `seconds` for `fd` to be readable, without the GIL, so that
+// other Python threads run meanwhile. A negative wait has no limit.
+bool awaitReadable(int fd, double seconds) {
+  py::gil_scoped_release const released;
+  int const ms = seconds < 0 ? -1 : static_cast<int>(seconds * 1000.0 + 0.5);
+  pollfd p{fd, POLLIN, 0};
+  int n;
+  do {
+    n = ::poll(&p, 1, ms);
+  } while (n < 0 && errno == EINTR);
+  return n > 0;
+}
+
+class Publisher {
+ public:
+  explicit Publisher(std::string path)
+      : publisher_(std::make_unique<Kel::LogPublisher>(std::move(path))) {}
+
+  void publish(U32 number, PyEntity const& root) {
+    live().treeIs(number, *root.e);
+    roots_.push_back(root.e);  // the publisher needs its trees to outlive it
+  }
+  void serve() { live().serve(); }
+  [[nodiscard]] int fd() { return live().fd(); }
+  [[nodiscard]] std::size_t replicas() { return live().replicas(); }
+  [[nodiscard]] bool pending() { return live().pending(); }
+  [[nodiscard]] std::string path() { return live().path(); }
+  void close() {
+    publisher_.reset();
+    roots_.clear();
+  }
+
+ private:
+  Kel::LogPublisher& live() {
+    if (!publisher_) throw Kel::Exception("Publisher is closed");
+    return *publisher_;
+  }
+
+  std::vector<Ptr<Entity>> roots_;  // declared first: destroyed after the publisher
+  std::unique_ptr<Kel::LogPublisher> publisher_;
+};
+
+class Replica {
+ public:
+  Replica(std::string path, std::string_view typeName, U32 tree)
+      : root_(make(typeName, "", py::kwargs()).e),
+        replica_(std::make_unique<Kel::LogReplica>(std::move(path))) {
+    replica_->treeIs(tree, *root_);
+  }
+
+  [[nodiscard]] PyEntity root() const { return PyEntity{root_, true}; }
+
+  // Takes in what arrives within `seconds`; answers whether anything did.
+  bool read(double seconds) {
+    Kel::LogReplica& r = live();
+    if (!awaitReadable(r.fd(), seconds)) return false;
+    return r.readAvailable();
+  }
+
+  // Reads until the snapshot of the tree is in, or `seconds` have passed.
+  bool sync(double seconds) {
+    using Clock = std::chrono::steady_clock;
+    auto const deadline = Clock::now() + std::chrono::duration<double>(seconds);
+    Kel::LogReplica& r = live();
+    while (!r.inSync()) {
+      double const left = std::chrono::duration<double>(deadline - Clock::now()).count();
+      if (left <= 0) return false;
+      if (awaitReadable(r.fd(), left)) r.readAvailable();
+    }
+    return true;
+  }
+
+  [[nodiscard]] bool inSync() { return live().inSync(); }
+  [[nodiscard]] int fd() { return live().fd(); }
+  void close() { replica_.reset(); }
+
+ private:
+  Kel::LogReplica& live() {
+    if (!replica_) throw Kel::Exception("Replica is closed");
+    return *replica_;
+  }
+
+  Ptr<Entity> root_;  // declared first: destroyed after the replica
+  std::unique_ptr<Kel::LogReplica> replica_;
+};
+
 void translate(std::exception_ptr p) {
   try {
     if (p) std::rethrow_exception(p);
@@ -789,4 +884,28 @@ PYBIND11_MODULE(rsvp, m) {
       .def("__repr__", [](PyEntity const& e) {
         return "<rsvp.Entity " + std::string(e.e->fwkType().name()) + " '" + e.e->fullName() + "'>";
       });
+
+  py::class_<Publisher>(m, "Publisher", "Serves entity trees to replicas on a Unix socket.")
+      .def(py::init<std::string>(), py::arg("path"))
+      .def("publish", &Publisher::publish, py::arg("number"), py::arg("root"))
+      .def("serve", &Publisher::serve)
+      .def_property_readonly("fd", &Publisher::fd)
+      .def_property_readonly("path", &Publisher::path)
+      .def_property_readonly("replicas", &Publisher::replicas)
+      .def_property_readonly("pending", &Publisher::pending)
+      .def("close", &Publisher::close)
+      .def("__enter__", [](py::object self) { return self; })
+      .def("__exit__", [](Publisher& p, py::args const&) { p.close(); });
+
+  py::class_<Replica>(m, "Replica", "A read-only replica of a published tree.")
+      .def(py::init<std::string, std::string_view, U32>(), py::arg("path"), py::arg("type_name"),
+           py::arg("tree") = 1)
+      .def_property_readonly("root", &Replica::root)
+      .def("read", &Replica::read, py::arg("timeout") = 0.0)
+      .def("sync", &Replica::sync, py::arg("timeout") = 5.0)
+      .def_property_readonly("in_sync", &Replica::inSync)
+      .def_property_readonly("fd", &Replica::fd)
+      .def("close", &Replica::close)
+      .def("__enter__", [](py::object self) { return self; })
+      .def("__exit__", [](Replica& r, py::args const&) { r.close(); });
 }

@@ -139,3 +139,28 @@ def test_subscription_callback_errors_are_reported_not_raised(request_, monkeypa
         request_["version"] = 3
     assert request_["version"] == 3
     assert [str(e) for e in reported] == ["boom"]
+
+
+def test_every_type_reads_and_refuses_what_no_attribute_takes():
+    """Each entity type that can be made from nothing: every attribute reads
+    (or raises the module's error) and a Python object that no attribute
+    takes raises TypeError or rsvp.Error, changing nothing."""
+    made = 0
+    for type_name in rsvp.types():
+        try:
+            e = rsvp.make(type_name)
+        except rsvp.Error:
+            continue  # not an entity type, or one that needs a key
+        made += 1
+        before = e.browse()
+        for attr in e.attributes():
+            try:
+                value = e[attr]
+                if isinstance(value, rsvp.Collection):
+                    assert len(value.items()) == len(value)
+            except rsvp.Error as error:
+                assert str(error).startswith("Cannot read ")
+            with pytest.raises((TypeError, rsvp.Error)):
+                e[attr] = object()
+        assert e.browse() == before, type_name
+    assert made > 50

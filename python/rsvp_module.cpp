@@ -847,7 +847,15 @@ PYBIND11_MODULE(rsvp, m) {
               std::string_view const name = Kel::readWord(it, it + text.size());
               refuseIfReadOnly(e, attrOf(*e.e, name));
             }
-            Kel::applyAssignment(*e.e, text);
+            try {
+              Kel::applyAssignment(*e.e, text);
+            } catch (Kel::Exception const& error) {
+              // The same refusal as a read's, so one except clause catches both.
+              if (std::string_view(error.what()).starts_with("No attribute '")) {
+                throw UnknownAttribute(error.what());
+              }
+              throw;
+            }
           },
           py::arg("assignment"))
       .def(

@@ -73,6 +73,8 @@ def test_apply_uses_the_library_assignment(request_):
     assert request_["hop"][2] == rsvp.Value("Lumo::IpGenAddr", "10.0.0.9")
     with pytest.raises(rsvp.Error, match=r"^Bad assignment 'hop'; expected"):
         request_.apply("hop")
+    with pytest.raises(rsvp.UnknownAttributeError, match=r"^No attribute 'hops' in Rsvp::RsvpCliTunnelRequest$"):
+        request_.apply("hops[1]=10.0.0.1")
 
 
 def test_attributes_in_declaration_order(request_):

@@ -75,6 +75,9 @@ struct PyEntity {
   // Reached from a replica, or held without being owned (references,
   // shared maps): every change raises the read-only proxy's error.
   bool readOnly = false;
+
+  // A frozen entity stops the program when changed: refused here instead.
+  [[nodiscard]] bool refusesChanges() const noexcept { return readOnly || e->frozen(); }
 };
 
 struct PyValue {
@@ -148,12 +151,13 @@ KelAttr const& attrOf(Entity const& e, std::string_view name) {
 // entity, so that a change raises its error and changes nothing.
 int op(PyEntity const& pe, KelAttr const* a, U32 code, void* result, void const* arg1 = nullptr,
        void const* arg2 = nullptr) {
-  if (pe.readOnly) return Kel::ReadOnlyProxy(*pe.e).attributeOp(result, a, code, arg1, arg2);
+  if (pe.refusesChanges())
+    return Kel::ReadOnlyProxy(*pe.e).attributeOp(result, a, code, arg1, arg2);
   return pe.e->fwkType().attributeOp(result, pe.e.get(), a, code, arg1, arg2);
 }
 
 void refuseIfReadOnly(PyEntity const& pe, KelAttr const& a) {
-  if (pe.readOnly) throw Kel::ReadOnlyProxyException(pe.e->fwkType().name(), a.name);
+  if (pe.refusesChanges()) throw Kel::ReadOnlyProxyException(pe.e->fwkType().name(), a.name);
 }
 
 py::object pyString(std::string const& s) {
@@ -827,7 +831,7 @@ PYBIND11_MODULE(rsvp, m) {
                              [](PyEntity const& e) { return pyString(e.e->fullName()); })
       .def_property_readonly(
           "parent", [](PyEntity const& e) { return wrapOrNone(e.e->parent(), e.readOnly); })
-      .def_property_readonly("read_only", [](PyEntity const& e) { return e.readOnly; })
+      .def_property_readonly("read_only", [](PyEntity const& e) { return e.refusesChanges(); })
       .def("attributes",
            [](PyEntity const& e) {
              py::list names;
@@ -842,7 +846,7 @@ PYBIND11_MODULE(rsvp, m) {
       .def(
           "apply",
           [](PyEntity const& e, std::string_view text) {
-            if (e.readOnly) {
+            if (e.refusesChanges()) {
               Kel::TextIt it = text.data();
               std::string_view const name = Kel::readWord(it, it + text.size());
               refuseIfReadOnly(e, attrOf(*e.e, name));

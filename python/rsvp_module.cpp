@@ -295,13 +295,14 @@ struct PyCollection {
 
   [[nodiscard]] Entity& entity() const { return *owner.e; }
   [[nodiscard]] String what() const { return qualified(entity(), *a); }
+  [[nodiscard]] String label() const { return "Attribute " + what(); }
   [[nodiscard]] TypeDesc const& keyType() const { return a->keyType ? *a->keyType : Kel::typeU32; }
   [[nodiscard]] bool ofEntities() const { return isEntityType(a->type); }
   [[nodiscard]] bool membersReadOnly() const { return owner.readOnly || Kel::holdsShared(*a); }
 
   [[nodiscard]] std::unique_ptr<GenericValue> key(py::handle k) const {
     auto out = std::make_unique<GenericValue>(keyType());
-    fromPython(*out, a->name, what() + " key", k);
+    fromPython(*out, a->name, label() + " key", k);
     return out;
   }
 
@@ -393,7 +394,8 @@ struct PyCollection {
       auto v = std::make_unique<GenericValue>(*p.type);
       py::str const name(std::string(p.name));
       if (rest.contains(name)) {
-        fromPython(*v, p.name, String(child.name()) + "::" + String(p.name), rest[name]);
+        fromPython(*v, p.name, "Attribute " + String(child.name()) + "::" + String(p.name),
+                   rest[name]);
         PyDict_DelItem(rest.ptr(), name.ptr());
       }
       ptrs.push_back(v->get());
@@ -418,16 +420,16 @@ struct PyCollection {
     auto const kv = key(k);
     bool const map = a->kind == AttrKind::hashedMap || a->kind == AttrKind::orderedMap;
     if (map && Kel::holdsShared(*a)) {
-      Ptr<Entity const> const e = entityFromPython(a->type, what(), x);
+      Ptr<Entity const> const e = entityFromPython(a->type, label(), x);
       if (!e || op(owner, a, Kel::attrOpMemberWrite, nullptr, kv->get(), &e) != Kel::attrDone) {
-        throw WrongType(what() + " takes " + String(a->type->name()) + ", not " + typeText(x));
+        throw WrongType(label() + " takes " + String(a->type->name()) + ", not " + typeText(x));
       }
       return;
     }
     if (!map || ofEntities())
       refuseForm(owner, String(a->name) + "[" + kv->strep() + "]=" + assignmentText(x));
     GenericValue v(*a->type);
-    fromPython(v, a->name, what(), x);
+    fromPython(v, a->name, label(), x);
     if (op(owner, a, Kel::attrOpMemberWrite, nullptr, kv->get(), v.get()) != Kel::attrDone) {
       throw Kel::Exception("Cannot store into " + what());
     }
@@ -438,14 +440,14 @@ struct PyCollection {
     if (a->kind != AttrKind::queue) refuseForm(owner, String(a->name) + "+=" + assignmentText(x));
     U32 seq = 0;
     if (ofEntities()) {
-      Ptr<Entity const> const e = entityFromPython(a->type, what(), x);
+      Ptr<Entity const> const e = entityFromPython(a->type, label(), x);
       if (!e || op(owner, a, Kel::attrOpEnq, &seq, &e) != Kel::attrDone) {
-        throw WrongType(what() + " takes " + String(a->type->name()) + ", not " + typeText(x));
+        throw WrongType(label() + " takes " + String(a->type->name()) + ", not " + typeText(x));
       }
       return seq;
     }
     GenericValue v(*a->type);
-    fromPython(v, a->name, what(), x);
+    fromPython(v, a->name, label(), x);
     if (op(owner, a, Kel::attrOpEnq, &seq, v.get()) != Kel::attrDone) {
       throw Kel::Exception("Cannot append to " + what());
     }

@@ -116,6 +116,8 @@ def test_map_of_entities_and_read_only_shared():
     with pytest.raises(rsvp.UnknownAttributeError, match="^No constructor argument 'up' in Rsvp::RsvpSpState$"):
         table["spState"].add(SP.format(2, 2), up=True)
     assert len(table["spState"]) == 1
+    alone = rsvp.make("Rsvp::RsvpSpState", SP.format(3, 1), isBypass=True)
+    assert alone["isBypass"] is True and alone.parent is None and str(alone["spId"]) == SP.format(3, 1)
 
 
 def test_subscription_sees_changes():
@@ -166,3 +168,22 @@ def test_every_type_reads_and_refuses_what_no_attribute_takes():
                 e[attr] = object()
         assert e.browse() == before, type_name
     assert made > 50
+
+
+COLLECTION_ERRORS = [
+    (lambda h: h.__setitem__(1, 5), TypeError, "Attribute %s::hop takes Lumo::IpGenAddr, not int" % REQ),
+    (lambda h: h.__setitem__(None, "10.0.0.1"), TypeError, "Attribute %s::hop key takes U32, not NoneType" % REQ),
+    (lambda h: h.__setitem__("x", "10.0.0.1"), rsvp.RangeError, "Expected a number but found 'x' (attribute 'hop')"),
+    (lambda h: h.add(1), rsvp.Error, "Cannot apply 'hop[1]': %s::hop takes hop[key]=value" % REQ),
+    (lambda h: h.append("10.0.0.1"), rsvp.Error, "Cannot apply 'hop+=10.0.0.1': %s::hop takes hop[key]=value" % REQ),
+    (lambda h: h.__delitem__(9), KeyError, "'9'"),
+]
+
+
+@pytest.mark.parametrize("change,error,message", COLLECTION_ERRORS)
+def test_bad_collection_change_raises_and_changes_nothing(request_, change, error, message):
+    request_["hop"][1] = "10.0.0.1"
+    before = request_.browse()
+    with pytest.raises(error) as e:
+        change(request_["hop"])
+    assert str(e.value) == message and request_.browse() == before

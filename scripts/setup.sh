@@ -6,7 +6,8 @@
 set -euo pipefail
 
 packages=(cmake ninja-build g++ clang libclang-rt-14-dev libgtest-dev libgmock-dev
-          libbenchmark-dev libssl-dev python3 python3-jinja2 python3-yaml "$@")
+          libbenchmark-dev libssl-dev python3 python3-jinja2 python3-yaml
+          python3-dev pybind11-dev python3-pybind11 python3-pytest "$@")
 
 missing=()
 for p in "${packages[@]}"; do

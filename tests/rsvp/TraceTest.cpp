@@ -6,25 +6,17 @@
 
 #include <gtest/gtest.h>
 
+#include "../TestSupport.h"
+
 #include <string>
 #include <vector>
 
 namespace {
 
-struct Captured {
-  std::vector<std::string> lines;
-  Captured() {
-    Rsvp::traceSinkIs([this](std::string_view f, int level, std::string_view line) {
-      lines.push_back(std::string(f) + "[" + std::to_string(level) + "] " + std::string(line));
-    });
-  }
-  ~Captured() {
-    Rsvp::traceSinkIs(nullptr);
-    for (Rsvp::TraceFacility* f : Rsvp::traceFacilities())
-      f->levelIs(Rsvp::TraceFacility::kDefaultLevel);
-  }
-};
+using Captured = TestSupport::TraceCapture;
 
+// Each facility writes up to its own level; a line above it is never
+// formatted.
 TEST(Trace, LevelsPerFacility) {
   Captured c;
   Rsvp::traceLevelIs("RsvpRawData", 8);
@@ -61,6 +53,8 @@ TEST(Trace, DefaultLevelsWriteErrorLinesOnly) {
   EXPECT_EQ(c.lines.size(), 1u) << "-1 silences errors too";
 }
 
+// An unknown facility and a level out of range are refused with their texts,
+// changing nothing; every facility is found by its name.
 TEST(Trace, SetupErrors) {
   try {
     Rsvp::traceLevelIs("Nope", 1);

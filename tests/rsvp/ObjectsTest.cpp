@@ -84,14 +84,6 @@ TEST(ObjectViews, LayerThreeProtocolId) {
   EXPECT_EQ(r.l3pidRaw(), 0x8847u);
 }
 
-TEST(Objects, DefaultsOneBeyondTheWire) {
-  EXPECT_EQ(RsvpMsgIdAckObj().epoch(), RsvpMsgIdObj::invalidMsgIdEpochValue());
-  EXPECT_EQ(RsvpMsgIdNackObj().epoch(), 16777216u);
-  EXPECT_EQ(RsvpMsgIdObj().epoch(), 0u);
-  EXPECT_EQ(RsvpMsgIdObj::kelType.attr("invalidMsgIdEpochValue")->index, 5u)
-      << "the constant is declared last";
-}
-
 // Fills a value of any type with random contents through reflection.
 void fill(Kel::TypeDesc const& type, void* v, std::mt19937& rng) {
   std::string_view const name = type.name();

@@ -5,6 +5,8 @@
 
 #include <gtest/gtest.h>
 
+#include "../TestSupport.h"
+
 #include <string>
 #include <vector>
 
@@ -69,12 +71,9 @@ TEST(Enum, RejectedText) {
       {"4294967296", "Number 4294967296 out of range for U32"},
   };
   for (auto const& c : cases) {
-    try {
-      (void)strepToValue<RsvpResvStyle>(c.text);
-      ADD_FAILURE() << c.text.substr(0, 30);
-    } catch (Kel::RangeException const& e) {
-      EXPECT_EQ(e.what(), c.error);
-    }
+    EXPECT_EQ(TestSupport::errorOf<Kel::RangeException>(
+                  [&] { (void)strepToValue<RsvpResvStyle>(c.text); }),
+              c.error);
   }
 }
 

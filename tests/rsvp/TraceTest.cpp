@@ -56,18 +56,11 @@ TEST(Trace, DefaultLevelsWriteErrorLinesOnly) {
 // An unknown facility and a level out of range are refused with their texts,
 // changing nothing; every facility is found by its name.
 TEST(Trace, SetupErrors) {
-  try {
-    Rsvp::traceLevelIs("Nope", 1);
-    FAIL();
-  } catch (Kel::RangeException const& e) {
-    EXPECT_STREQ(e.what(), "Unknown trace facility 'Nope'");
-  }
-  try {
-    Rsvp::rawDataTrace().levelIs(10);
-    FAIL();
-  } catch (Kel::RangeException const& e) {
-    EXPECT_STREQ(e.what(), "TraceFacility::level < -1 or > 9 not allowed");
-  }
+  using TestSupport::errorOf;
+  EXPECT_EQ(errorOf<Kel::RangeException>([] { Rsvp::traceLevelIs("Nope", 1); }),
+            "Unknown trace facility 'Nope'");
+  EXPECT_EQ(errorOf<Kel::RangeException>([] { Rsvp::rawDataTrace().levelIs(10); }),
+            "TraceFacility::level < -1 or > 9 not allowed");
   EXPECT_EQ(Rsvp::rawDataTrace().level(), 0) << "a refused level changes nothing";
   for (Rsvp::TraceFacility* f : Rsvp::traceFacilities()) {
     EXPECT_EQ(Rsvp::traceFacility(f->name()), f);

@@ -6,18 +6,15 @@
 
 #include <gtest/gtest.h>
 
+#include "../TestSupport.h"
+
 namespace {
 
 using namespace Rsvp;
 
 template <class T>
 std::string parseError(std::string_view text) {
-  try {
-    (void)strepToValue<T>(text);
-  } catch (Kel::RangeException const& e) {
-    return e.what();
-  }
-  return "no error";
+  return TestSupport::errorOf<Kel::RangeException>([&] { (void)strepToValue<T>(text); });
 }
 
 // The repr form: type name, then each attribute in declaration order.

@@ -180,6 +180,8 @@ void PrintTo(TableCase const& c, std::ostream* os) { *os << c.what; }
 
 class HashTableModel : public testing::TestWithParam<TableCase> {};
 
+// Random inserts, erasures, finds and clears agree with std::map, and the
+// table keeps its promises (order, buckets) after every step.
 TEST_P(HashTableModel, AgreesWithStdMap) { GetParam().run(GetParam()); }
 
 INSTANTIATE_TEST_SUITE_P(
@@ -265,6 +267,7 @@ void walkWhileChanging(unsigned seed, U32 pool, U32 initial) {
   ASSERT_EQ(table.size(), order.size());
 }
 
+// The walk above, for every kind of hash and several seeds.
 TEST(HashTable, IteratorFollowsOrderWhileTableChanges) {
   for (unsigned seed = 1; seed <= 6; ++seed) {
     walkWhileChanging<U32>(seed, 3000, 1000);
@@ -299,6 +302,7 @@ void growAcrossDoublings(U32 count) {
   ASSERT_NO_FATAL_FAILURE(expectAgrees(table, model, policyBuckets(count, true)));
 }
 
+// The growth above, up to 2^17 keys.
 TEST(HashTable, GrowthAcrossManyDoublings) {
   growAcrossDoublings<U32>(U32{1} << 17);
   growAcrossDoublings<Mod7Key>(3000);
@@ -415,6 +419,7 @@ void PrintTo(QueueCase const& c, std::ostream* os) { *os << c.what; }
 
 class QueueAgainstModel : public testing::TestWithParam<QueueCase> {};
 
+// Random operations agree with the model: numbers, order, size, removals.
 TEST_P(QueueAgainstModel, NumberingAndOrder) {
   QueueCase const& c = GetParam();
   std::mt19937 rng(c.seed);

@@ -59,6 +59,8 @@ std::set<std::string> const kCommon = {"srcIp", "dstIp", "neighborIp", "mplsLabe
 
 class MsgClasses : public testing::TestWithParam<ClassCase> {};
 
+// Each attribute a class compares changes the answer of equal(), from either
+// side, and each it leaves out does not; written back, the messages agree.
 TEST_P(MsgClasses, ComparedAttributesDecideAndOthersDoNot) {
   ClassCase const& c = GetParam();
   Kel::TypeDesc const& type = c.make()->fwkType();

@@ -6,6 +6,7 @@
 
 #include <gtest/gtest.h>
 
+#include "../TestSupport.h"
 #include "SomeValue.h"
 
 #include <random>
@@ -131,13 +132,8 @@ TEST(Objects, LogReadChecksRanges) {
   out.u32(0);
   Kel::LogIn in(bytes);
   RsvpMsgIdObj obj(true, 5, 6);
-  try {
-    kelLogRead(in, &obj);
-    FAIL();
-  } catch (Kel::RangeException const& e) {
-    EXPECT_STREQ(e.what(),
-                 "RsvpMsgIdObj::epoch < 0 or > RsvpMsgIdObj::invalidMsgIdEpochValue not allowed");
-  }
+  EXPECT_EQ(TestSupport::errorOf<Kel::RangeException>([&] { kelLogRead(in, &obj); }),
+            "RsvpMsgIdObj::epoch < 0 or > RsvpMsgIdObj::invalidMsgIdEpochValue not allowed");
   EXPECT_EQ(obj, RsvpMsgIdObj(true, 5, 6));
 }
 

@@ -173,4 +173,13 @@ TEST(HistoryEntry, EachLeafFixesItsTypeAndRefusesAWriteToIt) {
   }
 }
 
+// The bases, made by their factories without a type, are unknown entries.
+TEST(HistoryEntry, BasesAreUnknownEntries) {
+  Kel::Ptr<RsvpHistoryEntry> const bases[] = {
+      rsvpHistoryEntryFactory(1), rsvpSessionHistoryEntryFactory(2), rsvpSpHistoryEntryFactory(3)};
+  for (auto const& b : bases) {
+    EXPECT_EQ(b->historyEntryType(), rsvpUnknownEntry) << b->fwkType().name();
+  }
+}
+
 }  // namespace

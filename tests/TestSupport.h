@@ -1,16 +1,18 @@
 // Helpers that several suites share: the text of the exception a call
-// raises, and an entity tree whose replica follows it through the attribute
-// log and a memory sink.
+// raises, the trace lines written meanwhile, and an entity tree whose
+// replica follows it through the attribute log and a memory sink.
 #ifndef TESTS_TESTSUPPORT_H
 #define TESTS_TESTSUPPORT_H
 
 #include <Kel/AttrLog.h>
 #include <Kel/Browser.h>
 #include <Kel/TreeCompare.h>
+#include <Rsvp/RsvpTrace.h>
 
 #include <memory>
 #include <string>
 #include <utility>
+#include <vector>
 
 namespace TestSupport {
 
@@ -25,6 +27,25 @@ std::string errorOf(F&& f) {
   }
   return "accepted";
 }
+
+// The trace lines written while alive, as "Facility[level] line", with
+// `facility` (if any) at `level`; then the sink and every level go back to
+// their defaults.
+struct TraceCapture {
+  explicit TraceCapture(std::string_view facility = {}, int level = 0) {
+    Rsvp::traceSinkIs([this](std::string_view f, int l, std::string_view line) {
+      lines.push_back(std::string(f) + "[" + std::to_string(l) + "] " + std::string(line));
+    });
+    if (!facility.empty()) Rsvp::traceLevelIs(facility, level);
+  }
+  ~TraceCapture() {
+    Rsvp::traceSinkIs(nullptr);
+    for (Rsvp::TraceFacility* f : Rsvp::traceFacilities()) f->levelIs(f->kDefaultLevel);
+  }
+  TraceCapture(TraceCapture const&) = delete;
+  TraceCapture& operator=(TraceCapture const&) = delete;
+  std::vector<std::string> lines;
+};
 
 // A source tree and its replica, joined by a writer, a memory sink and a
 // reader; connect() subscribes anew, so the reader starts from a snapshot.

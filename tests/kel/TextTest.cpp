@@ -23,6 +23,7 @@ String parseError(std::string_view text) {
   return errorOf<RangeException>([&] { (void)strepToValue<T>(text); });
 }
 
+// Scalars print and parse at their bounds; booleans as true and false.
 TEST(Scalars, PrintAndParseBoundsAndBothWords) {
   EXPECT_EQ(valueToStrep(U8{255}), "255");
   EXPECT_EQ(valueToStrep(U64{18446744073709551615ull}), "18446744073709551615");
@@ -37,6 +38,7 @@ TEST(Scalars, PrintAndParseBoundsAndBothWords) {
   EXPECT_FALSE(strepToValue<bool>("false"));
 }
 
+// Bad numbers raise the exact error.
 TEST(Integers, RejectedText) {
   struct {
     String (*parse)(std::string_view);
@@ -59,6 +61,7 @@ TEST(Integers, RejectedText) {
   for (auto const& c : cases) EXPECT_EQ(c.parse(c.text), c.error) << c.text;
 }
 
+// Floats print in the shortest form that reads back, for random bit patterns.
 TEST(Floats, ShortestFormReadsBack) {
   EXPECT_EQ(valueToStrep(0.5), "0.5");
   EXPECT_EQ(valueToStrep(F32{0.1f}), "0.1");
@@ -129,6 +132,7 @@ TEST(Floats, NanIsRefusedFromTheLog) {
   EXPECT_EQ(read(-inf, F64{0}), -inf);
 }
 
+// Strings are quoted with escapes; bad quoting raises the exact error.
 TEST(Strings, QuotingAndEscapes) {
   EXPECT_EQ(valueToStrep(String("Ethernet1")), "\"Ethernet1\"");
   EXPECT_EQ(valueToStrep(String("a\"b\\c\n\t\x01\xff", 9)), R"("a\"b\\c\n\t\x01\xff")");
@@ -141,6 +145,7 @@ TEST(Strings, QuotingAndEscapes) {
   EXPECT_EQ(parseError<String>("abc"), "Expected a quoted string but found 'abc'");
 }
 
+// Any bytes read back from the quoted form.
 TEST(Strings, RandomBytesRoundTrip) {
   std::mt19937 rng(11);
   for (int i = 0; i < 500; ++i) {
@@ -150,6 +155,7 @@ TEST(Strings, RandomBytesRoundTrip) {
   }
 }
 
+// A parse stops behind its value, or fails leaving the target unchanged.
 TEST(Parsers, StopBehindTheValueOrLeaveTargetUnchanged) {
   String text = "123, 'next'";
   TextIt it = text.data();
@@ -168,16 +174,8 @@ TEST(Parsers, StopBehindTheValueOrLeaveTargetUnchanged) {
   EXPECT_EQ(s, "kept");
 }
 
-TEST(ExpectLiteral, ErrorShowsAShortExcerpt) {
-  String const text = "<lspId3 and a great deal more text after it>";
-  TextIt it = text.data();
-  EXPECT_EQ(
-      errorOf<RangeException>([&] { expectLiteral(it, text.data() + text.size(), "<lspId="); }),
-      "Expected '<lspId=' but found '<lspId3 and a great deal...'");
-  EXPECT_EQ(it, text.data());
-}
-
-// However long the input, an error quotes at most 24 of its characters.
+// However long the input, an error quotes at most 24 of its characters
+// (the excerpt of an expected literal is the identifiers' RejectedText).
 TEST(ErrorTexts, TenMegabytesOfInputGiveAShortMessage) {
   String const ones(10'000'000, '1');
   String const xs(10'000'000, 'x');
@@ -203,6 +201,8 @@ TEST(ErrorTexts, TenMegabytesOfInputGiveAShortMessage) {
   EXPECT_EQ(excerpt(String(24, 'z')), String(24, 'z'));
 }
 
+// A rethrown range error names its attribute path, outermost first; the
+// range text's form.
 TEST(RangeException, NamesTheAttributePathOutermostFirst) {
   try {
     parseNamed("sessionId", [] { parseNamed("dstIp", [] { throw RangeException("bad"); }); });

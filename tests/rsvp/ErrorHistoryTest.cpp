@@ -26,18 +26,7 @@ struct ErrorStateLog : RsvpErrorState::NotifieeConst {
   void onOffendingMsg() override { calls.emplace_back("offendingMsg"); }
 };
 
-struct Captured {
-  std::vector<std::string> lines;
-  Captured() {
-    traceSinkIs([this](std::string_view f, int level, std::string_view line) {
-      lines.push_back(std::string(f) + "[" + std::to_string(level) + "] " + std::string(line));
-    });
-  }
-  ~Captured() {
-    traceSinkIs(nullptr);
-    errorTrace().levelIs(TraceFacility::kDefaultLevel);
-  }
-};
+using Captured = TestSupport::TraceCapture;
 
 bool isDefault(RsvpErrorState const& s) {
   return s.error().errorCode() == rsvpErrorCodeUnknown && s.error().errorValue() == 0 &&
@@ -91,6 +80,7 @@ TEST(ErrorState, ResetNotifiesEachChangedAttributeInOrder) {
   }
 }
 
+// reset() traces its entry at level 8 only.
 TEST(ErrorState, ResetTracesItsEntryAtLevel8) {
   auto state = rsvpErrorStateFactory();
   Captured c;
@@ -155,6 +145,8 @@ int writeAttr(Kel::Entity& e, char const* attr, Kel::U32 op, void const* value) 
   return e.fwkType().attributeOp(nullptr, &e, a, op, value);
 }
 
+// Each leaf is made with its timestamp, fixes its type, and refuses a
+// generic write to either with the exact text.
 TEST(HistoryEntry, EachLeafFixesItsTypeAndRefusesAWriteToIt) {
   for (Leaf const& leaf : leaves()) {
     SCOPED_TRACE(leaf.name);
@@ -181,18 +173,13 @@ TEST(HistoryEntry, EachLeafFixesItsTypeAndRefusesAWriteToIt) {
   }
 }
 
+// The bases, made by their factories without a type, are unknown entries.
 TEST(HistoryEntry, BasesAreUnknownEntries) {
   Kel::Ptr<RsvpHistoryEntry> const bases[] = {
       rsvpHistoryEntryFactory(1), rsvpSessionHistoryEntryFactory(2), rsvpSpHistoryEntryFactory(3)};
   for (auto const& b : bases) {
     EXPECT_EQ(b->historyEntryType(), rsvpUnknownEntry) << b->fwkType().name();
   }
-}
-
-TEST(HistoryEntry, OperStateEntryKeepsBothStates) {
-  auto oper = rsvpSpOperStateHistoryEntryFactory(1, spOperStateRcvd, spOperStateDown);
-  EXPECT_EQ(oper->spOperPathState(), spOperStateRcvd);
-  EXPECT_EQ(oper->spOperResvState(), spOperStateDown);
 }
 
 }  // namespace

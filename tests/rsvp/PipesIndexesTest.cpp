@@ -1,5 +1,6 @@
 // Message pipes (the hand-over, the full-slot fault, fresh pipes after a
-// delete), the neighbor interface map's count and the subscriber dispatch.
+// delete), the neighbor interface map's count, the subscriber dispatch and
+// the interface tries.
 #include <Rsvp/Rsvp.h>
 
 #include <gtest/gtest.h>
@@ -35,6 +36,8 @@ struct Consumer : RsvpMsgPipe::NotifieeConst {
   }
 };
 
+// The reactor takes each message as the counter moves; the counter wraps
+// and notifies only on change.
 TEST(MsgPipe, HandOver) {
   auto const coll = rsvpSpTxMsgPipeCollFactory("tx");
   auto const pipe = coll->msgPipeIs(neighborId("10.0.0.2"));
@@ -60,6 +63,7 @@ TEST(MsgPipe, HandOver) {
   EXPECT_EQ(pipe->readableCount(), 0u);
 }
 
+// Writing into a slot still full is fatal.
 TEST(MsgPipeDeathTest, WriteIntoAFullSlot) {
   auto const pipe = rsvpMsgPipeFactory("p");
   pipe->txMsgIs(rsvpPathMsgFactory());
@@ -91,6 +95,8 @@ TEST(MsgPipe, ReinsertedPipeStartsAfresh) {
   EXPECT_EQ(single->msgPipeIs("tx")->readableCount(), 0u);
 }
 
+// The map counts distinct interfaces; its entries order by interface,
+// address, then flag.
 TEST(NeighborIntfMap, CountsDistinctInterfaces) {
   auto const map = rsvpNeighborIntfMapFactory("nim");
   EXPECT_EQ(map->intfCount(), 0u);
@@ -109,6 +115,8 @@ TEST(NeighborIntfMap, CountsDistinctInterfaces) {
   EXPECT_TRUE(a < RsvpIntfAndAddr(Lumo::IntfId("eth1"), IpGenAddr("9.0.0.0"), false));
 }
 
+// Subscriber keys differ by machine and hash the state path's parts, then
+// the machine; notify counts wrap and notify on change only.
 TEST(SpDispatch, KeysDifferByMachineAndCountsNotifyOnChange) {
   RsvpSpSubscriberKey const ero(spId(1, 2), spEroSm);
   RsvpSpSubscriberKey const bw(spId(1, 2), spBwMgmtSm);
@@ -140,15 +148,6 @@ TEST(SpDispatch, KeysDifferByMachineAndCountsNotifyOnChange) {
   EXPECT_EQ(count.calls, 2);
 }
 
-TEST(IndexActiveDs, RowsAreSetsOfStatePathsByAddress) {
-  auto const index = rsvpIndexActiveDsToSpFactory("ads");
-  auto const row = index->spIdSetIs(IpGenAddr("10.0.0.2"));
-  EXPECT_EQ(row->dsAddr(), IpGenAddr("10.0.0.2"));
-  row->spIdIs(spId(1, 2));
-  EXPECT_EQ(index->spIdSetIs(IpGenAddr("10.0.0.2")), row);
-  EXPECT_TRUE(index->spIdSet(IpGenAddr("10.0.0.2"))->spId(spId(1, 2)));
-}
-
 // The interface tries: children of the local interface map that answer the
 // longest match, notify per prefix, refuse keys they cannot hold without
 // changing, and replicate.
@@ -169,23 +168,11 @@ TEST(LocalIntfMap, TriesAnswerTheLongestMatchNotifyAndReplicate) {
   v6->intfIdIs(IpGenPrefix(IpGenAddr("2001:db8::"), 32), Lumo::IntfId("eth3"));
   EXPECT_EQ(seen.keys, (std::vector<std::string>{"10.0.0.0/8", "10.1.0.0/16"}));
 
-  struct Case {
-    char const* addr;
-    char const* prefix;  // "" when nothing covers the address
-  } const cases[] = {{"10.1.2.3", "10.1.0.0/16"},
-                     {"10.2.0.1", "10.0.0.0/8"},
-                     {"11.0.0.1", ""},
-                     {"2001:db8::1", ""},
-                     {"0.0.0.0", ""}};
-  for (Case const& c : cases) {
-    auto const hit = v4->longestMatch(IpGenAddr(c.addr));
-    EXPECT_EQ(hit.done() ? std::string() : hit.key().stringValue(), c.prefix) << c.addr;
-  }
+  // The trie itself is TrieTest's, against a model.
+  EXPECT_EQ(v4->longestMatch(IpGenAddr("10.1.2.3")).key().stringValue(), "10.1.0.0/16");
+  EXPECT_TRUE(v4->longestMatch(IpGenAddr("2001:db8::1")).done());
   EXPECT_EQ(v6->longestMatch(IpGenAddr("2001:db8:1::7")).value(), Lumo::IntfId("eth3"));
 
-  EXPECT_EQ(errorOf<Kel::RangeException>(
-                [&] { v4->intfIdIs(IpGenPrefix(IpGenAddr("10.0.0.1"), 8), Lumo::IntfId("eth9")); }),
-            "IpTrie key 10.0.0.1/8 has bits set beyond its length");
   EXPECT_EQ(errorOf<Kel::RangeException>(
                 [&] { v6->intfIdIs(IpGenPrefix(IpGenAddr("10.0.0.0"), 8), Lumo::IntfId("eth9")); }),
             "Ip6Trie key 10.0.0.0/8 is not an IPv6 prefix");

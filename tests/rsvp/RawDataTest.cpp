@@ -6,6 +6,8 @@
 
 #include <gtest/gtest.h>
 
+#include "../TestSupport.h"
+
 #include <array>
 #include <string>
 #include <vector>
@@ -14,20 +16,20 @@ namespace {
 
 using Rsvp::rsvpRawDataFactory;
 
-struct Traced {
-  std::vector<std::string> lines;
-  explicit Traced(int level) {
-    Rsvp::traceSinkIs([this](std::string_view, int, std::string_view l) { lines.emplace_back(l); });
-    Rsvp::rawDataTrace().levelIs(level);
-  }
-  ~Traced() {
-    Rsvp::traceSinkIs(nullptr);
-    Rsvp::rawDataTrace().levelIs(Rsvp::TraceFacility::kDefaultLevel);
+// The raw data facility's lines at `level`, without their "RsvpRawData[n] ".
+struct Traced : TestSupport::TraceCapture {
+  explicit Traced(int level) : TraceCapture("RsvpRawData", level) {}
+  std::vector<std::string> bare() const {
+    std::vector<std::string> out;
+    for (std::string const& l : lines) out.push_back(l.substr(l.find("] ") + 2));
+    return out;
   }
 };
 
 Kel::U8 const kTen[10] = {0, 1, 2, 3, 4, 5, 6, 7, 8, 9};
 
+// A copy from null is refused with its line, keeping the content; a copy
+// from its own bytes works; an empty copy frees the buffer.
 TEST(RawData, CopyFromRules) {
   Traced t(0);
   auto raw = rsvpRawDataFactory();
@@ -36,7 +38,7 @@ TEST(RawData, CopyFromRules) {
   EXPECT_EQ(raw->size(), 10);
   EXPECT_FALSE(raw->copyFrom(nullptr, 5));
   EXPECT_EQ(raw->size(), 10) << "a refused copy keeps the content";
-  EXPECT_EQ(t.lines, std::vector<std::string>{"ERROR: Cannot copy from null source"});
+  EXPECT_EQ(t.bare(), std::vector<std::string>{"ERROR: Cannot copy from null source"});
   EXPECT_TRUE(raw->copyFrom(raw->data() + 2, 3)) << "from its own bytes";
   EXPECT_EQ(raw->stringValue(), std::string("\x02\x03\x04", 3));
   EXPECT_TRUE(raw->copyFrom(kTen, 0));
@@ -44,6 +46,8 @@ TEST(RawData, CopyFromRules) {
   EXPECT_EQ(raw->data(), nullptr);
 }
 
+// copyTo() checks in order, each refusal with its line; a copy is cut to
+// the shorter of destination and content.
 TEST(RawData, CopyToChecksInOrder) {
   Traced t(0);
   auto raw = rsvpRawDataFactory();
@@ -58,7 +62,7 @@ TEST(RawData, CopyToChecksInOrder) {
   for (auto const& c : refused) {
     t.lines.clear();
     EXPECT_FALSE(raw->copyTo(c.dst, c.len));
-    EXPECT_EQ(t.lines, std::vector<std::string>{c.error});
+    EXPECT_EQ(t.bare(), std::vector<std::string>{c.error});
   }
   raw->copyFrom(kTen, 10);
   buf.fill(0xee);
@@ -70,6 +74,7 @@ TEST(RawData, CopyToChecksInOrder) {
   EXPECT_EQ(buf[10], 0xee) << "at most the content";
 }
 
+// Equal when the bytes are; never equal to null.
 TEST(RawData, Equality) {
   auto a = rsvpRawDataFactory();
   auto b = rsvpRawDataFactory();
@@ -86,13 +91,14 @@ TEST(RawData, Equality) {
   EXPECT_EQ(a->size(), 0);
 }
 
+// At level 9, the arguments and the bytes in hex.
 TEST(RawData, TracesArgumentsAndBytes) {
   Traced t(9);
   auto raw = rsvpRawDataFactory();
   raw->stringValueIs("\x01\xab");
   ASSERT_EQ(t.lines.size(), 2u);
-  EXPECT_EQ(t.lines[0].rfind("copyFrom len=2 ptr=", 0), 0u) << t.lines[0];
-  EXPECT_EQ(t.lines[1], "copyFrom data=01ab");
+  EXPECT_EQ(t.bare()[0].rfind("copyFrom len=2 ptr=", 0), 0u) << t.lines[0];
+  EXPECT_EQ(t.bare()[1], "copyFrom data=01ab");
 }
 
 }  // namespace

@@ -1,11 +1,12 @@
 // The frame that every generated value type shares, exercised on the types
 // that use the repr form: text, parsing step by step with its errors, range
-// checks, equality, ordering and hashing.
+// bounds, the null test, ordering and hashing. (Random values of every value
+// type read back from text and log in ObjectsTest.)
 #include <Rsvp/Rsvp.h>
 
 #include <gtest/gtest.h>
 
-#include <random>
+#include "../TestSupport.h"
 
 namespace {
 
@@ -13,14 +14,10 @@ using namespace Rsvp;
 
 template <class T>
 std::string parseError(std::string_view text) {
-  try {
-    (void)strepToValue<T>(text);
-  } catch (Kel::RangeException const& e) {
-    return e.what();
-  }
-  return "no error";
+  return TestSupport::errorOf<Kel::RangeException>([&] { (void)strepToValue<T>(text); });
 }
 
+// The repr form: type name, then each attribute in declaration order.
 TEST(Repr, ExactText) {
   EXPECT_EQ(valueToStrep(RsvpError()),
             "Value('Rsvp::RsvpError', ** {'errorCode': rsvpErrorCodeUnknown, 'errorValue': 0})");
@@ -36,6 +33,7 @@ TEST(Repr, ExactText) {
   EXPECT_EQ(os.str(), "Value('Rsvp::RsvpRefreshId', ** {'epoch': 1, 'msgId': 5})");
 }
 
+// Bad repr text raises the exact error, with the attribute at fault.
 TEST(Repr, RejectedText) {
   struct {
     std::string (*parse)(std::string_view);
@@ -69,6 +67,7 @@ TEST(Repr, RejectedText) {
   for (auto const& c : cases) EXPECT_EQ(c.parse(c.text), c.error) << c.text;
 }
 
+// An enumerator without a name prints as its number and reads back.
 TEST(Repr, EnumeratorWithoutNameRoundTrips) {
   RsvpError e(static_cast<RsvpErrorCode>(99), 3);
   std::string const text = valueToStrep(e);
@@ -76,29 +75,16 @@ TEST(Repr, EnumeratorWithoutNameRoundTrips) {
   EXPECT_EQ(strepToValue<RsvpError>(text), e);
 }
 
-TEST(Ranges, ConstructorSetterAndSentinel) {
+// A value is null when every attribute holds its default; a range takes its
+// upper bound, a constant of another type, and nothing beyond.
+TEST(Frame, NullTestAndRangeBound) {
+  EXPECT_TRUE(!RsvpError());
+  EXPECT_FALSE(!RsvpError(rsvpErrorCodeUnknown, 1));
   EXPECT_NO_THROW(RsvpRefreshId(RsvpMsgIdObj::invalidMsgIdEpochValue(), 0));
-  RsvpRefreshId r(1, 2);
-  try {
-    r.epochIs(16777217);
-    FAIL();
-  } catch (Kel::RangeException const& e) {
-    EXPECT_STREQ(
-        e.what(),
-        "RsvpRefreshId::epoch < 0 or > Rsvp::RsvpMsgIdObj::invalidMsgIdEpochValue not allowed");
-  }
-  EXPECT_EQ(r, RsvpRefreshId(1, 2));
   EXPECT_THROW(RsvpMsgIdObj(false, 16777217, 0), Kel::RangeException);
 }
 
-TEST(Frame, DefaultsAndNullTest) {
-  EXPECT_EQ(RsvpError().errorCode(), rsvpErrorCodeUnknown);
-  EXPECT_TRUE(!RsvpError());
-  EXPECT_FALSE(!RsvpError(rsvpErrorCodeUnknown, 1));
-  EXPECT_EQ(RsvpTunnelConfigId().reqType(), staticReqType);
-  EXPECT_EQ(RsvpMsgIdObj::invalidMsgIdEpochValue(), 16777216u);
-}
-
+// Order is lexicographic in declaration order; hashes as worked out by hand.
 TEST(Frame, OrderAndHash) {
   EXPECT_TRUE(RsvpRefreshId(1, 5) < RsvpRefreshId(2, 0));
   EXPECT_TRUE(RsvpRefreshId(1, 5) < RsvpRefreshId(1, 6));
@@ -109,19 +95,6 @@ TEST(Frame, OrderAndHash) {
   // Declaration order decides: reqType is compared last.
   EXPECT_TRUE(RsvpTunnelConfigId(1, 2, frrReqType) < RsvpTunnelConfigId(1, 3, staticReqType));
   EXPECT_TRUE(RsvpTunnelConfigId(1, 2, staticReqType) < RsvpTunnelConfigId(1, 2, frrReqType));
-}
-
-TEST(Frame, RandomRoundTrips) {
-  std::mt19937 rng(3);
-  for (int i = 0; i < 2000; ++i) {
-    RsvpTunnelConfigId const c(rng(), static_cast<Kel::U16>(rng()),
-                               static_cast<RsvpTunnelRequestType>(rng() % 3));
-    ASSERT_EQ(strepToValue<RsvpTunnelConfigId>(valueToStrep(c)), c);
-    RsvpMsgIdObj const m(rng() % 2 == 0, rng() % 16777217, rng());
-    ASSERT_EQ(strepToValue<RsvpMsgIdObj>(valueToStrep(m)), m);
-    RsvpError const e(static_cast<RsvpErrorCode>(rng() % 300), static_cast<Kel::U16>(rng()));
-    ASSERT_EQ(strepToValue<RsvpError>(valueToStrep(e)), e);
-  }
 }
 
 }  // namespace

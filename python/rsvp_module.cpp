@@ -23,6 +23,7 @@
 #include <cerrno>
 #include <chrono>
 #include <memory>
+#include <optional>
 #include <string>
 #include <string_view>
 #include <utility>
@@ -257,6 +258,39 @@ void fromPython(GenericValue& out, std::string_view attrName, std::string const&
   throw wrong();
 }
 
+// The constructor arguments of an entity type from Python keywords, in the
+// order the type takes them; any left out take their type's default. The
+// key comes from `key` unless given by name; without `key` (a member added
+// under its key) the key is not among them. An unknown keyword raises.
+struct CtorArgs {
+  CtorArgs(TypeDesc const& type, py::kwargs const& args, std::optional<std::string_view> key) {
+    py::dict rest(args);
+    for (U32 index : type.ctorAttrs()) {
+      bool const isKey = index == type.keyAttr();
+      if (isKey && !key) continue;
+      KelAttr const& p = *type.attr(index);
+      auto v = std::make_unique<GenericValue>(*p.type);
+      py::str const name(std::string(p.name));
+      if (rest.contains(name)) {
+        fromPython(*v, p.name, "Attribute " + String(type.name()) + "::" + String(p.name),
+                   rest[name]);
+        PyDict_DelItem(rest.ptr(), name.ptr());
+      } else if (isKey) {
+        Kel::parseNamed(p.name, [&] { v->strepIs(*key); });
+      }
+      ptrs.push_back(v->get());
+      values.push_back(std::move(v));
+    }
+    if (!rest.empty()) {
+      String const extra = py::str(rest.begin()->first);
+      throw UnknownAttribute("No constructor argument '" + Kel::excerpt(extra) + "' in " +
+                             String(type.name()));
+    }
+  }
+  std::vector<std::unique_ptr<GenericValue>> values;
+  std::vector<void const*> ptrs;
+};
+
 // An entity given where an attribute holds entities of type `t`.
 Ptr<Entity const> entityFromPython(TypeDesc const* t, std::string const& what, py::handle x) {
   if (x.is_none()) return {};
@@ -384,31 +418,10 @@ struct PyCollection {
       throw Kel::Exception("Cannot apply '" + Kel::excerpt(assignment) + "': " + what() +
                            " holds entities it does not own; store one with [key] = entity");
     }
-    TypeDesc const& child = *a->type;
-    std::vector<std::unique_ptr<GenericValue>> values;
-    std::vector<void const*> ptrs;
-    py::dict rest(args);
-    for (U32 index : child.ctorAttrs()) {
-      if (index == child.keyAttr()) continue;
-      KelAttr const& p = *child.attr(index);
-      auto v = std::make_unique<GenericValue>(*p.type);
-      py::str const name(std::string(p.name));
-      if (rest.contains(name)) {
-        fromPython(*v, p.name, "Attribute " + String(child.name()) + "::" + String(p.name),
-                   rest[name]);
-        PyDict_DelItem(rest.ptr(), name.ptr());
-      }
-      ptrs.push_back(v->get());
-      values.push_back(std::move(v));
-    }
-    if (!rest.empty()) {
-      String const extra = py::str(rest.begin()->first);
-      throw UnknownAttribute("No constructor argument '" + Kel::excerpt(extra) + "' in " +
-                             String(child.name()));
-    }
+    CtorArgs const ctor(*a->type, args, std::nullopt);
     Ptr<Entity const> made;
     if (op(owner, a, Kel::attrOpMemberWrite, &made, kv->get(),
-           ptrs.empty() ? nullptr : ptrs.data()) != Kel::attrDone ||
+           ctor.ptrs.empty() ? nullptr : ctor.ptrs.data()) != Kel::attrDone ||
         !made) {
       throw Kel::Exception("Cannot add " + kv->strep() + " to " + what());
     }
@@ -554,31 +567,8 @@ PyEntity make(std::string_view typeName, std::string_view nameOrKey, py::kwargs 
     throw Kel::Exception("No entity type '" + Kel::excerpt(typeName) + "'");
   }
   if (args.empty() && type->create()) return PyEntity{type->create()(nameOrKey), false};
-  // The constructor arguments by name, the key from `nameOrKey`; any left
-  // out take their type's default value.
-  std::vector<std::unique_ptr<GenericValue>> values;
-  std::vector<void const*> ptrs;
-  py::dict rest(args);
-  for (U32 index : type->ctorAttrs()) {
-    KelAttr const& p = *type->attr(index);
-    auto v = std::make_unique<GenericValue>(*p.type);
-    String const what = "Attribute " + String(type->name()) + "::" + String(p.name);
-    py::str const name(std::string(p.name));
-    if (index == type->keyAttr() && !rest.contains(name)) {
-      Kel::parseNamed(p.name, [&] { v->strepIs(nameOrKey); });
-    } else if (rest.contains(name)) {
-      fromPython(*v, p.name, what, rest[name]);
-      PyDict_DelItem(rest.ptr(), name.ptr());
-    }
-    ptrs.push_back(v->get());
-    values.push_back(std::move(v));
-  }
-  if (!rest.empty()) {
-    String const extra = py::str(rest.begin()->first);
-    throw UnknownAttribute("No constructor argument '" + Kel::excerpt(extra) + "' in " +
-                           String(type->name()));
-  }
-  PyEntity out{type->createWithArgs()(ptrs.data()), false};
+  CtorArgs const ctor(*type, args, nameOrKey);
+  PyEntity out{type->createWithArgs()(ctor.ptrs.data()), false};
   if (!type->keyAttr() && !nameOrKey.empty()) out.e->nameIsFromBackup(Kel::Name(nameOrKey));
   return out;
 }

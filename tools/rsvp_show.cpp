@@ -276,6 +276,24 @@ std::optional<std::string> ocRole(RsvpSessionRole r) {
   return std::nullopt;
 }
 
+// A route object's hops as list entries indexed from 0, each state filled
+// by `fill(state, hop)`; an empty list without a route.
+template <class Route, class Fill>
+Json routeObjects(Kel::Ptr<Route const> const& route, Fill fill) {
+  Json list = Json::arr();
+  if (!route) return list;
+  Kel::U64 index = 0;
+  for (auto it = route->hopIter(); !it.done(); ++it, ++index) {
+    Json e = Json::obj();
+    e.set("index", Json::num(index));
+    Json& st = e.set("state", Json::obj());
+    st.set("index", Json::num(index));
+    fill(st, it.value());
+    list.push(std::move(e));
+  }
+  return list;
+}
+
 Json ocSession(RsvpSpState const& sp) {
   RsvpSessionId const& session = sp.spId().sessionId();
   RsvpSessionAttributeObj const attributes = sp.sessionAttributes();
@@ -308,39 +326,20 @@ Json ocSession(RsvpSpState const& sp) {
         std::isinf(tspec.peakDataRate()) ? Json::str("INFINITY") : ocFloat(tspec.peakDataRate()));
 
   // The route the PATH asked for, and the one the RESV recorded downstream.
-  Json ero = Json::arr();
-  if (auto const in = sp.inPathState(); in && in->msg() && in->msg()->explicitRouteObj()) {
-    auto const route = in->msg()->explicitRouteObj();
-    int index = 0;
-    for (auto it = route->hopIter(); !it.done(); ++it) {
-      RsvpEroHopSubObj const& hop = it.value();
-      Json e = Json::obj();
-      e.set("index", Json::num(static_cast<Kel::U64>(index)));
-      Json& st = e.set("state", Json::obj());
-      st.set("index", Json::num(static_cast<Kel::U64>(index)));
-      st.set("address", Json::str(text(hop.prefix().addr())));
-      st.set("loose", Json::boolean(hop.loose()));
-      ero.push(std::move(e));
-      ++index;
-    }
-  }
-  Json rro = Json::arr();
-  if (auto const in = sp.inResvState(); in && in->msg() && in->msg()->recordRouteObj()) {
-    auto const route = in->msg()->recordRouteObj();
-    int index = 0;
-    for (auto it = route->hopIter(); !it.done(); ++it) {
-      RsvpRroHopSubObj const& hop = it.value();
-      Json e = Json::obj();
-      e.set("index", Json::num(static_cast<Kel::U64>(index)));
-      Json& st = e.set("state", Json::obj());
-      st.set("index", Json::num(static_cast<Kel::U64>(index)));
-      st.set("address", Json::str(text(hop.ip())));
-      if (auto l = ocLabel(hop.label())) st.set("reported-label", std::move(*l));
-      st.set("reported-flags", Json::num(hop.ipFlagsRaw()));
-      rro.push(std::move(e));
-      ++index;
-    }
-  }
+  auto const in = sp.inPathState();
+  auto const resv = sp.inResvState();
+  Json ero = routeObjects(in && in->msg() ? in->msg()->explicitRouteObj() : nullptr,
+                          [](Json& st, RsvpEroHopSubObj const& hop) {
+                            st.set("address", Json::str(text(hop.prefix().addr())));
+                            st.set("loose", Json::boolean(hop.loose()));
+                          });
+  Json rro = routeObjects(resv && resv->msg() ? resv->msg()->recordRouteObj() : nullptr,
+                          [](Json& st, RsvpRroHopSubObj const& hop) {
+                            st.set("address", Json::str(text(hop.ip())));
+                            if (auto l = ocLabel(hop.label()))
+                              st.set("reported-label", std::move(*l));
+                            st.set("reported-flags", Json::num(hop.ipFlagsRaw()));
+                          });
   s.set("explicit-route-objects", Json::obj()).set("explicit-route-object", std::move(ero));
   s.set("record-route-objects", Json::obj()).set("record-route-object", std::move(rro));
   return s;

@@ -20,20 +20,15 @@
 #include <string>
 #include <string_view>
 
+#include "ToolError.h"
+
 namespace {
 
 constexpr char kUsage[] =
     "usage: rsvp_browse <Type> [<name or key>] [attr=value | attr[key] | attr[key]=value | "
     "attr+=value ...] | rsvp_browse --types";
 
-// Writes "rsvp_browse: <text>" as one line: any control character in `text`
-// shows as '?'.
-int fail(int status, std::string_view text) {
-  std::string line = "rsvp_browse: ";
-  for (char const c : text) line += static_cast<unsigned char>(c) < 0x20 ? '?' : c;
-  std::cerr << line << '\n';
-  return status;
-}
+int fail(int status, std::string_view text) { return toolError("rsvp_browse", status, text); }
 
 }  // namespace
 

@@ -33,6 +33,8 @@
 
 #include <poll.h>
 
+#include "ToolError.h"
+
 namespace {
 
 using namespace Rsvp;
@@ -817,13 +819,7 @@ int run(Options const& o) {
   return 0;
 }
 
-// "rsvp_show: <text>" as one line: control characters show as '?'.
-int fail(int status, std::string_view text) {
-  std::string line = "rsvp_show: ";
-  for (char const c : text) line += static_cast<unsigned char>(c) < 0x20 ? '?' : c;
-  std::cerr << line << '\n';
-  return status;
-}
+int fail(int status, std::string_view text) { return toolError("rsvp_show", status, text); }
 
 }  // namespace
 

@@ -134,24 +134,30 @@ bool FdSink::write(std::string_view bytes) {
 }
 
 bool FdSink::flush() {
-  std::size_t done = 0;
-  while (done < buffer_.size()) {
+  while (!broken_ && sent_ < buffer_.size()) {
+    char const* const at = buffer_.data() + sent_;
+    std::size_t const left = buffer_.size() - sent_;
     // A socket whose reader has gone must not kill the process with SIGPIPE.
-    ssize_t n = ::send(fd_, buffer_.data() + done, buffer_.size() - done, MSG_NOSIGNAL);
-    if (n < 0 && errno == ENOTSOCK) n = ::write(fd_, buffer_.data() + done, buffer_.size() - done);
+    ssize_t n = ::send(fd_, at, left, MSG_NOSIGNAL);
+    if (n < 0 && errno == ENOTSOCK) n = ::write(fd_, at, left);
     if (n > 0) {
-      done += static_cast<std::size_t>(n);
+      sent_ += static_cast<std::size_t>(n);
     } else if (n < 0 && errno == EINTR) {
       continue;
     } else if (n < 0 && (errno == EAGAIN || errno == EWOULDBLOCK)) {
       break;
     } else {
       broken_ = true;
-      return false;
     }
   }
-  buffer_.erase(0, done);
-  return true;
+  if (sent_ == buffer_.size()) {
+    buffer_.clear();
+    sent_ = 0;
+  } else if (sent_ > buffer_.size() / 2) {
+    buffer_.erase(0, sent_);
+    sent_ = 0;
+  }
+  return !broken_;
 }
 
 // ---- writer

@@ -101,12 +101,21 @@ class FdSink : public LogSink {
   explicit FdSink(int fd);
   bool write(std::string_view bytes) override;
   bool flush() override;
-  [[nodiscard]] bool pending() const override { return !buffer_.empty(); }
+  [[nodiscard]] bool pending() const override { return sent_ < buffer_.size(); }
   [[nodiscard]] int fd() const noexcept { return fd_; }
+  // Whether the descriptor refused bytes for good (its reader went away).
+  [[nodiscard]] bool broken() const noexcept { return broken_; }
+  // Queues bytes without sending them: the next write() or flush() sends
+  // them first.
+  void append(std::string_view bytes) {
+    if (!broken_) buffer_.append(bytes);
+  }
 
  private:
   int fd_;
   String buffer_;
+  std::size_t sent_ = 0;  // bytes of buffer_ already sent: a large snapshot
+                          // is not moved each time the socket takes a little
   bool broken_ = false;
 };
 

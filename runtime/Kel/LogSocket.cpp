@@ -61,50 +61,25 @@ constexpr std::size_t kEnvelopeHeader = 8;
 // ---- publisher
 
 // One replica's socket, shared by the sinks of every tree so that their
-// envelopes go out whole and in order. Bytes the socket does not take wait
-// in `out`, from `sent` on (an offset, so that a large snapshot is not moved
-// each time the socket takes a little).
+// envelopes go out whole and in order; bytes the socket does not take yet
+// wait in its FdSink.
 struct LogPublisher::Connection {
-  explicit Connection(int f) : fd(f) {}
-  ~Connection() { ::close(fd); }
+  explicit Connection(int fd) : out(fd) {}
+  ~Connection() { ::close(out.fd()); }
   Connection(Connection const&) = delete;
   Connection& operator=(Connection const&) = delete;
 
   bool envelope(U32 tree, std::string_view bytes) {
-    if (broken) return false;
-    putU32(out, tree);
-    putU32(out, static_cast<U32>(bytes.size()));
-    out.append(bytes);
-    return flush();
+    String head;
+    putU32(head, tree);
+    putU32(head, static_cast<U32>(bytes.size()));
+    out.append(head);
+    return out.write(bytes);
   }
-  bool flush() {
-    while (!broken && sent < out.size()) {
-      // A replica that has gone must not kill the publisher with SIGPIPE.
-      ssize_t const n = ::send(fd, out.data() + sent, out.size() - sent, MSG_NOSIGNAL);
-      if (n > 0) {
-        sent += static_cast<std::size_t>(n);
-      } else if (n < 0 && errno == EINTR) {
-        continue;
-      } else if (n < 0 && (errno == EAGAIN || errno == EWOULDBLOCK)) {
-        break;
-      } else {
-        broken = true;
-      }
-    }
-    if (sent == out.size()) {
-      out.clear();
-      sent = 0;
-    } else if (sent > out.size() / 2) {
-      out.erase(0, sent);
-      sent = 0;
-    }
-    return !broken;
-  }
+  // Bytes are still waiting on a socket that still takes them.
+  [[nodiscard]] bool waiting() const { return !out.broken() && out.pending(); }
 
-  int fd;
-  std::string out;
-  std::size_t sent = 0;
-  bool broken = false;
+  FdSink out;
 };
 
 // A tree's subscriber on a replica's connection.
@@ -112,8 +87,8 @@ class LogPublisher::Sink final : public LogSink {
  public:
   Sink(std::shared_ptr<Connection> conn, U32 tree) : conn_(std::move(conn)), tree_(tree) {}
   bool write(std::string_view bytes) override { return conn_->envelope(tree_, bytes); }
-  bool flush() override { return conn_->flush(); }
-  [[nodiscard]] bool pending() const override { return conn_->sent < conn_->out.size(); }
+  bool flush() override { return conn_->out.flush(); }
+  [[nodiscard]] bool pending() const override { return conn_->out.pending(); }
 
  private:
   std::shared_ptr<Connection> conn_;
@@ -187,15 +162,14 @@ void LogPublisher::serve() {
   }
   std::vector<U32> gone;
   for (auto const& [stream, conn] : connections_) {
-    conn->flush();
-    if (conn->broken) gone.push_back(stream);
+    if (!conn->out.flush()) gone.push_back(stream);
   }
   for (U32 const stream : gone) drop(stream);
 }
 
 bool LogPublisher::pending() const {
   for (auto const& [stream, conn] : connections_) {
-    if (!conn->broken && conn->sent < conn->out.size()) return true;
+    if (conn->waiting()) return true;
   }
   return false;
 }
@@ -203,7 +177,7 @@ bool LogPublisher::pending() const {
 std::vector<int> LogPublisher::pendingFds() const {
   std::vector<int> fds;
   for (auto const& [stream, conn] : connections_) {
-    if (!conn->broken && conn->sent < conn->out.size()) fds.push_back(conn->fd);
+    if (conn->waiting()) fds.push_back(conn->out.fd());
   }
   return fds;
 }

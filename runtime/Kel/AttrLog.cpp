@@ -173,22 +173,50 @@ struct WhereHash {
 
 }  // namespace
 
+// What the writer keeps of a tracked entity. The type's state adapter lives
+// in the same allocation, right after it: marking an attribute dirty goes
+// from the entity to its adapter and from there to this record, and a flush
+// comes back the same way, so the two share their cache lines. What a change
+// touches comes first.
 struct LogWriter::Tracked final : LogDirtySink {
+  // Room for an adapter of `bytes` after the record.
+  struct AdapterRoom {
+    std::size_t bytes;
+  };
   LogWriter* writer = nullptr;
+  LogStateAdapter* adapter = nullptr;  // the type's own, made in adapterRoom()
   Ptr<Entity> entity;
   U32 ref = 0;
-  std::unique_ptr<NotifieeBase> notifiee;     // the generic path, without an adapter
-  std::unique_ptr<LogStateAdapter> adapter;   // the type's own state adapter
-  std::vector<U32> dirtyAttrs;                // attribute log ids, each once
-  std::map<U32, std::set<String>> dirtyKeys;  // attribute index -> encoded keys
   bool queued = false;
   bool dead = false;    // no longer tracked; skipped by the flush that meets it
   bool shared = false;  // held by references or queues, not owned in the tree
-  int holders = 0;      // of a shared entity: the places that refer to it
+  // Attribute log ids changed since the last flush, each once: the first
+  // few here, the others in dirtyMore.
+  static constexpr U8 kFewDirty = 5;
+  U8 fewDirty = 0;
+  U32 dirtyFew[kFewDirty] = {};
+  std::vector<U32> dirtyMore;
+  int holders = 0;        // of a shared entity: the places that refer to it
+  U32 snapshotMark = 0;   // the number of the last snapshot that wrote this shared entity
+  std::unique_ptr<NotifieeBase> notifiee;     // the generic path, without an adapter
+  std::map<U32, std::set<String>> dirtyKeys;  // attribute index -> encoded keys
   // What this entity holds, by (attribute index, encoded key; empty for a
   // slot or a reference): owned children, or shared entities (true).
   std::unordered_map<std::pair<U32, String>, std::pair<Entity*, bool>, WhereHash> children;
-  U32 snapshotMark = 0;  // the number of the last snapshot that wrote this shared entity
+
+  Tracked() = default;
+  Tracked(Tracked const&) = delete;
+  Tracked& operator=(Tracked const&) = delete;
+  ~Tracked() override { adapterDrop(); }
+
+  static void* operator new(std::size_t size, AdapterRoom room);
+  static void operator delete(void* p, AdapterRoom) noexcept { ::operator delete(p); }
+  static void operator delete(void* p) noexcept { ::operator delete(p); }
+  [[nodiscard]] void* adapterRoom() noexcept;
+  void adapterDrop() noexcept {
+    if (adapter) adapter->~LogStateAdapter();
+    adapter = nullptr;
+  }
 
   void attrDirtyIs(S32 id) override {
     markDirty(static_cast<U32>(id));
@@ -196,14 +224,45 @@ struct LogWriter::Tracked final : LogDirtySink {
   }
   void markDirty(U32 id) {
     // An entity has few attributes, and few change between two flushes.
-    if (std::find(dirtyAttrs.begin(), dirtyAttrs.end(), id) == dirtyAttrs.end())
-      dirtyAttrs.push_back(id);
+    if (std::find(dirtyFew, dirtyFew + fewDirty, id) != dirtyFew + fewDirty) return;
+    if (fewDirty < kFewDirty) {
+      dirtyFew[fewDirty++] = id;
+    } else if (std::find(dirtyMore.begin(), dirtyMore.end(), id) == dirtyMore.end()) {
+      dirtyMore.push_back(id);
+    }
+  }
+  // Moves the dirty ids to `out`, in order.
+  void takeDirty(std::vector<U32>& out) {
+    out.assign(dirtyFew, dirtyFew + fewDirty);
+    fewDirty = 0;
+    if (!dirtyMore.empty()) {
+      out.insert(out.end(), dirtyMore.begin(), dirtyMore.end());
+      dirtyMore.clear();
+    }
+    if (out.size() > 1) std::sort(out.begin(), out.end());
   }
   void memberDirtyIs(S32 id, String encodedKey) override {
     dirtyKeys[static_cast<U32>(id)].insert(std::move(encodedKey));
     writer->queue(*this);
   }
 };
+
+namespace {
+// Where a tracked record's adapter starts: after the record, aligned as
+// operator new aligns.
+constexpr std::size_t adapterOffset(std::size_t record) {
+  constexpr std::size_t align = alignof(std::max_align_t);
+  return (record + align - 1) & ~(align - 1);
+}
+}  // namespace
+
+void* LogWriter::Tracked::operator new(std::size_t size, AdapterRoom room) {
+  return ::operator new(room.bytes == 0 ? size : adapterOffset(size) + room.bytes);
+}
+
+void* LogWriter::Tracked::adapterRoom() noexcept {
+  return reinterpret_cast<char*>(this) + adapterOffset(sizeof(Tracked));
+}
 
 class LogWriter::Tracker : public GenericNotifiee {
  public:
@@ -225,14 +284,16 @@ LogWriter::~LogWriter() = default;
 LogWriter::Tracked& LogWriter::track(Entity& e) {
   auto& slot = tracked_[&e];
   if (!slot) {
-    slot = std::make_unique<Tracked>();
+    auto const make = e.frozen() ? nullptr : e.fwkType().logStateAdapter();
+    slot.reset(new (Tracked::AdapterRoom{make ? e.fwkType().logStateAdapterBytes() : 0})
+                   Tracked());
     slot->entity = &e;
     slot->ref = nextRef_++;
     slot->writer = this;
     if (e.frozen()) {
       // Never changes, and may be read by other threads: nothing to observe.
-    } else if (auto const make = e.fwkType().logStateAdapter()) {
-      slot->adapter = make(e, slot.get());
+    } else if (make) {
+      slot->adapter = make(slot->adapterRoom(), e, slot.get());
     } else {
       slot->notifiee = e.fwkType().genericNotifiee(&e, tracker_.get());
     }
@@ -254,7 +315,7 @@ void LogWriter::untrack(Entity& e) {
   released_.push_back(gone->ref);
   gone->dead = true;
   gone->notifiee.reset();
-  gone->adapter.reset();
+  gone->adapterDrop();
   graveyard_.push_back(std::move(it->second));
   tracked_.erase(it);
   for (auto& [where, held] : gone->children) drop(held);
@@ -667,9 +728,7 @@ void LogWriter::flush() {
       t.queued = false;
       if (t.dead) continue;
       // In the order of their ids, as the records of an entity always go.
-      attrs.clear();
-      attrs.swap(t.dirtyAttrs);
-      std::sort(attrs.begin(), attrs.end());
+      t.takeDirty(attrs);
       auto const keys = std::exchange(t.dirtyKeys, {});
       TypeDesc const& type = t.entity->fwkType();
       for (U32 id : attrs) {

@@ -22,19 +22,32 @@ void NotifieeBase::notifierBaseIs(Entity const* e) {
 
 Entity::~Entity() {
   notifieesDetach();
+  // A list kept for a dispatch in progress goes with the entity.
+  if (notifiees_ != 0) listFree();
   nameDrop();
 }
 
 void Entity::notifieesDetach() const noexcept {
-  if (!list_) return;
-  for (U32 i = 0; i < list_->count; ++i) {
-    NotifieeBase*& n = list_->at(i);
+  if (notifiees_ & kOne) {
+    one()->notifier_ = nullptr;
+    notifiees_ = 0;
+    return;
+  }
+  if (notifiees_ == 0) return;
+  NotifieeList& list = *this->list();
+  for (U32 i = 0; i < list.count; ++i) {
+    NotifieeBase*& n = list.at(i);
     if (n) n->notifier_ = nullptr;
     n = nullptr;
   }
-  list_->live = 0;
+  list.live = 0;
   // Within a notification the list stays until the dispatch ends.
-  if (list_->dispatching == 0) list_.reset();
+  if (list.dispatching == 0) listFree();
+}
+
+void Entity::listFree() const noexcept {
+  delete list();
+  notifiees_ = 0;
 }
 
 void Entity::frozenIs() {
@@ -109,9 +122,13 @@ String Entity::fullName() const {
 
 std::vector<NotifieeBase*> Entity::notifieeList() const {
   std::vector<NotifieeBase*> out;
-  if (!list_) return out;
-  for (U32 i = 0; i < list_->count; ++i) {
-    if (NotifieeBase* const n = list_->at(i)) out.push_back(n);
+  if (notifiees_ & kOne) {
+    out.push_back(one());
+  } else if (notifiees_ != 0) {
+    NotifieeList const& list = *this->list();
+    for (U32 i = 0; i < list.count; ++i) {
+      if (NotifieeBase* const n = const_cast<NotifieeList&>(list).at(i)) out.push_back(n);
+    }
   }
   return out;
 }
@@ -146,13 +163,28 @@ void Entity::NotifieeList::eraseNulls() noexcept {
 }
 
 void Entity::notifieeAdd(NotifieeBase* n) const {
-  if (!list_) list_ = std::make_unique<NotifieeList>();
-  list_->push(n);
-  ++list_->live;
+  if (notifiees_ == 0) {
+    notifiees_ = reinterpret_cast<std::uintptr_t>(n) | kOne;
+    return;
+  }
+  if (notifiees_ & kOne) {
+    // A second one: from now on a list, the first one first.
+    auto list = std::make_unique<NotifieeList>();
+    list->push(one());
+    list->live = 1;
+    notifiees_ = reinterpret_cast<std::uintptr_t>(list.release());
+  }
+  list()->push(n);
+  ++list()->live;
 }
 
 void Entity::notifieeRemove(NotifieeBase* n) const {
-  NotifieeList& list = *list_;
+  if (notifiees_ & kOne) {
+    if (one() == n) notifiees_ = 0;
+    return;
+  }
+  if (notifiees_ == 0) return;
+  NotifieeList& list = *this->list();
   U32 i = 0;
   while (i < list.count && list.at(i) != n) ++i;
   if (i == list.count) return;
@@ -161,20 +193,19 @@ void Entity::notifieeRemove(NotifieeBase* n) const {
     list.at(i) = nullptr;  // positions stay put until the dispatch ends
   } else {
     list.eraseAt(i);
+    if (list.count == 0) listFree();
   }
 }
 
-Entity::Dispatch::Dispatch(Entity const* e) noexcept : e_(e), kept_(e->references() > 0) {
-  // An entity without references (being built or torn down) cannot be
-  // released by a callback, and must not be deleted by this guard either.
-  if (kept_) e_->newRef();
-  ++e_->list_->dispatching;
+Entity::Dispatch::Dispatch(Entity const* e) noexcept : e_(e), keep_(e) {
+  ++e->list()->dispatching;
 }
 
 Entity::Dispatch::~Dispatch() {
-  auto& list = *e_->list_;
-  if (--list.dispatching == 0 && list.count != list.live) list.eraseNulls();
-  if (kept_) e_->deleteRef();
+  NotifieeList& list = *e_->list();
+  if (--list.dispatching != 0) return;
+  if (list.count != list.live) list.eraseNulls();
+  if (list.count == 0) e_->listFree();
 }
 
 }  // namespace Kel

@@ -26,6 +26,7 @@
 #include <Kel/TypeDesc.h>
 #include <Kel/Types.h>
 
+#include <cstdint>
 #include <memory>
 #include <string_view>
 #include <vector>
@@ -92,7 +93,9 @@ class Entity : public PtrInterface {
 
   // The registered notifiees, in the order they are called.
   [[nodiscard]] std::vector<NotifieeBase*> notifieeList() const;
-  [[nodiscard]] bool hasNotifiees() const noexcept { return list_ && list_->live > 0; }
+  [[nodiscard]] bool hasNotifiees() const noexcept {
+    return (notifiees_ & kOne) != 0 || (notifiees_ != 0 && list()->live > 0);
+  }
 
   // Whether the entity is frozen: it cannot change any more, and any number
   // of threads may read it at once.
@@ -163,11 +166,23 @@ class Entity : public PtrInterface {
   // order. Cheap when nobody listens.
   template <class F>
   void notify(U32 depth, F&& f) const {
-    if (!hasNotifiees()) return;
+    if (notifiees_ == 0) return;
+    if (notifiees_ & kOne) {
+      // The common case, one notifiee: no list to walk, nothing to keep in
+      // place. Removing it during the call just clears the word; one added
+      // during the call makes a list and hears the next change.
+      NotifieeBase* const nb = one();
+      if (nb->depth_ < depth) return;
+      KeepAlive const guard(this);
+      f(nb);
+      return;
+    }
+    if (list()->live == 0) return;
     Dispatch const guard(this);
-    U32 const n = list_->count;
+    NotifieeList& l = *list();
+    U32 const n = l.count;
     for (U32 i = 0; i < n; ++i) {
-      NotifieeBase* const nb = list_->at(i);
+      NotifieeBase* const nb = l.at(i);
       if (nb && nb->depth_ >= depth) f(nb);
     }
   }
@@ -177,8 +192,8 @@ class Entity : public PtrInterface {
 
   struct NotifieeList {
     // The notifiees in order, null where one left during a dispatch: the
-    // first two in the list itself (most entities have one, the log's or
-    // an agent's), the others after them. One allocation, one cache line.
+    // first two in the list itself, the others after them. One allocation,
+    // one cache line.
     static constexpr U32 kFew = 2;
     NotifieeBase* few[kFew] = {};
     std::vector<NotifieeBase*> more;
@@ -192,8 +207,28 @@ class Entity : public PtrInterface {
     void eraseNulls() noexcept;
   };
 
-  // Keeps the entity alive and the list's positions stable during a
-  // notification; compacts the list when the outermost one ends.
+  // Keeps the entity alive during a notification: a callback may drop the
+  // last other reference to it.
+  class KeepAlive {
+   public:
+    explicit KeepAlive(Entity const* e) noexcept : e_(e), kept_(e->references() > 0) {
+      // An entity without references (being built or torn down) cannot be
+      // released by a callback, and must not be deleted by this guard either.
+      if (kept_) e_->newRef();
+    }
+    ~KeepAlive() {
+      if (kept_) e_->deleteRef();
+    }
+    KeepAlive(KeepAlive const&) = delete;
+    KeepAlive& operator=(KeepAlive const&) = delete;
+
+   private:
+    Entity const* e_;
+    bool kept_;
+  };
+
+  // Also keeps the list's positions stable during a notification, and
+  // compacts the list when the outermost one ends.
   class Dispatch {
    public:
     explicit Dispatch(Entity const* e) noexcept;
@@ -203,8 +238,20 @@ class Entity : public PtrInterface {
 
    private:
     Entity const* e_;
-    bool kept_;
+    KeepAlive keep_;
   };
+
+  // The notifiees: none (0), one (its address with kOne set), or a list
+  // (its address). One pointer per entity, and no allocation for the one
+  // notifiee most observed entities have.
+  static constexpr std::uintptr_t kOne = 1;
+  [[nodiscard]] NotifieeBase* one() const noexcept {
+    return reinterpret_cast<NotifieeBase*>(notifiees_ & ~kOne);
+  }
+  [[nodiscard]] NotifieeList* list() const noexcept {
+    return reinterpret_cast<NotifieeList*>(notifiees_);
+  }
+  void listFree() const noexcept;
 
   void notifieeAdd(NotifieeBase* n) const;
   void notifieeRemove(NotifieeBase* n) const;
@@ -222,7 +269,7 @@ class Entity : public PtrInterface {
     char const* literal;  // NameSource::literal
   } nameData_{nullptr};
   Entity* parent_ = nullptr;
-  mutable std::unique_ptr<NotifieeList> list_;
+  mutable std::uintptr_t notifiees_ = 0;
 };
 
 }  // namespace Kel

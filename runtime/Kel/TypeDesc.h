@@ -176,8 +176,11 @@ using CreateFn = Ptr<Entity> (*)(std::string_view nameOrKey);
 // attributes listed by ctorAttrs(), in that order), named as its factory
 // names it.
 using CreateWithArgsFn = Ptr<Entity> (*)(void const* const* args);
-// The attribute-log state adapter of an entity type, observing `entity`.
-using LogStateAdapterFn = std::unique_ptr<LogStateAdapter> (*)(Entity& entity, LogDirtySink* sink);
+// Makes the attribute-log state adapter of an entity type, observing
+// `entity`, at `at`: logStateAdapterBytes() bytes aligned as operator new
+// aligns, which the caller frees after destroying the adapter. The writer
+// keeps it in the allocation of its own record of the entity.
+using LogStateAdapterFn = LogStateAdapter* (*)(void* at, Entity& entity, LogDirtySink* sink);
 // The typed reading of one record into `entity` (false: left to the generic reader).
 using LogDeserializeFn = bool (*)(Entity& entity, S32 id, LogIn& in);
 // The end of a transaction (a frame) that changed attribute `id` of `entity`
@@ -199,6 +202,7 @@ class TypeDesc {
     std::span<U32 const> ctorAttrs = {};              // indices of the constructor arguments
     U32 keyAttr = 0;                                  // index of the key, 0 when unkeyed
     LogStateAdapterFn logStateAdapter = nullptr;      // entities
+    U32 logStateAdapterBytes = 0;                     // the adapter's size
     LogDeserializeFn logDeserialize = nullptr;        // entities
     LogTransactionFn logTransaction = nullptr;        // entities
     // Whether the transaction end does anything: the reader keeps the
@@ -241,6 +245,9 @@ class TypeDesc {
   [[nodiscard]] constexpr U32 keyAttr() const noexcept { return parts_.keyAttr; }
   [[nodiscard]] constexpr LogStateAdapterFn logStateAdapter() const noexcept {
     return parts_.logStateAdapter;
+  }
+  [[nodiscard]] constexpr U32 logStateAdapterBytes() const noexcept {
+    return parts_.logStateAdapterBytes;
   }
   [[nodiscard]] constexpr LogDeserializeFn logDeserialize() const noexcept {
     return parts_.logDeserialize;

@@ -330,6 +330,41 @@ TEST(Lifetime, CallbackDropsTheLastReferenceToTheEntity) {
   EXPECT_EQ(after.notifier(), nullptr);
 }
 
+// The same with a lone notifiee, which the entity holds without a list; and
+// a lone notifiee that leaves in its callback.
+TEST(Lifetime, LoneNotifieeDropsTheEntityOrLeavesInItsCallback) {
+  struct Dropper : Root::NotifieeConst {
+    using NotifieeConst::NotifieeConst;
+    void onCount() override {
+      ++calls;
+      if (leave) notifierIs(nullptr);
+      owner = nullptr;
+    }
+    Kel::Ptr<Root> owner;
+    bool leave = false;
+    int calls = 0;
+  };
+  for (bool leave : {false, true}) {
+    Dropper d;
+    d.leave = leave;
+    auto root = Sample::rootFactory("root");
+    d.notifierIs(root.get());
+    ASSERT_EQ(root->notifieeList().size(), 1u);
+    d.owner = std::move(root);
+    d.owner->countIs(1);
+    EXPECT_EQ(d.calls, 1);
+    EXPECT_EQ(d.notifier(), nullptr) << (leave ? "left" : "the entity is gone");
+  }
+  auto root = Sample::rootFactory("root");
+  Dropper d(root.get());
+  d.leave = true;
+  root->countIs(1);
+  root->countIs(2);
+  EXPECT_EQ(d.calls, 1) << "left in its first callback";
+  EXPECT_TRUE(root->notifieeList().empty());
+  EXPECT_FALSE(root->hasNotifiees());
+}
+
 // A notifiee added during a dispatch hears the next change, not this one.
 TEST(Lifetime, NotifieeAddedDuringDispatchHearsTheNextChange) {
   auto root = Sample::rootFactory("root");

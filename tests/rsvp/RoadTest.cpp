@@ -16,7 +16,7 @@ namespace {
 using namespace Rsvp;
 
 #ifdef RSVP_TESTS_SANITIZED
-constexpr Kel::U32 kLsps = 1000;
+constexpr Kel::U32 kLsps = 400;
 #else
 constexpr Kel::U32 kLsps = 10000;
 #endif

@@ -2,6 +2,7 @@
 #include <Kel/Reflect.h>
 
 #include <algorithm>
+#include <new>
 #include <array>
 #include <cerrno>
 #include <optional>
@@ -174,15 +175,16 @@ struct WhereHash {
 }  // namespace
 
 // What the writer keeps of a tracked entity. The type's state adapter lives
-// in the same allocation, right after it: marking an attribute dirty goes
-// from the entity to its adapter and from there to this record, and a flush
-// comes back the same way, so the two share their cache lines. What a change
-// touches comes first.
+// in the same allocation, right before it: a change goes from the entity to
+// the adapter's reactor, its last member, and on to this record, whose first
+// members are what a change touches; a flush comes back the same way.
 struct LogWriter::Tracked final : LogDirtySink {
-  // Room for an adapter of `bytes` after the record.
-  struct AdapterRoom {
-    std::size_t bytes;
-  };
+  // A record with room for an adapter of `adapterBytes` before it.
+  static Tracked* make(std::size_t adapterBytes);
+  // Frees the room before the record with it.
+  static void operator delete(Tracked* t, std::destroying_delete_t) noexcept;
+  [[nodiscard]] void* adapterRoom() noexcept { return reinterpret_cast<char*>(this) - roomBefore; }
+
   LogWriter* writer = nullptr;
   LogStateAdapter* adapter = nullptr;  // the type's own, made in adapterRoom()
   Ptr<Entity> entity;
@@ -196,6 +198,7 @@ struct LogWriter::Tracked final : LogDirtySink {
   U8 fewDirty = 0;
   U32 dirtyFew[kFewDirty] = {};
   std::vector<U32> dirtyMore;
+  U32 roomBefore = 0;     // bytes allocated before the record, for the adapter
   int holders = 0;        // of a shared entity: the places that refer to it
   U32 snapshotMark = 0;   // the number of the last snapshot that wrote this shared entity
   std::unique_ptr<NotifieeBase> notifiee;     // the generic path, without an adapter
@@ -209,10 +212,6 @@ struct LogWriter::Tracked final : LogDirtySink {
   Tracked& operator=(Tracked const&) = delete;
   ~Tracked() override { adapterDrop(); }
 
-  static void* operator new(std::size_t size, AdapterRoom room);
-  static void operator delete(void* p, AdapterRoom) noexcept { ::operator delete(p); }
-  static void operator delete(void* p) noexcept { ::operator delete(p); }
-  [[nodiscard]] void* adapterRoom() noexcept;
   void adapterDrop() noexcept {
     if (adapter) adapter->~LogStateAdapter();
     adapter = nullptr;
@@ -247,21 +246,20 @@ struct LogWriter::Tracked final : LogDirtySink {
   }
 };
 
-namespace {
-// Where a tracked record's adapter starts: after the record, aligned as
-// operator new aligns.
-constexpr std::size_t adapterOffset(std::size_t record) {
+LogWriter::Tracked* LogWriter::Tracked::make(std::size_t adapterBytes) {
+  // Rounded so that the record stays aligned as operator new aligns.
   constexpr std::size_t align = alignof(std::max_align_t);
-  return (record + align - 1) & ~(align - 1);
+  std::size_t const before = (adapterBytes + align - 1) & ~(align - 1);
+  auto* const base = static_cast<char*>(::operator new(before + sizeof(Tracked)));
+  auto* const t = new (base + before) Tracked();
+  t->roomBefore = static_cast<U32>(before);
+  return t;
 }
-}  // namespace
 
-void* LogWriter::Tracked::operator new(std::size_t size, AdapterRoom room) {
-  return ::operator new(room.bytes == 0 ? size : adapterOffset(size) + room.bytes);
-}
-
-void* LogWriter::Tracked::adapterRoom() noexcept {
-  return reinterpret_cast<char*>(this) + adapterOffset(sizeof(Tracked));
+void LogWriter::Tracked::operator delete(Tracked* t, std::destroying_delete_t) noexcept {
+  char* const base = reinterpret_cast<char*>(t) - t->roomBefore;
+  t->~Tracked();
+  ::operator delete(base);
 }
 
 class LogWriter::Tracker : public GenericNotifiee {
@@ -285,8 +283,7 @@ LogWriter::Tracked& LogWriter::track(Entity& e) {
   auto& slot = tracked_[&e];
   if (!slot) {
     auto const make = e.frozen() ? nullptr : e.fwkType().logStateAdapter();
-    slot.reset(new (Tracked::AdapterRoom{make ? e.fwkType().logStateAdapterBytes() : 0})
-                   Tracked());
+    slot.reset(Tracked::make(make ? e.fwkType().logStateAdapterBytes() : 0));
     slot->entity = &e;
     slot->ref = nextRef_++;
     slot->writer = this;
@@ -723,7 +720,10 @@ void LogWriter::flush() {
     for (std::size_t i = 0; i < dirty_.size(); ++i) {
       // The tracking records lie all over the heap: ask for the ones ahead.
       if (i + 8 < dirty_.size()) __builtin_prefetch(dirty_[i + 8]);
-      if (i + 4 < dirty_.size()) __builtin_prefetch(dirty_[i + 4]->entity.get());
+      if (i + 4 < dirty_.size()) {
+        __builtin_prefetch(dirty_[i + 4]->entity.get());
+        __builtin_prefetch(dirty_[i + 4]->adapter);
+      }
       Tracked& t = *dirty_[i];
       t.queued = false;
       if (t.dead) continue;

@@ -97,6 +97,18 @@ class Entity : public PtrInterface {
     return (notifiees_ & kOne) != 0 || (notifiees_ != 0 && list()->live > 0);
   }
 
+  // Asks for the first notifiee's memory, and the line after it, ahead of a
+  // change that will call it: on a large tree an entity's observer lies
+  // elsewhere on the heap, and a change would wait for it. (The log's
+  // observer is followed by the writer's record of the entity.)
+  void notifieesPrefetch() const noexcept {
+    if (notifiees_ > kOne) {
+      auto const* const at = reinterpret_cast<char const*>(notifiees_ & ~kOne);
+      __builtin_prefetch(at);
+      __builtin_prefetch(at + 64);
+    }
+  }
+
   // Whether the entity is frozen: it cannot change any more, and any number
   // of threads may read it at once.
   [[nodiscard]] bool frozen() const noexcept { return frozen_; }

@@ -23,6 +23,7 @@
 #include <algorithm>
 #include <chrono>
 #include <cstdio>
+#include <cstdlib>
 #include <cstring>
 #include <functional>
 #include <map>
@@ -42,6 +43,26 @@ namespace {
 using namespace Rsvp;
 using Clock = std::chrono::steady_clock;
 constexpr Kel::U32 kLsps = 100000;
+
+// The figures at 100k LSPs depend on the pages the heap is on (a random
+// walk over half a gigabyte misses the TLB on small pages): the context
+// says which.
+[[maybe_unused]] bool const kHeapPagesNoted = [] {
+  char const* const tunables = std::getenv("GLIBC_TUNABLES");
+  bool const asked = tunables && std::strstr(tunables, "glibc.malloc.hugetlb=1");
+  std::string mode = "unknown";
+  if (FILE* f = std::fopen("/sys/kernel/mm/transparent_hugepage/enabled", "r")) {
+    char line[128] = {};
+    if (std::fgets(line, sizeof line, f)) mode = line;
+    std::fclose(f);
+    if (!mode.empty() && mode.back() == '\n') mode.pop_back();
+  }
+  benchmark::AddCustomContext(
+      "heap_pages", std::string(asked ? "huge pages asked for (glibc.malloc.hugetlb=1)"
+                                      : "small pages (glibc.malloc.hugetlb unset)") +
+                        ", kernel transparent_hugepage: " + mode);
+  return true;
+}();
 
 double since(Clock::time_point t) {
   return std::chrono::duration<double>(Clock::now() - t).count();

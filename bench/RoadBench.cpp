@@ -57,10 +57,10 @@ constexpr Kel::U32 kLsps = 100000;
     std::fclose(f);
     if (!mode.empty() && mode.back() == '\n') mode.pop_back();
   }
-  benchmark::AddCustomContext(
-      "heap_pages", std::string(asked ? "huge pages asked for (glibc.malloc.hugetlb=1)"
-                                      : "small pages (glibc.malloc.hugetlb unset)") +
-                        ", kernel transparent_hugepage: " + mode);
+  benchmark::AddCustomContext("heap_pages",
+                              std::string(asked ? "huge pages asked for (glibc.malloc.hugetlb=1)"
+                                                : "small pages (glibc.malloc.hugetlb unset)") +
+                                  ", kernel transparent_hugepage: " + mode);
   return true;
 }();
 

@@ -2,9 +2,9 @@
 #include <Kel/Reflect.h>
 
 #include <algorithm>
-#include <new>
 #include <array>
 #include <cerrno>
+#include <new>
 #include <optional>
 #include <tuple>
 #include <utility>
@@ -198,9 +198,9 @@ struct LogWriter::Tracked final : LogDirtySink {
   U8 fewDirty = 0;
   U32 dirtyFew[kFewDirty] = {};
   std::vector<U32> dirtyMore;
-  U32 roomBefore = 0;     // bytes allocated before the record, for the adapter
-  int holders = 0;        // of a shared entity: the places that refer to it
-  U32 snapshotMark = 0;   // the number of the last snapshot that wrote this shared entity
+  U32 roomBefore = 0;    // bytes allocated before the record, for the adapter
+  int holders = 0;       // of a shared entity: the places that refer to it
+  U32 snapshotMark = 0;  // the number of the last snapshot that wrote this shared entity
   std::unique_ptr<NotifieeBase> notifiee;     // the generic path, without an adapter
   std::map<U32, std::set<String>> dirtyKeys;  // attribute index -> encoded keys
   // What this entity holds, by (attribute index, encoded key; empty for a

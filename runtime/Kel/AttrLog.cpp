@@ -251,7 +251,13 @@ LogWriter::Tracked* LogWriter::Tracked::make(std::size_t adapterBytes) {
   constexpr std::size_t align = alignof(std::max_align_t);
   std::size_t const before = (adapterBytes + align - 1) & ~(align - 1);
   auto* const base = static_cast<char*>(::operator new(before + sizeof(Tracked)));
-  auto* const t = new (base + before) Tracked();
+  Tracked* t = nullptr;
+  try {
+    t = new (base + before) Tracked();
+  } catch (...) {
+    ::operator delete(base);
+    throw;
+  }
   t->roomBefore = static_cast<U32>(before);
   return t;
 }

@@ -288,16 +288,17 @@ LogWriter::~LogWriter() = default;
 LogWriter::Tracked& LogWriter::track(Entity& e) {
   auto& slot = tracked_[&e];
   if (!slot) {
-    auto const make = e.frozen() ? nullptr : e.fwkType().logStateAdapter();
+    // A frozen entity never changes, and may be read by other threads:
+    // nothing to observe.
+    bool const observed = !e.frozen();
+    auto const make = observed ? e.fwkType().logStateAdapter() : nullptr;
     slot.reset(Tracked::make(make ? e.fwkType().logStateAdapterBytes() : 0));
     slot->entity = &e;
     slot->ref = nextRef_++;
     slot->writer = this;
-    if (e.frozen()) {
-      // Never changes, and may be read by other threads: nothing to observe.
-    } else if (make) {
+    if (make) {
       slot->adapter = make(slot->adapterRoom(), e, slot.get());
-    } else {
+    } else if (observed) {
       slot->notifiee = e.fwkType().genericNotifiee(&e, tracker_.get());
     }
   }

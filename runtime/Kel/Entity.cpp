@@ -197,7 +197,7 @@ void Entity::notifieeRemove(NotifieeBase* n) const {
   }
 }
 
-Entity::Dispatch::Dispatch(Entity const* e) noexcept : e_(e), keep_(e) { ++e->list()->dispatching; }
+Entity::Dispatch::Dispatch(Entity const* e) noexcept : KeepAlive(e) { ++e->list()->dispatching; }
 
 Entity::Dispatch::~Dispatch() {
   NotifieeList& list = *e_->list();

@@ -234,23 +234,19 @@ class Entity : public PtrInterface {
     KeepAlive(KeepAlive const&) = delete;
     KeepAlive& operator=(KeepAlive const&) = delete;
 
-   private:
+   protected:
     Entity const* e_;
+
+   private:
     bool kept_;
   };
 
   // Also keeps the list's positions stable during a notification, and
   // compacts the list when the outermost one ends.
-  class Dispatch {
+  class Dispatch : KeepAlive {
    public:
     explicit Dispatch(Entity const* e) noexcept;
     ~Dispatch();
-    Dispatch(Dispatch const&) = delete;
-    Dispatch& operator=(Dispatch const&) = delete;
-
-   private:
-    Entity const* e_;
-    KeepAlive keep_;
   };
 
   // The notifiees: none (0), one (its address with kOne set), or a list

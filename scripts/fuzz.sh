@@ -5,16 +5,16 @@
 set -euo pipefail
 cd "$(dirname "$0")/.."
 seconds=${1:-60}
-cmake --preset fuzz >/dev/null
-cmake --build --preset fuzz
+cmake --preset clang-asan >/dev/null
+cmake --build --preset clang-asan --target fuzz_strep fuzz_attrlog make_attrlog_corpus
 for target in fuzz/fuzz_*.cpp; do
   name=$(basename "$target" .cpp)
   corpus=$(mktemp -d)
   cp -r "fuzz/corpus/${name#fuzz_}/." "$corpus/" 2>/dev/null || true
   if [ "$name" = fuzz_attrlog ]; then
-    build/fuzz/fuzz/make_attrlog_corpus "$corpus"  # a valid frame of every record kind
+    build/clang-asan/fuzz/make_attrlog_corpus "$corpus"  # a valid frame of every record kind
   fi
   echo "fuzz: $name for ${seconds}s"
-  "build/fuzz/fuzz/$name" -max_total_time="$seconds" -print_final_stats=1 "$corpus" 2>&1 | tail -n 12
+  "build/clang-asan/fuzz/$name" -max_total_time="$seconds" -print_final_stats=1 "$corpus" 2>&1 | tail -n 12
   rm -rf "$corpus"
 done

@@ -10,6 +10,8 @@
 
 #include <gtest/gtest.h>
 
+#include "../TestSupport.h"
+
 #include <array>
 #include <atomic>
 #include <mutex>
@@ -90,17 +92,7 @@ TEST(DedupThreads, ConcurrentDedupsAndReleasesOfOneTable) {
     {
       Orv::DedupHashTable table(unorderedSet);
       Mailbox mailbox;
-      constexpr int rounds = 20000;
-#if KEL_THREAD_SAFE_PTR
-      std::vector<std::thread> threads;
-      for (unsigned t = 0; t < 4; ++t) {
-        threads.emplace_back(churn, std::ref(table), std::ref(mailbox), t + 1, rounds, &wrong);
-      }
-      for (auto& t : threads) t.join();
-#else
-      // Counts are not atomic: one after the other.
-      for (unsigned t = 0; t < 4; ++t) churn(table, mailbox, t + 1, rounds, &wrong);
-#endif
+      TestSupport::inThreads(4, [&](unsigned t) { churn(table, mailbox, t + 1, 20000, &wrong); });
       EXPECT_EQ(table.size(), table.handles().size()) << "all that is linked is live";
       mailbox.slots = {};
       EXPECT_EQ(table.size(), 0u) << (unorderedSet ? "unordered set" : "chained");
@@ -148,17 +140,8 @@ TEST(DedupThreads, TypedValuesCrossThreads) {
   Orv::DedupHashTable shared;
   std::mutex mutex;
   std::vector<Rsvp::RsvpSessionIdDeduped> box(8);
-  constexpr int rounds = 10000;
-#if KEL_THREAD_SAFE_PTR
-  std::vector<std::thread> threads;
-  for (unsigned t = 0; t < 4; ++t) {
-    threads.emplace_back(typedChurn, std::ref(shared), std::ref(mutex), std::ref(box), t + 1,
-                         rounds, &wrong);
-  }
-  for (auto& t : threads) t.join();
-#else
-  for (unsigned t = 0; t < 4; ++t) typedChurn(shared, mutex, box, t + 1, rounds, &wrong);
-#endif
+  TestSupport::inThreads(4,
+                         [&](unsigned t) { typedChurn(shared, mutex, box, t + 1, 10000, &wrong); });
   EXPECT_EQ(wrong.load(), 0) << "a live id had two linked handles";
   box.clear();
   EXPECT_EQ(shared.size(), 0u) << "every handle left the table with its last holder";

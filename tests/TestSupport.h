@@ -1,16 +1,20 @@
 // Helpers that several suites share: the text of the exception a call
-// raises, the trace lines written meanwhile, and an entity tree whose
-// replica follows it through the attribute log and a memory sink.
+// raises, the trace lines written meanwhile, threads that run at once where
+// reference counts allow it, and an entity tree whose replica follows it
+// through the attribute log and a memory sink.
 #ifndef TESTS_TESTSUPPORT_H
 #define TESTS_TESTSUPPORT_H
 
 #include <Kel/AttrLog.h>
 #include <Kel/Browser.h>
+#include <Kel/RangeException.h>
+#include <Kel/Text.h>
 #include <Kel/TreeCompare.h>
 #include <Rsvp/RsvpTrace.h>
 
 #include <memory>
 #include <string>
+#include <thread>
 #include <utility>
 #include <vector>
 
@@ -26,6 +30,26 @@ std::string errorOf(F&& f) {
     return e.what();
   }
   return "accepted";
+}
+
+// The range error's text that reading the whole of `text` as a T raises, or
+// "accepted".
+template <class T>
+std::string parseError(std::string_view text) {
+  return errorOf<Kel::RangeException>([&] { (void)Kel::strepToValue<T>(text); });
+}
+
+// Runs f(0) .. f(n - 1) on n threads at once where reference counts are
+// atomic, else one after the other.
+template <class F>
+void inThreads(unsigned n, F const& f) {
+#if KEL_THREAD_SAFE_PTR
+  std::vector<std::thread> threads;
+  for (unsigned t = 0; t < n; ++t) threads.emplace_back(f, t);
+  for (auto& t : threads) t.join();
+#else
+  for (unsigned t = 0; t < n; ++t) f(t);
+#endif
 }
 
 // The trace lines written while alive, as "Facility[level] line", with

@@ -554,8 +554,6 @@ TEST(AttrLog, SharedEntityCycleFromTheStreamIsFreed) {
   }
 }
 
-}  // namespace
-
 // Mounting by the entity's own member: numbered streams share one writer, a
 // number used again starts afresh with a snapshot, removing the last stream
 // unmounts, and a mask it cannot honour changes nothing.
@@ -608,8 +606,6 @@ TEST(AttrLog, MountedByItsOwnMember) {
   EXPECT_EQ(source->kelNboAttrLogSa(), nullptr);
 }
 
-namespace {
-
 // A dedup table held as a child made without a name has no logged
 // attributes: the replica makes an empty table of its own. Deduplicated
 // values, as attributes and as keys, travel as their identifiers, a null
@@ -635,8 +631,6 @@ TEST(AttrLog, DedupTablesAndDedupedValuesReplicate) {
   EXPECT_EQ(link.replica->neighbor(neighbor), session);
   EXPECT_EQ(link.replica->neighbor(RsvpNeighborIdDeduped()).stringValue(), "NOHANDLE");
 }
-
-}  // namespace
 
 // A snapshot or a flush larger than a frame's part goes as several frames,
 // cut at record boundaries; the replica ends the same either way.
@@ -664,8 +658,6 @@ TEST(AttrLog, LargePayloadsGoAsSeveralFrames) {
             "Snapshot part without its start in the attribute log");
 }
 
-namespace {
-
 // A socket path of this test process, removed before and after.
 struct SocketPath {
   explicit SocketPath(char const* name)
@@ -684,8 +676,6 @@ std::string followed(Kel::LogPublisher& publisher, Kel::LogReplica& replica, Roo
   while (replica.readAvailable() || publisher.pending()) publisher.serve();
   return Kel::replicaDifference(source, copy);
 }
-
-}  // namespace
 
 // Two replicas attach at different times and follow; one leaves, the other
 // keeps following; the publisher going away ends the last one with one line.
@@ -774,3 +764,5 @@ TEST(LogSocket, ErrorsAreOneClearLine) {
     EXPECT_EQ(errorOf<Kel::Exception>([&] { replica.inSyncAwait(5000); }), c.error);
   }
 }
+
+}  // namespace

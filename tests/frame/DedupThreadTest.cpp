@@ -10,7 +10,8 @@
 
 #include <gtest/gtest.h>
 
-#include <array>
+#include "../TestSupport.h"
+
 #include <atomic>
 #include <mutex>
 #include <random>
@@ -52,57 +53,57 @@ class ValueHandle : public Orv::DedupHandle {
   U32 value_;
 };
 
-// Handles passed from thread to thread.
+// Handles, or deduplicated values, passed from thread to thread.
+template <class H>
 struct Mailbox {
   std::mutex mutex;
-  std::array<Kel::Ptr<ValueHandle>, 8> slots;
+  std::vector<H> slots = std::vector<H>(8);
 };
 
-// Each thread holds a few handles of a few values. Holding a handle keeps
-// it live, so a dedup of its value must answer that very handle.
-void churn(Orv::DedupHashTable& table, Mailbox& mailbox, unsigned seed, int rounds,
-           std::atomic<int>* wrong) {
+Orv::DedupHandle const* handleOf(Kel::Ptr<ValueHandle> const& h) { return h.get(); }
+Orv::DedupHandle const* handleOf(Rsvp::RsvpSessionIdDeduped const& d) { return d.handle().get(); }
+
+// A thread's rounds: it keeps what `draw` answers (and counts as wrong what
+// disagrees with those it holds), now and then swaps one held with a slot of
+// the mailbox, and holds at most three.
+template <class H, class Draw>
+void churn(Mailbox<H>& mailbox, unsigned seed, int rounds, Draw const& draw) {
   std::mt19937 rng(seed);
-  std::vector<Kel::Ptr<ValueHandle>> held;
+  std::vector<H> held;
   for (int round = 0; round < rounds; ++round) {
-    U32 const value = rng() % 12;
-    Kel::Ptr<ValueHandle> const got =
-        table.dedup(Kel::Ptr<ValueHandle>(new ValueHandle(value, rng() % 4 == 0)));
-    for (auto const& h : held) {
-      if (h->value() == value && h != got) wrong->fetch_add(1);
-    }
-    if (got->value() != value) wrong->fetch_add(1);
-    held.push_back(got);
-    if (rng() % 3 == 0) {  // swap one with the mailbox
+    held.push_back(draw(rng, held));
+    if (rng() % 3 == 0) {
       std::size_t const i = rng() % held.size();
       std::lock_guard const lock(mailbox.mutex);
-      held[i].swap(mailbox.slots[rng() % mailbox.slots.size()]);
-      if (!held[i]) held.erase(held.begin() + static_cast<std::ptrdiff_t>(i));
+      std::swap(held[i], mailbox.slots[rng() % mailbox.slots.size()]);
+      if (!handleOf(held[i])) held.erase(held.begin() + static_cast<std::ptrdiff_t>(i));
     }
     while (held.size() > 3)
       held.erase(held.begin() + static_cast<std::ptrdiff_t>(rng() % held.size()));
   }
 }
 
+// Each thread holds a few handles of a few values. Holding a handle keeps
+// it live, so a dedup of its value must answer that very handle.
 TEST(DedupThreads, ConcurrentDedupsAndReleasesOfOneTable) {
+  using Handle = Kel::Ptr<ValueHandle>;
   for (bool const unorderedSet : {false, true}) {
     std::atomic<int> wrong{0};
     {
       Orv::DedupHashTable table(unorderedSet);
-      Mailbox mailbox;
-      constexpr int rounds = 20000;
-#if KEL_THREAD_SAFE_PTR
-      std::vector<std::thread> threads;
-      for (unsigned t = 0; t < 4; ++t) {
-        threads.emplace_back(churn, std::ref(table), std::ref(mailbox), t + 1, rounds, &wrong);
-      }
-      for (auto& t : threads) t.join();
-#else
-      // Counts are not atomic: one after the other.
-      for (unsigned t = 0; t < 4; ++t) churn(table, mailbox, t + 1, rounds, &wrong);
-#endif
+      Mailbox<Handle> mailbox;
+      auto const draw = [&](std::mt19937& rng, std::vector<Handle> const& held) {
+        U32 const value = rng() % 12;
+        Handle const got = table.dedup(Handle(new ValueHandle(value, rng() % 4 == 0)));
+        for (auto const& h : held) {
+          if (h->value() == value && h != got) ++wrong;
+        }
+        if (got->value() != value) ++wrong;
+        return got;
+      };
+      TestSupport::inThreads(4, [&](unsigned t) { churn(mailbox, t + 1, 20000, draw); });
       EXPECT_EQ(table.size(), table.handles().size()) << "all that is linked is live";
-      mailbox.slots = {};
+      mailbox.slots.clear();
       EXPECT_EQ(table.size(), 0u) << (unorderedSet ? "unordered set" : "chained");
     }
     EXPECT_EQ(wrong.load(), 0) << "a value had two live handles";
@@ -113,54 +114,32 @@ TEST(DedupThreads, ConcurrentDedupsAndReleasesOfOneTable) {
 // Deduplicated session ids passed between threads, some parsed (a handle
 // that no table knows). A thread keeps its own table entity: entities that
 // are not frozen belong to one thread, the base table is shared.
-void typedChurn(Orv::DedupHashTable& shared, std::mutex& mutex,
-                std::vector<Rsvp::RsvpSessionIdDeduped>& box, unsigned seed, int rounds,
-                std::atomic<int>* wrong) {
-  auto const table = Rsvp::rsvpSessionIdDedupTableRealFactory();
-  table->dedupTableIs(&shared);
-  std::mt19937 rng(seed);
-  std::vector<Rsvp::RsvpSessionIdDeduped> held;
-  for (int round = 0; round < rounds; ++round) {
-    Rsvp::RsvpSessionId const id(Lumo::IpGenAddr::ipv4(0x0a000000u + rng() % 8),
-                                 Rsvp::RsvpTunnelId(7), Lumo::IpGenAddr());
-    Rsvp::RsvpSessionIdDeduped got(table->dedupFromValue(id));
-    if (rng() % 5 == 0) got.stringValueIs(got.stringValue());
-    for (auto const& h : held) {
-      bool const linked = h.handle()->dedupState() == Orv::DedupHandle::DedupState::linked &&
-                          got.handle()->dedupState() == Orv::DedupHandle::DedupState::linked;
-      if (h.value() == id && linked && h.handle() != got.handle()) wrong->fetch_add(1);
-    }
-    if (got.value() != id || got.hash() != id.hash()) wrong->fetch_add(1);
-    held.push_back(got);
-    if (rng() % 3 == 0) {
-      std::size_t const i = rng() % held.size();
-      std::lock_guard const lock(mutex);
-      std::swap(held[i], box[rng() % box.size()]);
-      if (!held[i].handle()) held.erase(held.begin() + static_cast<std::ptrdiff_t>(i));
-    }
-    while (held.size() > 3)
-      held.erase(held.begin() + static_cast<std::ptrdiff_t>(rng() % held.size()));
-  }
-}
-
 TEST(DedupThreads, TypedValuesCrossThreads) {
+  using Rsvp::RsvpSessionIdDeduped;
+  using State = Orv::DedupHandle::DedupState;
   std::atomic<int> wrong{0};
   Orv::DedupHashTable shared;
-  std::mutex mutex;
-  std::vector<Rsvp::RsvpSessionIdDeduped> box(8);
-  constexpr int rounds = 10000;
-#if KEL_THREAD_SAFE_PTR
-  std::vector<std::thread> threads;
-  for (unsigned t = 0; t < 4; ++t) {
-    threads.emplace_back(typedChurn, std::ref(shared), std::ref(mutex), std::ref(box), t + 1,
-                         rounds, &wrong);
-  }
-  for (auto& t : threads) t.join();
-#else
-  for (unsigned t = 0; t < 4; ++t) typedChurn(shared, mutex, box, t + 1, rounds, &wrong);
-#endif
+  Mailbox<RsvpSessionIdDeduped> mailbox;
+  TestSupport::inThreads(4, [&](unsigned t) {
+    auto const table = Rsvp::rsvpSessionIdDedupTableRealFactory();
+    table->dedupTableIs(&shared);
+    churn(mailbox, t + 1, 10000,
+          [&](std::mt19937& rng, std::vector<RsvpSessionIdDeduped> const& held) {
+            Rsvp::RsvpSessionId const id(Lumo::IpGenAddr::ipv4(0x0a000000u + rng() % 8),
+                                         Rsvp::RsvpTunnelId(7), Lumo::IpGenAddr());
+            RsvpSessionIdDeduped got(table->dedupFromValue(id));
+            if (rng() % 5 == 0) got.stringValueIs(got.stringValue());
+            for (auto const& h : held) {
+              bool const linked = h.handle()->dedupState() == State::linked &&
+                                  got.handle()->dedupState() == State::linked;
+              if (h.value() == id && linked && h.handle() != got.handle()) ++wrong;
+            }
+            if (got.value() != id || got.hash() != id.hash()) ++wrong;
+            return got;
+          });
+  });
   EXPECT_EQ(wrong.load(), 0) << "a live id had two linked handles";
-  box.clear();
+  mailbox.slots.clear();
   EXPECT_EQ(shared.size(), 0u) << "every handle left the table with its last holder";
 }
 

@@ -257,82 +257,54 @@ TEST(Errors, RangeCheckedSetterLeavesValueAndNotifiesNobody) {
 }
 
 // Lifetime cases; the sanitizer build checks that none touches freed memory.
-// A notifiee that leaves, and removes a later one, in its callback.
-TEST(Lifetime, NotifieeLeavesDuringItsCallback) {
-  auto root = Sample::rootFactory("root");
-  struct Leaver : Root::NotifieeConst {
+// A notifiee that leaves, or deletes itself, in its callback and takes a
+// later one with it: that one is not called, the last still hears.
+TEST(Lifetime, NotifieeLeavesOrDiesDuringItsCallback) {
+  struct Going : Root::NotifieeConst {
     using NotifieeConst::NotifieeConst;
     void onCount() override {
-      ++calls;
-      if (other) other->notifierIs(nullptr);
-      notifierIs(nullptr);
+      ++*calls;
+      if (dies) {
+        delete other;
+        delete this;
+      } else {
+        if (other) other->notifierIs(nullptr);
+        notifierIs(nullptr);
+      }
     }
-    int calls = 0;
+    bool dies = false;
+    int* calls = nullptr;
     Root::NotifieeConst* other = nullptr;
   };
-  Leaver first(root.get());
-  Leaver second(root.get());
-  first.other = &second;
-  Recorder third(root.get());
-  root->countIs(1);
-  EXPECT_EQ(first.calls, 1);
-  EXPECT_EQ(second.calls, 0) << "unregistered before its turn";
-  EXPECT_EQ(third.log, Log{"count"});
-  root->countIs(2);
-  EXPECT_EQ(first.calls, 1);
-  EXPECT_EQ(root->notifieeList().size(), 1u);
-}
-
-// A notifiee that deletes itself and a later one in its callback.
-TEST(Lifetime, NotifieeDestroysItselfAndAnotherDuringCallback) {
-  auto root = Sample::rootFactory("root");
-  struct Doomed : Root::NotifieeConst {
-    using NotifieeConst::NotifieeConst;
-    void onCount() override {
-      delete victim;
-      delete this;
-    }
-    Root::NotifieeConst* victim = nullptr;
-  };
-  auto* d = new Doomed(root.get());
-  d->victim = new Recorder(root.get());
-  Recorder last(root.get());
-  root->countIs(1);
-  EXPECT_EQ(last.log, Log{"count"});
-  EXPECT_EQ(root->notifieeList().size(), 1u);
-}
-
-// A callback that drops the entity's last reference: later notifiees still
-// hear, then all are detached.
-TEST(Lifetime, CallbackDropsTheLastReferenceToTheEntity) {
-  struct Dropper : Root::NotifieeConst {
-    using NotifieeConst::NotifieeConst;
-    void onCount() override { owner = nullptr; }
-    Kel::Ptr<Root> owner;
-  };
-  Dropper d;
-  Recorder after;
-  {
+  for (bool const dies : {false, true}) {
     auto root = Sample::rootFactory("root");
-    d.notifierIs(root.get());
-    after.notifierIs(root.get());
-    d.owner = root;
-    root->countIs(1);  // `root` still holds a reference here
+    int calls = 0;
+    int otherCalls = 0;
+    auto* going = new Going(root.get());
+    auto* other = new Going(root.get());
+    going->dies = other->dies = dies;
+    going->calls = &calls;
+    other->calls = &otherCalls;
+    going->other = other;
+    Recorder last(root.get());
+    root->countIs(1);
+    root->countIs(2);
+    EXPECT_EQ(calls, 1) << dies;
+    EXPECT_EQ(otherCalls, 0) << "unregistered before its turn";
+    EXPECT_EQ(last.log, (Log{"count", "count"}));
+    EXPECT_EQ(root->notifieeList().size(), 1u);
+    if (!dies) {
+      delete other;
+      delete going;
+    }
   }
-  auto root = Sample::rootFactory("root");
-  d.notifierIs(root.get());
-  after.notifierIs(root.get());
-  d.owner = std::move(root);
-  Root* raw = d.owner.get();
-  raw->countIs(1);  // the callback drops the last reference
-  EXPECT_EQ(after.log, (Log{"count", "count"})) << "later notifiees still hear the change";
-  EXPECT_EQ(d.notifier(), nullptr) << "the entity is gone and its notifiees detached";
-  EXPECT_EQ(after.notifier(), nullptr);
 }
 
-// The same with a lone notifiee, which the entity holds without a list; and
-// a lone notifiee that leaves in its callback.
-TEST(Lifetime, LoneNotifieeDropsTheEntityOrLeavesInItsCallback) {
+// A callback that drops the entity's last reference, with a later notifiee
+// or alone (held without a list), and alone leaving meanwhile: the later one
+// still hears, then all are detached. Held elsewhere too, the entity stays;
+// a lone notifiee that leaves in its callback hears no more.
+TEST(Lifetime, CallbackDropsTheLastReferenceToTheEntity) {
   struct Dropper : Root::NotifieeConst {
     using NotifieeConst::NotifieeConst;
     void onCount() override {
@@ -344,24 +316,31 @@ TEST(Lifetime, LoneNotifieeDropsTheEntityOrLeavesInItsCallback) {
     bool leave = false;
     int calls = 0;
   };
-  for (bool leave : {false, true}) {
+  for (int const lone : {0, 1, 2}) {  // 1: alone, 2: alone and leaving
     Dropper d;
-    d.leave = leave;
+    d.leave = lone == 2;
+    Recorder after;
     auto root = Sample::rootFactory("root");
     d.notifierIs(root.get());
-    ASSERT_EQ(root->notifieeList().size(), 1u);
+    if (!lone) after.notifierIs(root.get());
+    ASSERT_EQ(root->notifieeList().size(), lone ? 1u : 2u);
     d.owner = std::move(root);
-    d.owner->countIs(1);
-    EXPECT_EQ(d.calls, 1);
-    EXPECT_EQ(d.notifier(), nullptr) << (leave ? "left" : "the entity is gone");
+    Root* raw = d.owner.get();
+    raw->countIs(1);  // the callback drops the last reference
+    EXPECT_EQ(d.calls, 1) << lone;
+    EXPECT_EQ(after.log, lone ? Log{} : Log{"count"}) << "later notifiees still hear the change";
+    EXPECT_EQ(d.notifier(), nullptr) << "the entity is gone and its notifiees detached";
+    EXPECT_EQ(after.notifier(), nullptr);
   }
   auto root = Sample::rootFactory("root");
   Dropper d(root.get());
+  d.owner = root;
+  root->countIs(1);  // `root` still holds a reference here
+  EXPECT_EQ(d.notifier(), root.get());
   d.leave = true;
-  root->countIs(1);
   root->countIs(2);
-  EXPECT_EQ(d.calls, 1) << "left in its first callback";
-  EXPECT_TRUE(root->notifieeList().empty());
+  root->countIs(3);
+  EXPECT_EQ(d.calls, 2) << "left in its second callback";
   EXPECT_FALSE(root->hasNotifiees());
 }
 

@@ -7,7 +7,8 @@
 
 #include <gtest/gtest.h>
 
-#include <thread>
+#include "../TestSupport.h"
+
 #include <vector>
 
 namespace {
@@ -52,16 +53,7 @@ TEST(Threads, WritersOfTwoTreesRaceOnASharedEntity) {
   };
   std::vector<Kel::U32> a;
   std::vector<Kel::U32> b;
-#if KEL_THREAD_SAFE_PTR
-  std::thread first(publish, &a);
-  std::thread second(publish, &b);
-  first.join();
-  second.join();
-#else
-  // Counts are not atomic: one after the other.
-  publish(&a);
-  publish(&b);
-#endif
+  TestSupport::inThreads(2, [&](unsigned t) { publish(t == 0 ? &a : &b); });
   EXPECT_EQ(a, std::vector<Kel::U32>(rounds, 9));
   EXPECT_EQ(b, a);
   EXPECT_EQ(shared->references(), 2u) << "the writers dropped every pointer they took";

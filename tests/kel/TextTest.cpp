@@ -17,11 +17,7 @@ namespace {
 using namespace Kel;
 
 using TestSupport::errorOf;
-
-template <class T>
-String parseError(std::string_view text) {
-  return errorOf<RangeException>([&] { (void)strepToValue<T>(text); });
-}
+using TestSupport::parseError;
 
 // Scalars print and parse at their bounds; booleans as true and false.
 TEST(Scalars, PrintAndParseBoundsAndBothWords) {

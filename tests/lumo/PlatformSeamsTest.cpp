@@ -26,6 +26,7 @@ using TrafficEngineering::BwPriority;
 using Tunnel::TunnelTable::TunnelId;
 
 using TestSupport::errorOf;
+using TestSupport::parseError;
 
 // The error of parsing `text` into a copy of `start`, checking that the copy
 // is left as it was.
@@ -35,11 +36,6 @@ std::string refused(T const& start, std::string_view text) {
   std::string const error = errorOf<Kel::RangeException>([&] { v.stringValueIs(text); });
   EXPECT_EQ(v, start) << text;
   return error;
-}
-
-template <class T>
-std::string parseError(std::string_view text) {
-  return errorOf<Kel::RangeException>([&] { (void)Kel::strepToValue<T>(text); });
 }
 
 // Every refused text raises its exact error and leaves the target as it was.

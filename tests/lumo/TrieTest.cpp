@@ -42,6 +42,12 @@ Bytes maskBytes(Bytes b, unsigned len) {
   return b;
 }
 
+Bytes const kOnes = [] {
+  Bytes b{};
+  b.fill(0xff);
+  return b;
+}();
+
 template <class Trie>
 struct Family {
   static constexpr bool v6 = std::is_same_v<Trie, Lumo::Ip6Trie<U32>>;
@@ -64,9 +70,7 @@ class Gen {
   IpGenAddr addr() {
     Bytes const base = bases_[rng_() % bases_.size()];
     Bytes const noise = randomBytes();
-    Bytes ones{};
-    ones.fill(0xff);
-    Bytes const keep = maskBytes(ones, below(F::width + 1));
+    Bytes const keep = maskBytes(kOnes, below(F::width + 1));
     Bytes out{};
     for (unsigned i = 0; i < out.size(); ++i) {
       out[i] = static_cast<U8>((base[i] & keep[i]) | (noise[i] & ~keep[i]));
@@ -221,9 +225,7 @@ template <class Trie>
 std::array<IpGenAddr, 4> edgesOf(IpGenPrefix const& k) {
   using F = Family<Trie>;
   Bytes const first = maskBytes(k.addr().addr().bytes(), k.len());
-  Bytes ones{};
-  ones.fill(0xff);
-  Bytes const inside = maskBytes(ones, k.len());
+  Bytes const inside = maskBytes(kOnes, k.len());
   Bytes last = first;
   for (unsigned i = 0; i < last.size(); ++i) last[i] = static_cast<U8>(last[i] | ~inside[i]);
   return {F::addr(first), F::addr(last), F::addr(stepBytes(first, F::width, -1)),
@@ -256,9 +258,7 @@ TYPED_TEST(TrieModel, LongestMatchAtTheEdgesOfKeys) {
       Bytes b = randomBytes();
       unsigned len;
       if (rng() % 100 < c.crowdedPercent) {
-        Bytes const keep = maskBytes(Bytes{0xff, 0xff, 0xff, 0xff, 0xff, 0xff, 0xff, 0xff, 0xff,
-                                           0xff, 0xff, 0xff, 0xff, 0xff, 0xff, 0xff},
-                                     crowdLen);
+        Bytes const keep = maskBytes(kOnes, crowdLen);
         for (unsigned i = 0; i < b.size(); ++i) {
           b[i] = static_cast<U8>((crowd[i] & keep[i]) | (b[i] & ~keep[i]));
         }

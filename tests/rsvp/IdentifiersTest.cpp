@@ -77,7 +77,8 @@ TEST(IdentifierForms, LspIdKeepsLowSixteenBits) {
   }
 }
 
-// Bad text raises the exact error and leaves the default value.
+// Bad text raises the exact error and leaves the value as it was, the
+// default or another.
 TEST(IdentifierForms, RejectedText) {
   struct {
     std::string (*parse)(std::string_view);
@@ -106,12 +107,8 @@ TEST(IdentifierForms, RejectedText) {
       {parseError<RsvpSpId>, "", "Expected '<sessionId=' but found end of text"},
   };
   for (auto const& c : cases) EXPECT_EQ(c.parse(c.text), c.error) << c.text;
-}
-
-// A failed parse keeps a value other than the default too.
-TEST(IdentifierForms, FailedParseKeepsTheOldValue) {
-  RsvpSpId sp = spId("10.0.0.2", 7, "10.0.0.1", 3);
-  RsvpSpId const before = sp;
+  RsvpSpId const before = spId("10.0.0.2", 7, "10.0.0.1", 3);
+  RsvpSpId sp = before;
   EXPECT_THROW(sp.stringValueIs(before.stringValue() + "x"), Kel::RangeException);
   EXPECT_EQ(sp, before);
 }
@@ -221,26 +218,24 @@ TEST(IdentifierProperties, RandomRoundTripsAndStrictOrder) {
   }
 }
 
-// Each traits struct names one identifier's dedup machinery and draws
-// distinct ids from a number.
+// Each traits struct names one identifier's dedup machinery (DEDUP_TRAITS),
+// draws distinct ids from a number, dedups from the attributes as a caller
+// that has them apart would, and lists texts its deduped twin refuses.
+#define DEDUP_TRAITS(Type, factory)                                                          \
+  using Id = Type;                                                                           \
+  using Deduped = Type##Deduped;                                                             \
+  static constexpr char const* kName = #Type "Deduped";                                      \
+  static Kel::TypeDesc const& desc() { return type##Type##Deduped; }                         \
+  static Kel::Ptr<Type##DedupTableReal> table() { return factory##DedupTableRealFactory(); } \
+  static Kel::Ptr<Type##Handle> handle(Id const& id) { return factory##HandleFactory(id); }
+
 struct SessionIdDedup {
-  static Kel::TypeDesc const& desc() { return typeRsvpSessionIdDeduped; }
-  using Id = RsvpSessionId;
-  using Deduped = RsvpSessionIdDeduped;
-  static constexpr char const* kName = "RsvpSessionIdDeduped";
-  static Kel::Ptr<RsvpSessionIdDedupTableReal> table() {
-    return rsvpSessionIdDedupTableRealFactory();
-  }
-  static Kel::Ptr<RsvpSessionIdHandle> handle(Id const& id) {
-    return rsvpSessionIdHandleFactory(id);
-  }
+  DEDUP_TRAITS(RsvpSessionId, rsvpSessionId)
   static Id id(Kel::U32 i) {
     return Id(IpGenAddr::ipv4(0x0a000000u + i % 7), RsvpTunnelId(static_cast<Kel::U16>(i / 7)),
               IpGenAddr::ipv4(0x0a0000feu));
   }
-  // From the attributes, as a caller that has them apart would.
-  static Kel::Ptr<RsvpSessionIdHandle> fromAttrs(RsvpSessionIdDedupTableReal const& t,
-                                                 Id const& id) {
+  static auto fromAttrs(auto const& t, Id const& id) {
     return t.dedupFromAttrs(id.dstIp(), id.tunnelId(), id.extTunnelId());
   }
   static bool attrsAgree(Deduped const& d) {
@@ -252,36 +247,17 @@ struct SessionIdDedup {
 };
 
 struct PathIdDedup {
-  static Kel::TypeDesc const& desc() { return typeRsvpPathIdDeduped; }
-  using Id = RsvpPathId;
-  using Deduped = RsvpPathIdDeduped;
-  static constexpr char const* kName = "RsvpPathIdDeduped";
-  static Kel::Ptr<RsvpPathIdDedupTableReal> table() { return rsvpPathIdDedupTableRealFactory(); }
-  static Kel::Ptr<RsvpPathIdHandle> handle(Id const& id) { return rsvpPathIdHandleFactory(id); }
+  DEDUP_TRAITS(RsvpPathId, rsvpPathId)
   static Id id(Kel::U32 i) { return Id(i % 2 ? RsvpPathId::maxLspId() - i : i); }
-  static Kel::Ptr<RsvpPathIdHandle> fromAttrs(RsvpPathIdDedupTableReal const& t, Id const& id) {
-    return t.dedupFromAttrs(id.lspId());
-  }
+  static auto fromAttrs(auto const& t, Id const& id) { return t.dedupFromAttrs(id.lspId()); }
   static bool attrsAgree(Deduped const& d) { return d.lspId() == d.value().lspId(); }
   static constexpr char const* kBadTexts[] = {"<lspId=3>x", "<lspId=3", "lspId=3", ""};
 };
 
 struct NeighborIdDedup {
-  static Kel::TypeDesc const& desc() { return typeRsvpNeighborIdDeduped; }
-  using Id = RsvpNeighborId;
-  using Deduped = RsvpNeighborIdDeduped;
-  static constexpr char const* kName = "RsvpNeighborIdDeduped";
-  static Kel::Ptr<RsvpNeighborIdDedupTableReal> table() {
-    return rsvpNeighborIdDedupTableRealFactory();
-  }
-  static Kel::Ptr<RsvpNeighborIdHandle> handle(Id const& id) {
-    return rsvpNeighborIdHandleFactory(id);
-  }
+  DEDUP_TRAITS(RsvpNeighborId, rsvpNeighborId)
   static Id id(Kel::U32 i) { return Id(IpGenAddr::ipv4(0x0a000001u + i)); }
-  static Kel::Ptr<RsvpNeighborIdHandle> fromAttrs(RsvpNeighborIdDedupTableReal const& t,
-                                                  Id const& id) {
-    return t.dedupFromAttrs(id.neighborIp());
-  }
+  static auto fromAttrs(auto const& t, Id const& id) { return t.dedupFromAttrs(id.neighborIp()); }
   static bool attrsAgree(Deduped const& d) { return d.neighborIp() == d.value().neighborIp(); }
   static constexpr char const* kBadTexts[] = {"10.0.0.2>", "10.0.0.256", "<lspId=3>"};
 };

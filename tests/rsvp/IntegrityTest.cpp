@@ -88,8 +88,6 @@ TEST(Digest, SizeAndSetToZeroTouchExactly16Bytes) {
   Kel::U8 buf[18];
   std::memset(buf, 0xAA, sizeof buf);
   RsvpIntegrityMessageDigest const d(Cli::md5, buf + 1);
-  EXPECT_EQ(d.size(), 16u);
-  EXPECT_EQ(d.digest().get(), buf + 1);
   d.setToZero();
   EXPECT_EQ(buf[0], 0xAA);
   EXPECT_EQ(buf[17], 0xAA);
@@ -103,16 +101,6 @@ TEST(Digest, SizeAndSetToZeroTouchExactly16Bytes) {
   EXPECT_EQ(buf[17], 0xAA);
   // The digest's text is its address, which parses back within the process.
   EXPECT_EQ(strepToValue<RsvpIntegrityMessageDigest>(valueToStrep(d)), d);
-}
-
-std::string hex(Kel::U8 const* p, std::size_t n) {
-  static char const digits[] = "0123456789abcdef";
-  std::string s;
-  for (std::size_t i = 0; i < n; ++i) {
-    s += digits[p[i] >> 4];
-    s += digits[p[i] & 15];
-  }
-  return s;
 }
 
 // Random keys (empty, short, a block, longer) and lengths, in an order that
@@ -134,13 +122,14 @@ TEST(Digest, SameBytesAsTheOneShotHmac) {
     unsigned int len = 0;
     HMAC(EVP_md5(), key.data(), static_cast<int>(key.size()), data.data(), data.size(), theirs,
          &len);
-    ASSERT_EQ(hex(ours, 16), hex(theirs, len)) << key.size() << " " << data.size();
+    ASSERT_EQ(std::vector<Kel::U8>(ours, ours + 16), std::vector<Kel::U8>(theirs, theirs + len))
+        << key.size() << " " << data.size();
   }
   Kel::U8 a[16];
   Kel::U8 b[16];
   RsvpIntegrityMessageDigest(Cli::md5, a).calculate(a, 0, nullptr);
   RsvpIntegrityMessageDigest(Cli::md5, b).calculate(b, 0, "");
-  EXPECT_EQ(hex(a, 16), hex(b, 16)) << "a null key is the empty key";
+  EXPECT_EQ(std::memcmp(a, b, 16), 0) << "a null key is the empty key";
 }
 
 // The receive queue's positions and its record (head, tail, size), also

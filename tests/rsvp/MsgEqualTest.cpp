@@ -44,7 +44,6 @@ TEST(PathEqual, EachComparedObjectChangesTheAnswer) {
       // Each attribute alone is covered by MsgClassesTest; these change what
       // the objects hold inside.
       {"unknownObj", [](RsvpPathMsg& m) { m.newUnknownObj(99, 1); }},
-      {"adSpecObj present", [](RsvpPathMsg& m) { m.adSpecObjIs(rsvpAdSpecObjFactory()); }},
       {"explicitRouteObj absent", [](RsvpPathMsg& m) { m.explicitRouteObjIs(nullptr); }},
       {"explicitRouteObj hops",
        [](RsvpPathMsg& m) {

@@ -205,10 +205,6 @@ TEST(StateBlocks, LatestMessageAndHeadEndViews) {
   EXPECT_EQ(made->parent(), out.get());
 }
 
-}  // namespace
-
-namespace {
-
 // Both history queues keep the newest ten, oldest first, with their trace
 // texts; more than ten put there by the raw queue operations is fatal.
 struct HistoryCase {

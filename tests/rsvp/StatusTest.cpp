@@ -119,7 +119,6 @@ struct ElementNotices : Kel::GenericNotifiee {
 // again, it keeps the children it finds.
 TEST(Status, InitMakesEveryChildInOrder) {
   auto const root = rsvpStatusFactory("status");
-  EXPECT_EQ(RsvpStatus::mountPath(), "mpls/rsvp/status");
   struct Order : Kel::GenericNotifiee {
     std::vector<std::string> heard;
     void onAttribute(Kel::Entity const&, Kel::KelAttr const& a, void const*) override {

@@ -408,8 +408,15 @@ TEST(DedupedIdDeathTest, HandleOfAnotherTypeIsFatal) {
 }
 
 // Handles of several identifier types in one base table never meet: a path
-// id and a session id that hash alike stay two handles.
+// id and a session id that hash alike stay two handles. The abstract table
+// is a plain entity; the operations are the real table's.
 TEST(DedupedIds, TypesShareABaseTable) {
+  auto const abstract = rsvpSessionIdDedupTableFactory();
+  int attrs = 0;
+  abstract->fwkType().forEachAttr([&](Kel::KelAttr const&) { ++attrs; });
+  EXPECT_EQ(attrs, 0);
+  EXPECT_EQ(dynamic_cast<RsvpSessionIdDedupTableReal*>(abstract.get()), nullptr);
+
   Orv::DedupHashTable shared;
   auto const sessions = rsvpSessionIdDedupTableRealFactory();
   auto const paths = rsvpPathIdDedupTableRealFactory();

@@ -286,7 +286,7 @@ LogWriter::LogWriter(Entity& root) : root_(&root), tracker_(std::make_unique<Tra
 LogWriter::~LogWriter() = default;
 
 LogWriter::Tracked& LogWriter::track(Entity& e) {
-  auto& slot = tracked_[&e];
+  auto& slot = *tracked_.insert(&e).first;
   if (!slot) {
     // A frozen entity never changes, and may be read by other threads:
     // nothing to observe.
@@ -309,9 +309,9 @@ LogWriter::Tracked& LogWriter::track(Entity& e) {
 // it. An entity that left the tree while something still refers to it
 // lives on as a shared entity instead.
 void LogWriter::untrack(Entity& e) {
-  auto it = tracked_.find(&e);
-  if (it == tracked_.end()) return;
-  Tracked* const gone = it->second.get();
+  auto* const it = tracked_.find(&e);
+  if (!it) return;
+  Tracked* const gone = it->get();
   if (gone->holders > 0) {
     gone->shared = true;
     return;
@@ -320,8 +320,8 @@ void LogWriter::untrack(Entity& e) {
   gone->dead = true;
   gone->notifiee.reset();
   gone->adapterDrop();
-  graveyard_.push_back(std::move(it->second));
-  tracked_.erase(it);
+  graveyard_.push_back(std::move(*it));
+  tracked_.erase(&e);
   for (auto& [where, held] : gone->children) drop(held);
 }
 
@@ -330,8 +330,8 @@ void LogWriter::drop(std::pair<Entity*, bool> const& held) {
     untrack(*held.first);
     return;
   }
-  auto it = tracked_.find(held.first);
-  if (it != tracked_.end() && --it->second->holders <= 0 && it->second->shared) {
+  Tracked* const t = trackedOf(held.first);
+  if (t && --t->holders <= 0 && t->shared) {
     untrack(*held.first);
   }
 }
@@ -361,11 +361,11 @@ Entity* LogWriter::writeShared(LogOut& out, Tracked& holder, std::pair<U32, Stri
     return nullptr;
   }
   Entity* const e = const_cast<Entity*>(target);
-  auto const found = tracked_.find(e);
-  bool const fresh = found == tracked_.end() || (snapshotting_ && found->second->shared &&
-                                                 found->second->snapshotMark != snapshots_);
+  Tracked const* const found = trackedOf(e);
+  bool const fresh =
+      !found || (snapshotting_ && found->shared && found->snapshotMark != snapshots_);
   Tracked& t = track(*e);
-  if (found == tracked_.end()) t.shared = true;
+  if (!found) t.shared = true;
   // Entities of the tree count their holders too: one that leaves the tree
   // while referred to lives on as a shared entity.
   if (!holder.children.count(where)) {
@@ -389,9 +389,9 @@ Entity* LogWriter::writeShared(LogOut& out, Tracked& holder, std::pair<U32, Stri
 
 void LogWriter::changed(Entity const& e, KelAttr const& attr, void const* key) {
   if (attr.logId == 0) return;
-  auto it = tracked_.find(&e);
-  if (it == tracked_.end()) return;
-  Tracked& t = *it->second;
+  Tracked* const found = trackedOf(&e);
+  if (!found) return;
+  Tracked& t = *found;
   if (key) {
     t.dirtyKeys[attr.logId].insert(encode(*attr.keyType, key));
   } else {
@@ -442,7 +442,7 @@ void LogWriter::writeAttr(LogOut& out, Tracked& t, KelAttr const& attr, bool ann
         return;
       }
       Entity* const c = const_cast<Entity*>(child.get());
-      bool const fresh = snapshotting_ || !tracked_.count(c);
+      bool const fresh = snapshotting_ || !trackedOf(c);
       // The readers know this child already.
       if (!fresh && old != t.children.end() && old->second.first == c) return;
       Tracked& ct = track(*c);
@@ -541,7 +541,7 @@ void LogWriter::writeMember(LogOut& out, Tracked& t, KelAttr const& attr, String
 void LogWriter::writeOwnedMember(LogOut& out, Tracked& t, KelAttr const& attr, String const& key,
                                  Entity* c) {
   auto where = std::make_pair(attr.index, key);
-  bool const fresh = snapshotting_ || !tracked_.count(c);
+  bool const fresh = snapshotting_ || !trackedOf(c);
   if (!fresh) {
     auto const known = t.children.find(where);
     if (known != t.children.end() && known->second.first == c) return;
@@ -619,7 +619,7 @@ void LogWriter::writeEntity(LogOut& out, Tracked& t) {
 }
 
 void LogWriter::writeFresh(LogOut& out, Entity& e) {
-  Tracked& t = *tracked_.at(&e);
+  Tracked& t = *trackedOf(&e);
   if (snapshotting_) t.snapshotMark = snapshots_;
   writeEntity(out, t);
 }
@@ -698,7 +698,7 @@ void LogWriter::subscriberNew(std::unique_ptr<LogSink> sink) {
   snapshotting_ = true;
   ++snapshots_;
   stream_ = &stream;
-  writeEntity(out, *tracked_.at(root_));
+  writeEntity(out, *trackedOf(root_));
   writeDeferredRefs(out);
   stream_ = nullptr;
   snapshotting_ = false;
@@ -835,10 +835,10 @@ struct LogReader::Check {
   };
   std::map<std::pair<U32, U32>, std::vector<Entry>> queues;  // by (reference, attribute index)
 
-  [[nodiscard]] bool named(U32 ref, std::unordered_map<U32, Ptr<Entity>> const& refs) const {
+  [[nodiscard]] bool named(U32 ref, HashTable<U32, Ptr<Entity>> const& refs) const {
     if (released.count(ref)) return false;
     if (announced.count(ref)) return true;
-    return snapshotStart ? ref == 1 : refs.count(ref) != 0;
+    return snapshotStart ? ref == 1 : refs.find(ref) != nullptr;
   }
 };
 
@@ -913,7 +913,7 @@ LogReader::~LogReader() {
   // broken too; otherwise only among the entities it no longer holds.
   bool const replicaLetGo = replica_->references() == 1;
   std::vector<Ptr<Entity>> named = std::move(previous_);
-  for (auto& [ref, e] : refs_) named.push_back(std::move(e));
+  for (auto it = refs_.begin(); !it.done(); ++it) named.push_back(std::move(it.value()));
   refs_.clear();
   if (replicaLetGo) {
     for (auto& e : named) limbo_.push_back(std::move(e));
@@ -938,11 +938,11 @@ void LogReader::reset() {
   previous_.clear();
   std::vector<Ptr<Entity>> named;
   named.reserve(refs_.size());
-  for (auto& [ref, e] : refs_) {
-    if (e.get() != replica_) named.push_back(std::move(e));
+  for (auto it = refs_.begin(); !it.done(); ++it) {
+    if (it.value().get() != replica_) named.push_back(std::move(it.value()));
   }
   refs_.clear();
-  refs_[1] = replica_;
+  nameIs(1, replica_);
   for (auto& e : named) forget(std::move(e));
   if (!limbo_.empty()) collect(false);
 }
@@ -1064,11 +1064,11 @@ void LogReader::frameIs(U8 kind, U64 seq, LogIn payload) {
     for (auto& e : previous_) forget(std::move(e));
     previous_.clear();
     previous_.reserve(refs_.size());
-    for (auto& [ref, e] : refs_) {
-      if (ref != 1) previous_.push_back(std::move(e));
+    for (auto it = refs_.begin(); !it.done(); ++it) {
+      if (it.key() != 1) previous_.push_back(std::move(it.value()));
     }
     refs_.clear();
-    refs_[1] = replica_;
+    nameIs(1, replica_);
     seen_.clear();
     reused_.clear();
     reusedPlain_.clear();
@@ -1088,16 +1088,16 @@ void LogReader::frameIs(U8 kind, U64 seq, LogIn payload) {
       Decoded d;
       decode(in, d, nullptr);
       if (d.release) {
-        auto const known = refs_.find(d.ref);
-        if (known != refs_.end()) {
-          released.push_back(std::move(known->second));
-          refs_.erase(known);
+        if (auto* const known = refs_.find(d.ref)) {
+          released.push_back(std::move(*known));
+          refs_.erase(d.ref);
         }
         lastRef = 0;
         continue;
       }
       if (d.ref != lastRef) {
-        last = refs_.at(d.ref).get();
+        last = namedBy(d.ref);
+        if (!last) throw LogException("Bad reference in the attribute log");
         lastRef = d.ref;
       }
       Entity* const e = last;
@@ -1162,7 +1162,7 @@ void LogReader::decode(LogIn& in, Decoded& d, Check* check) {
       if (auto const a = check->announced.find(ref); a != check->announced.end()) return a->second;
       if (ref == 1) return &replica_->fwkType();
     }
-    if (auto const r = refs_.find(ref); r != refs_.end()) return &r->second->fwkType();
+    if (Entity const* const named = namedBy(ref)) return &named->fwkType();
     return nullptr;
   };
   LogIn value(nullptr, 0);
@@ -1283,7 +1283,7 @@ void LogReader::decode(LogIn& in, Decoded& d, Check* check) {
     // names the tree's entities again).
     bool const known =
         d.childRef == 1 || check->announced.count(d.childRef) ||
-        (!check->snapshot && refs_.count(d.childRef) && !check->released.count(d.childRef));
+        (!check->snapshot && namedBy(d.childRef) && !check->released.count(d.childRef));
     if (known) throw LogException("Entity announced twice in the attribute log");
     check->released.erase(d.childRef);
     check->announced[d.childRef] = d.freshType ? d.freshType : a.type;
@@ -1300,8 +1300,7 @@ void LogReader::checkQueue(Check& check, Decoded const& d) {
   std::vector<Check::Entry>& q = where->second;
   Entity* const e = [&]() -> Entity* {
     if (check.snapshot || check.announced.count(d.ref)) return nullptr;  // starts empty
-    auto const r = refs_.find(d.ref);
-    return r == refs_.end() ? nullptr : r->second.get();
+    return namedBy(d.ref);
   }();
   if (first && e) {
     std::unique_ptr<GenericIter> it;
@@ -1352,10 +1351,10 @@ void LogReader::checkQueue(Check& check, Decoded const& d) {
         } else {
           Ptr<Entity const> existing;
           e->fwkType().attributeOp(&existing, e, &a, attrOpMemberRead, &seq);
-          auto const r = refs_.find(d.childRef);
-          same = d.childRef == 0 ? !existing
-                                 : (!check.announced.count(d.childRef) && r != refs_.end() &&
-                                    existing.get() == r->second.get());
+          Entity const* const named = namedBy(d.childRef);
+          same = d.childRef == 0
+                     ? !existing
+                     : (!check.announced.count(d.childRef) && named && existing.get() == named);
         }
       }
     } else {
@@ -1532,7 +1531,7 @@ void LogReader::applyChild(Entity& e, Decoded& d) {
       refuse();
     child = ptrConstCast(made);
   }
-  refs_[d.childRef] = std::move(child);
+  nameIs(d.childRef, std::move(child));
 }
 
 // The shared entity a record refers to, made first when the record announces it.
@@ -1541,10 +1540,12 @@ Ptr<Entity const> LogReader::shared(Decoded const& d) {
   if (d.fresh) {
     std::vector<void const*> const args = d.argPointers();
     Ptr<Entity> made = d.freshType->createWithArgs()(args.empty() ? nullptr : args.data());
-    refs_[d.childRef] = made;
+    nameIs(d.childRef, made);
     return made;
   }
-  return refs_.at(d.childRef);
+  Entity* const named = namedBy(d.childRef);
+  if (!named) throw LogException("Bad reference in the attribute log");
+  return Ptr<Entity const>(named);
 }
 
 // An entity the stream no longer names. Freed at once when the reader held
@@ -1633,7 +1634,7 @@ void LogReader::settle() {
   if (!previous_.empty()) {
     std::unordered_set<Entity const*> named;
     named.reserve(refs_.size());
-    for (auto const& [ref, e] : refs_) named.insert(e.get());
+    for (auto it = refs_.begin(); !it.done(); ++it) named.insert(it.value().get());
     std::vector<Ptr<Entity>> previous = std::move(previous_);
     previous_.clear();
     for (Ptr<Entity>& e : previous) {

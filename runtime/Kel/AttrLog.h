@@ -19,6 +19,7 @@
 
 #include <Kel/Entity.h>
 #include <Kel/Exception.h>
+#include <Kel/HashTable.h>
 #include <Kel/LogCodec.h>
 #include <Kel/TypeDesc.h>
 
@@ -189,7 +190,12 @@ class LogWriter {
 
   Entity* root_;
   std::unique_ptr<GenericNotifiee> tracker_;
-  std::unordered_map<Entity const*, std::unique_ptr<Tracked>> tracked_;
+  // The record of each tracked entity; null for one the writer never met.
+  [[nodiscard]] Tracked* trackedOf(Entity const* e) const noexcept {
+    auto const* found = tracked_.find(e);
+    return found ? found->get() : nullptr;
+  }
+  HashTable<Entity const*, std::unique_ptr<Tracked>> tracked_;
   std::vector<Tracked*> dirty_;
   // Entities no longer tracked, kept until the flush that met them ends.
   std::vector<std::unique_ptr<Tracked>> graveyard_;
@@ -284,7 +290,13 @@ class LogReader {
   bool inSync_ = false;
   bool snapshot_ = false;
   bool broken_ = false;
-  std::unordered_map<U32, Ptr<Entity>> refs_;
+  // The entities the stream names, by their reference.
+  HashTable<U32, Ptr<Entity>> refs_;
+  [[nodiscard]] Entity* namedBy(U32 ref) const noexcept {
+    auto const* found = refs_.find(ref);
+    return found ? found->get() : nullptr;
+  }
+  void nameIs(U32 ref, Ptr<Entity> e) { *refs_.insert(ref).first = std::move(e); }
   // During a snapshot: the entities named before it, forgotten at its end
   // unless the snapshot names them again.
   std::vector<Ptr<Entity>> previous_;

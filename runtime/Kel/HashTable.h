@@ -53,6 +53,7 @@
 #include <bit>
 #include <cassert>
 #include <cstddef>
+#include <cstdint>
 #include <cstring>
 #include <memory>
 #include <new>
@@ -86,6 +87,22 @@ struct KeyTraits<U64> {
     OneAtATime h;
     h.addU64(k);
     return h.finish();
+  }
+};
+
+// A pointer hashes by its address, mixed so that the low bits, which
+// choose the bucket, depend on every bit. For the library's own tables: no
+// key of the model is a pointer.
+template <class T>
+struct KeyTraits<T*> {
+  static U32 hash(T* p) noexcept {
+    U64 x = reinterpret_cast<std::uintptr_t>(p);
+    x ^= x >> 33;
+    x *= 0xff51afd7ed558ccdULL;
+    x ^= x >> 33;
+    x *= 0xc4ceb9fe1a85ec53ULL;
+    x ^= x >> 33;
+    return static_cast<U32>(x);
   }
 };
 

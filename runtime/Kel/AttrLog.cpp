@@ -826,20 +826,14 @@ struct LogReader::Decoded {
 struct LogReader::Check {
   bool snapshot = false;
   bool snapshotStart = false;  // names nothing but the root and what it announces
-  std::unordered_map<U32, TypeDesc const*> announced;
-  std::unordered_set<U32> released;
+  HashTable<U32, TypeDesc const*> announced;
+  HashTable<U32> released;
   struct Entry {
     U32 seq;
     std::string_view element;  // as last written by this frame; empty: the replica's own
     bool fromFrame;
   };
   std::map<std::pair<U32, U32>, std::vector<Entry>> queues;  // by (reference, attribute index)
-
-  [[nodiscard]] bool named(U32 ref, HashTable<U32, Ptr<Entity>> const& refs) const {
-    if (released.count(ref)) return false;
-    if (announced.count(ref)) return true;
-    return snapshotStart ? ref == 1 : refs.find(ref) != nullptr;
-  }
 };
 
 namespace {
@@ -1158,12 +1152,13 @@ KelAttr const* LogReader::attrByLogId(TypeDesc const& type, U32 logId) {
 void LogReader::decode(LogIn& in, Decoded& d, Check* check) {
   auto typeOf = [&](U32 ref) -> TypeDesc const* {
     if (check) {
-      if (!check->named(ref, refs_)) return nullptr;
-      if (auto const a = check->announced.find(ref); a != check->announced.end()) return a->second;
+      if (check->released.find(ref)) return nullptr;
+      if (auto const* const a = check->announced.find(ref)) return *a;
       if (ref == 1) return &replica_->fwkType();
+      if (check->snapshotStart) return nullptr;  // names nothing else yet
     }
-    if (Entity const* const named = namedBy(ref)) return &named->fwkType();
-    return nullptr;
+    Entity const* const named = namedBy(ref);
+    return named ? &named->fwkType() : nullptr;
   };
   LogIn value(nullptr, 0);
   // A new entity's constructor arguments (all, or all but its key).
@@ -1282,11 +1277,11 @@ void LogReader::decode(LogIn& in, Decoded& d, Check* check) {
     // A new entity: its reference must be new to the stream (a snapshot
     // names the tree's entities again).
     bool const known =
-        d.childRef == 1 || check->announced.count(d.childRef) ||
-        (!check->snapshot && namedBy(d.childRef) && !check->released.count(d.childRef));
+        d.childRef == 1 || check->announced.find(d.childRef) ||
+        (!check->snapshot && namedBy(d.childRef) && !check->released.find(d.childRef));
     if (known) throw LogException("Entity announced twice in the attribute log");
     check->released.erase(d.childRef);
-    check->announced[d.childRef] = d.freshType ? d.freshType : a.type;
+    *check->announced.insert(d.childRef).first = d.freshType ? d.freshType : a.type;
   }
 }
 
@@ -1299,7 +1294,7 @@ void LogReader::checkQueue(Check& check, Decoded const& d) {
   auto [where, first] = check.queues.try_emplace(std::make_pair(d.ref, a.index));
   std::vector<Check::Entry>& q = where->second;
   Entity* const e = [&]() -> Entity* {
-    if (check.snapshot || check.announced.count(d.ref)) return nullptr;  // starts empty
+    if (check.snapshot || check.announced.find(d.ref)) return nullptr;  // starts empty
     return namedBy(d.ref);
   }();
   if (first && e) {
@@ -1354,7 +1349,7 @@ void LogReader::checkQueue(Check& check, Decoded const& d) {
           Entity const* const named = namedBy(d.childRef);
           same = d.childRef == 0
                      ? !existing
-                     : (!check.announced.count(d.childRef) && named && existing.get() == named);
+                     : (!check.announced.find(d.childRef) && named && existing.get() == named);
         }
       }
     } else {

@@ -309,9 +309,9 @@ LogWriter::Tracked& LogWriter::track(Entity& e) {
 // it. An entity that left the tree while something still refers to it
 // lives on as a shared entity instead.
 void LogWriter::untrack(Entity& e) {
-  auto* const it = tracked_.find(&e);
-  if (!it) return;
-  Tracked* const gone = it->get();
+  auto it = tracked_.locate(&e);
+  if (it.done()) return;
+  Tracked* const gone = it.value().get();
   if (gone->holders > 0) {
     gone->shared = true;
     return;
@@ -320,8 +320,8 @@ void LogWriter::untrack(Entity& e) {
   gone->dead = true;
   gone->notifiee.reset();
   gone->adapterDrop();
-  graveyard_.push_back(std::move(*it));
-  tracked_.erase(&e);
+  graveyard_.push_back(std::move(it.value()));
+  tracked_.erase(it);
   for (auto& [where, held] : gone->children) drop(held);
 }
 
@@ -1082,9 +1082,9 @@ void LogReader::frameIs(U8 kind, U64 seq, LogIn payload) {
       Decoded d;
       decode(in, d, nullptr);
       if (d.release) {
-        if (auto* const known = refs_.find(d.ref)) {
-          released.push_back(std::move(*known));
-          refs_.erase(d.ref);
+        if (auto known = refs_.locate(d.ref); !known.done()) {
+          released.push_back(std::move(known.value()));
+          refs_.erase(known);
         }
         lastRef = 0;
         continue;

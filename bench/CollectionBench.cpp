@@ -107,6 +107,11 @@ struct KelTable {
     for (auto it = t.begin(); !it.done(); ++it) sum += it.key().pathId().lspId() + it.value();
     return sum;
   }
+  [[nodiscard]] std::vector<RsvpSpId> inOrder() const {
+    std::vector<RsvpSpId> keys;
+    for (auto it = t.begin(); !it.done(); ++it) keys.push_back(it.key());
+    return keys;
+  }
   [[nodiscard]] std::size_t size() const { return t.size(); }
 };
 
@@ -122,6 +127,11 @@ struct PeerMap {
     for (auto const& [k, v] : m) sum += k.pathId().lspId() + v;
     return sum;
   }
+  [[nodiscard]] std::vector<RsvpSpId> inOrder() const {
+    std::vector<RsvpSpId> keys;
+    for (auto const& [k, v] : m) keys.push_back(k);
+    return keys;
+  }
   [[nodiscard]] std::size_t size() const { return m.size(); }
 };
 
@@ -133,6 +143,7 @@ struct MissingPeer {
   [[nodiscard]] bool find(RsvpSpId const&) const { return false; }
   bool erase(RsvpSpId const&) { return false; }
   [[nodiscard]] U64 walk() const { return 0; }
+  [[nodiscard]] std::vector<RsvpSpId> inOrder() const { return {}; }
   [[nodiscard]] std::size_t size() const { return 0; }
 };
 
@@ -174,6 +185,11 @@ struct EntitySet {
     U64 sum = 0;
     for (auto it = s->spIdIter(); !it.done(); ++it) sum += it.key().pathId().lspId();
     return sum;
+  }
+  [[nodiscard]] std::vector<RsvpSpId> inOrder() const {
+    std::vector<RsvpSpId> keys;
+    for (auto it = s->spIdIter(); !it.done(); ++it) keys.push_back(it.key());
+    return keys;
   }
   [[nodiscard]] std::size_t size() const { return s->spIdSize(); }
 };
@@ -297,6 +313,35 @@ void BM_CollectionErase(benchmark::State& state) {
   report<C>(state, "erase", n, timed, state.iterations() * n);
 }
 
+// Fills a collection in another's iteration order, as a copy or a replica
+// does: keys arrive sorted by where the table keeps them.
+template <class C>
+void BM_CollectionCopyInOrder(benchmark::State& state) {
+  if (!present<C>(state)) return;
+  auto const n = static_cast<std::size_t>(state.range(0));
+  std::vector<RsvpSpId> order;
+  {
+    C source;
+    fill(source, n);
+    order = source.inOrder();
+  }
+  Clock::duration timed{};
+  for (auto _ : state) {
+    state.PauseTiming();
+    std::optional<C> c(std::in_place);
+    state.ResumeTiming();
+    auto const t0 = Clock::now();
+    U32 v = 0;
+    for (RsvpSpId const& k : order) c->insert(k, v++);
+    timed += Clock::now() - t0;
+    state.PauseTiming();
+    if (c->size() != n) state.SkipWithError("keys lost");
+    c.reset();
+    state.ResumeTiming();
+  }
+  report<C>(state, "copy in order", n, timed, state.iterations() * n);
+}
+
 template <class C>
 void BM_CollectionIterate(benchmark::State& state) {
   if (!present<C>(state)) return;
@@ -353,6 +398,7 @@ COLLECTION_BENCH(BM_CollectionFindHit);
 COLLECTION_BENCH(BM_CollectionFindMiss);
 COLLECTION_BENCH(BM_CollectionErase);
 COLLECTION_BENCH(BM_CollectionIterate);
+COLLECTION_BENCH(BM_CollectionCopyInOrder);
 #define BYTES_BENCH(C) \
   BENCHMARK_TEMPLATE(BM_BytesPerElement, C)->Arg(kSmall)->Arg(kLarge)->Iterations(1)
 BYTES_BENCH(KelTable);

@@ -204,9 +204,8 @@ class HashTable {
   // The same given reversedHash(key).
   [[nodiscard]] V* findHashed(U32 rh, K const& key) const noexcept {
     if (!slots_) return nullptr;
-    Slot const* s = slots_.get() + home(rh);
-    while (s->rhash < rh) ++s;  // empty slots and the end hold ~0
-    for (; s->rhash == rh && isNode(s->node); ++s) {
+    for (Slot const* s = slots_.get() + seek(home(rh), rh); s->rhash == rh && isNode(s->node);
+         ++s) {
       Node* const n = nodeAt(s->node);
       if (n->keyOf() == key) return &n->value;
     }
@@ -219,9 +218,7 @@ class HashTable {
     it.table_ = this;
     if (!slots_) return it;
     U32 const rh = reversedHash(key);
-    U32 i = home(rh);
-    while (slots_[i].rhash < rh) ++i;
-    for (; slots_[i].rhash == rh && isNode(slots_[i].node); ++i) {
+    for (U32 i = seek(home(rh), rh); slots_[i].rhash == rh && isNode(slots_[i].node); ++i) {
       Node* const n = nodeAt(slots_[i].node);
       if (n->keyOf() == key) {
         standOn(it, i);
@@ -243,8 +240,7 @@ class HashTable {
   std::pair<V*, bool> insertHashed(U32 rh, K const& key, Args&&... args) {
     if (!slots_) rebuild(kInitialBits, kInitialTail);
     for (;;) {
-      U32 i = home(rh);
-      while (slots_[i].rhash < rh) ++i;
+      U32 i = seek(home(rh), rh);
       for (; slots_[i].rhash == rh && isNode(slots_[i].node); ++i) {
         Node* const n = nodeAt(slots_[i].node);
         if (n->keyOf() == key) return {&n->value, false};
@@ -362,6 +358,39 @@ class HashTable {
 
   [[nodiscard]] U32 home(U32 rh) const noexcept {
     return static_cast<U32>((U64{rh} * slotCount_) >> 32);
+  }
+
+  // The first slot at or after slot i, the home of `rh`, whose reversed hash
+  // is not below rh: where a key of that hash is, or would go. From a home,
+  // "below rh" holds for a prefix of the slots (the rest of the run is
+  // sorted, an empty slot holds ~0, and every key after it has a later
+  // home), so a long run is crossed by galloping and halving. Runs are
+  // short in a table filled at random; a table filled in another's
+  // iteration order (a copy, a replica) packs the keys seen so far into the
+  // front of the slots and makes runs as long as the table until it grows.
+  [[nodiscard]] U32 seek(U32 i, U32 rh) const noexcept {
+    for (U32 const stop = i + 8; i < stop; ++i) {
+      if (slots_[i].rhash >= rh) return i;
+    }
+    U32 below = i - 1;  // the last slot known to be below rh
+    U32 step = 8;
+    U32 notBelow;
+    for (;;) {
+      notBelow = below + step;
+      // The end marker at end_ holds ~0; the slots before it are in range.
+      if (notBelow >= end_) {
+        notBelow = end_;
+        break;
+      }
+      if (slots_[notBelow].rhash >= rh) break;
+      below = notBelow;
+      step *= 2;
+    }
+    while (notBelow - below > 1) {
+      U32 const mid = below + (notBelow - below) / 2;
+      (slots_[mid].rhash < rh ? below : notBelow) = mid;
+    }
+    return notBelow;
   }
 
   [[nodiscard]] Node* nodeAt(U32 id) const noexcept {

@@ -12,6 +12,7 @@
 #include <bit>
 #include <deque>
 #include <map>
+#include <numeric>
 #include <optional>
 #include <ostream>
 #include <random>
@@ -281,20 +282,28 @@ TEST(HashTable, IteratorFollowsOrderWhileTableChanges) {
 
 // Grows a table through many doublings: the buckets follow the policy at
 // every step, values never move, and the large table keeps the order of
-// reversed hashes and insertion (erasures are the model's).
+// reversed hashes and insertion (erasures are the model's). `asCopied`
+// inserts the keys in iteration order, as a copy of another table does,
+// which crowds them into the front of the slots until the table grows.
 template <class K>
-void growAcrossDoublings(U32 count) {
-  SCOPED_TRACE(testing::Message() << count << " keys");
+void growAcrossDoublings(U32 count, bool asCopied = false) {
+  SCOPED_TRACE(testing::Message() << count << " keys" << (asCopied ? ", in order" : ""));
   Kel::HashTable<K, int> table;
   std::map<K, Stored> model;
   std::vector<int*> stored(count);
   U64 stamp = 0;
-  for (U32 n = 0; n < count; ++n) {
+  std::vector<U32> keys(count);
+  std::iota(keys.begin(), keys.end(), U32{0});
+  if (asCopied) {
+    std::stable_sort(keys.begin(), keys.end(),
+                     [](U32 a, U32 b) { return reversedHash(K{a}) < reversedHash(K{b}); });
+  }
+  for (U32 const n : keys) {
     auto const [value, added] = table.insert(K{n}, static_cast<int>(n));
     ASSERT_TRUE(added);
     stored[n] = value;
     model.emplace(K{n}, Stored{static_cast<int>(n), stamp++});
-    ASSERT_EQ(table.bucketCount(), policyBuckets(n + 1, true));
+    ASSERT_EQ(table.bucketCount(), policyBuckets(model.size(), true));
   }
   for (U32 n = 0; n < count; ++n) {
     ASSERT_EQ(table.find(K{n}), stored[n]) << "the value of " << n << " moved";
@@ -309,6 +318,8 @@ TEST(HashTable, GrowthAcrossManyDoublings) {
   growAcrossDoublings<HighBitsKey>(4000);
   growAcrossDoublings<LowOnesKey>(4000);
   growAcrossDoublings<ExtremesKey>(3000);
+  growAcrossDoublings<U32>(U32{1} << 17, true);
+  growAcrossDoublings<HighBitsKey>(4000, true);
 }
 
 // ---- Queue

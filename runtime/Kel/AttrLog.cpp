@@ -828,6 +828,7 @@ struct LogReader::Check {
   bool snapshotStart = false;  // names nothing but the root and what it announces
   HashTable<U32, TypeDesc const*> announced;
   HashTable<U32> released;
+  LogRefMemo<TypeDesc const*> types;  // the last answers of the checking typeOf
   struct Entry {
     U32 seq;
     std::string_view element;  // as last written by this frame; empty: the replica's own
@@ -908,7 +909,7 @@ LogReader::~LogReader() {
   bool const replicaLetGo = replica_->references() == 1;
   std::vector<Ptr<Entity>> named = std::move(previous_);
   for (auto it = refs_.begin(); !it.done(); ++it) named.push_back(std::move(it.value()));
-  refs_.clear();
+  unnameAll();
   if (replicaLetGo) {
     for (auto& e : named) limbo_.push_back(std::move(e));
   } else {
@@ -935,7 +936,7 @@ void LogReader::reset() {
   for (auto it = refs_.begin(); !it.done(); ++it) {
     if (it.value().get() != replica_) named.push_back(std::move(it.value()));
   }
-  refs_.clear();
+  unnameAll();
   nameIs(1, replica_);
   for (auto& e : named) forget(std::move(e));
   if (!limbo_.empty()) collect(false);
@@ -1061,7 +1062,7 @@ void LogReader::frameIs(U8 kind, U64 seq, LogIn payload) {
     for (auto it = refs_.begin(); !it.done(); ++it) {
       if (it.key() != 1) previous_.push_back(std::move(it.value()));
     }
-    refs_.clear();
+    unnameAll();
     nameIs(1, replica_);
     seen_.clear();
     reused_.clear();
@@ -1085,6 +1086,7 @@ void LogReader::frameIs(U8 kind, U64 seq, LogIn payload) {
         if (auto known = refs_.locate(d.ref); !known.done()) {
           released.push_back(std::move(known.value()));
           refs_.erase(known);
+          recent_.forget(d.ref);
         }
         lastRef = 0;
         continue;
@@ -1152,10 +1154,20 @@ KelAttr const* LogReader::attrByLogId(TypeDesc const& type, U32 logId) {
 void LogReader::decode(LogIn& in, Decoded& d, Check* check) {
   auto typeOf = [&](U32 ref) -> TypeDesc const* {
     if (check) {
+      if (auto const* const known = check->types.find(ref)) return *known;
+      TypeDesc const* type = nullptr;
       if (check->released.find(ref)) return nullptr;
-      if (auto const* const a = check->announced.find(ref)) return *a;
-      if (ref == 1) return &replica_->fwkType();
-      if (check->snapshotStart) return nullptr;  // names nothing else yet
+      if (auto const* const a = check->announced.find(ref)) {
+        type = *a;
+      } else if (ref == 1) {
+        type = &replica_->fwkType();
+      } else if (check->snapshotStart) {
+        return nullptr;  // names nothing else yet
+      } else if (Entity const* const named = namedBy(ref)) {
+        type = &named->fwkType();
+      }
+      if (type) check->types.set(ref, type);
+      return type;
     }
     Entity const* const named = namedBy(ref);
     return named ? &named->fwkType() : nullptr;
@@ -1213,6 +1225,7 @@ void LogReader::decode(LogIn& in, Decoded& d, Check* check) {
       if (d.ref == 1) throw LogException("The root of the attribute log cannot be released");
       check->announced.erase(d.ref);
       check->released.insert(d.ref);
+      check->types.forget(d.ref);
     }
     return;
   }
@@ -1281,7 +1294,9 @@ void LogReader::decode(LogIn& in, Decoded& d, Check* check) {
         (!check->snapshot && namedBy(d.childRef) && !check->released.find(d.childRef));
     if (known) throw LogException("Entity announced twice in the attribute log");
     check->released.erase(d.childRef);
-    *check->announced.insert(d.childRef).first = d.freshType ? d.freshType : a.type;
+    TypeDesc const* const announcedType = d.freshType ? d.freshType : a.type;
+    *check->announced.insert(d.childRef).first = announcedType;
+    check->types.set(d.childRef, announcedType);
   }
 }
 

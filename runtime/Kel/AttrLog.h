@@ -23,6 +23,7 @@
 #include <Kel/LogCodec.h>
 #include <Kel/TypeDesc.h>
 
+#include <array>
 #include <deque>
 #include <map>
 #include <memory>
@@ -219,6 +220,31 @@ class LogWriter {
   std::size_t partBytes_ = logFramePartBytes;
 };
 
+// What a few recent references stood for, by reference (0 is none): a small
+// table in front of a large one, each reference in one place.
+template <class T>
+class LogRefMemo {
+ public:
+  [[nodiscard]] T const* find(U32 ref) const noexcept {
+    Entry const& e = entries_[ref % kSize];
+    return e.ref == ref && ref != 0 ? &e.value : nullptr;
+  }
+  void set(U32 ref, T value) noexcept { entries_[ref % kSize] = Entry{ref, value}; }
+  void forget(U32 ref) noexcept {
+    Entry& e = entries_[ref % kSize];
+    if (e.ref == ref) e.ref = 0;
+  }
+  void clear() noexcept { entries_.fill(Entry{}); }
+
+ private:
+  static constexpr U32 kSize = 256;
+  struct Entry {
+    U32 ref = 0;
+    T value{};
+  };
+  std::array<Entry, kSize> entries_{};
+};
+
 class LogReader {
  public:
   // Keeps `replica` equal to the tree the stream comes from. The replica
@@ -292,11 +318,24 @@ class LogReader {
   bool broken_ = false;
   // The entities the stream names, by their reference.
   HashTable<U32, Ptr<Entity>> refs_;
+  // The last entities found there: nearly every record names an entity that
+  // a record shortly before named or announced.
+  mutable LogRefMemo<Entity*> recent_;
   [[nodiscard]] Entity* namedBy(U32 ref) const noexcept {
+    if (auto const* known = recent_.find(ref)) return *known;
     auto const* found = refs_.find(ref);
-    return found ? found->get() : nullptr;
+    if (!found) return nullptr;
+    recent_.set(ref, found->get());
+    return found->get();
   }
-  void nameIs(U32 ref, Ptr<Entity> e) { *refs_.insert(ref).first = std::move(e); }
+  void nameIs(U32 ref, Ptr<Entity> e) {
+    recent_.forget(ref);
+    *refs_.insert(ref).first = std::move(e);
+  }
+  void unnameAll() noexcept {
+    refs_.clear();
+    recent_.clear();
+  }
   // During a snapshot: the entities named before it, forgotten at its end
   // unless the snapshot names them again.
   std::vector<Ptr<Entity>> previous_;

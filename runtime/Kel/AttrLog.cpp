@@ -663,9 +663,19 @@ void logFrame(String& out, U8 kind, U64 seq, std::string_view payload) {
 // The snapshot a new subscriber receives goes out part by part while it is
 // written, so that its replica applies one part while the next is made.
 struct LogWriter::SnapshotStream {
+  // Between two parts the sink is asked this often (bytes written) to pass
+  // on what its descriptor would not take at once: a replica that applied
+  // a part is fed the next at once instead of when another part is whole.
+  static constexpr std::size_t kRetryBytes = 64u << 10;
+
   Subscriber subscriber;
   bool ok = true;
   U8 kind = frameSnapshot;
+  std::size_t retryAt = kRetryBytes;  // the payload size of the next retry
+
+  void retry() {
+    if (ok && subscriber.sink->pending()) ok = subscriber.sink->flush();
+  }
 
   void frame(std::string_view part) {
     String bytes;
@@ -678,6 +688,10 @@ struct LogWriter::SnapshotStream {
 // Called between records: sends the whole parts written so far.
 void LogWriter::streamParts(LogOut& out) {
   String& payload = out.buffer();
+  if (payload.size() >= stream_->retryAt) {
+    stream_->retry();
+    stream_->retryAt = payload.size() + SnapshotStream::kRetryBytes;
+  }
   if (payload.size() <= partBytes_) return;
   std::size_t done = 0;
   while (payload.size() - done > partBytes_) {
@@ -688,6 +702,7 @@ void LogWriter::streamParts(LogOut& out) {
     done += cut;
   }
   payload.erase(0, done);
+  stream_->retryAt = payload.size() + SnapshotStream::kRetryBytes;
 }
 
 void LogWriter::subscriberNew(std::unique_ptr<LogSink> sink) {

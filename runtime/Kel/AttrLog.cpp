@@ -165,14 +165,82 @@ bool FdSink::flush() {
 
 namespace {
 
-// Where a holder keeps an entity: (attribute index, encoded key).
-struct WhereHash {
-  std::size_t operator()(std::pair<U32, String> const& w) const noexcept {
-    return std::hash<std::string_view>()(w.second) * 31 + w.first;
+// Where a holder keeps an entity: the attribute's index and the member's
+// encoded key (empty for a slot or a reference).
+struct HeldWhere {
+  U32 attr = 0;
+  String key;
+  [[nodiscard]] U32 hash() const noexcept {
+    return static_cast<U32>(std::hash<std::string_view>()(key) * 31 + attr);
   }
+  bool operator==(HeldWhere const&) const = default;
 };
 
 }  // namespace
+
+// What one entity holds, by where: owned children, or shared entities. Most
+// entities hold a few (the child of a slot, the target of a reference), kept
+// in a short list; a collection of many members gets a hash table.
+class LogWriter::Holdings {
+ public:
+  [[nodiscard]] Held const* find(U32 attr, std::string_view key) const {
+    if (many_) return many_->find(HeldWhere{attr, String(key)});
+    for (Entry const& e : few_) {
+      if (e.where.attr == attr && e.where.key == key) return &e.held;
+    }
+    return nullptr;
+  }
+  // Sets what (attr, key) holds.
+  void put(U32 attr, std::string_view key, Held held) {
+    if (many_) {
+      *many_->insert(HeldWhere{attr, String(key)}).first = held;
+      return;
+    }
+    for (Entry& e : few_) {
+      if (e.where.attr == attr && e.where.key == key) {
+        e.held = held;
+        return;
+      }
+    }
+    if (few_.size() < kFew) {
+      few_.push_back(Entry{HeldWhere{attr, String(key)}, held});
+      return;
+    }
+    many_ = std::make_unique<HashTable<HeldWhere, Held>>();
+    for (Entry& e : few_) *many_->insert(std::move(e.where)).first = e.held;
+    few_ = {};
+    *many_->insert(HeldWhere{attr, String(key)}).first = held;
+  }
+  void erase(U32 attr, std::string_view key) {
+    if (many_) {
+      many_->erase(HeldWhere{attr, String(key)});
+      return;
+    }
+    auto const at = std::find_if(few_.begin(), few_.end(), [&](Entry const& e) {
+      return e.where.attr == attr && e.where.key == key;
+    });
+    if (at == few_.end()) return;
+    *at = std::move(few_.back());
+    few_.pop_back();
+  }
+  template <class F>
+  void forEach(F&& f) const {
+    if (many_) {
+      for (auto it = many_->begin(); !it.done(); ++it) f(it.value());
+      return;
+    }
+    for (Entry const& e : few_) f(e.held);
+  }
+
+ private:
+  static constexpr std::size_t kFew = 8;
+  struct Entry {
+    HeldWhere where;
+    Held held;
+  };
+  std::vector<Entry> few_;
+  std::unique_ptr<HashTable<HeldWhere, Held>> many_;
+};
 
 // What the writer keeps of a tracked entity. The type's state adapter lives
 // in the same allocation, right before it: a change goes from the entity to
@@ -197,15 +265,23 @@ struct LogWriter::Tracked final : LogDirtySink {
   static constexpr U8 kFewDirty = 5;
   U8 fewDirty = 0;
   U32 dirtyFew[kFewDirty] = {};
-  std::vector<U32> dirtyMore;
   U32 roomBefore = 0;    // bytes allocated before the record, for the adapter
   int holders = 0;       // of a shared entity: the places that refer to it
   U32 snapshotMark = 0;  // the number of the last snapshot that wrote this shared entity
-  std::unique_ptr<NotifieeBase> notifiee;     // the generic path, without an adapter
-  std::map<U32, std::set<String>> dirtyKeys;  // attribute index -> encoded keys
-  // What this entity holds, by (attribute index, encoded key; empty for a
-  // slot or a reference): owned children, or shared entities (true).
-  std::unordered_map<std::pair<U32, String>, std::pair<Entity*, bool>, WhereHash> children;
+  // What few entities need, made for those that do: a snapshot tracks
+  // millions of entities, most of which change one attribute at a time.
+  struct Rare {
+    std::vector<U32> dirtyMore;
+    std::map<U32, std::set<String>> dirtyKeys;  // attribute index -> encoded keys
+    std::unique_ptr<NotifieeBase> notifiee;     // the generic path, without an adapter
+  };
+  std::unique_ptr<Rare> rare;
+  Holdings children;
+
+  Rare& rareNeeded() {
+    if (!rare) rare = std::make_unique<Rare>();
+    return *rare;
+  }
 
   Tracked() = default;
   Tracked(Tracked const&) = delete;
@@ -226,22 +302,23 @@ struct LogWriter::Tracked final : LogDirtySink {
     if (std::find(dirtyFew, dirtyFew + fewDirty, id) != dirtyFew + fewDirty) return;
     if (fewDirty < kFewDirty) {
       dirtyFew[fewDirty++] = id;
-    } else if (std::find(dirtyMore.begin(), dirtyMore.end(), id) == dirtyMore.end()) {
-      dirtyMore.push_back(id);
+      return;
     }
+    std::vector<U32>& more = rareNeeded().dirtyMore;
+    if (std::find(more.begin(), more.end(), id) == more.end()) more.push_back(id);
   }
   // Moves the dirty ids to `out`, in order.
   void takeDirty(std::vector<U32>& out) {
     out.assign(dirtyFew, dirtyFew + fewDirty);
     fewDirty = 0;
-    if (!dirtyMore.empty()) {
-      out.insert(out.end(), dirtyMore.begin(), dirtyMore.end());
-      dirtyMore.clear();
+    if (rare && !rare->dirtyMore.empty()) {
+      out.insert(out.end(), rare->dirtyMore.begin(), rare->dirtyMore.end());
+      rare->dirtyMore.clear();
     }
     if (out.size() > 1) std::sort(out.begin(), out.end());
   }
   void memberDirtyIs(S32 id, String encodedKey) override {
-    dirtyKeys[static_cast<U32>(id)].insert(std::move(encodedKey));
+    rareNeeded().dirtyKeys[static_cast<U32>(id)].insert(std::move(encodedKey));
     writer->queue(*this);
   }
 };
@@ -299,7 +376,7 @@ LogWriter::Tracked& LogWriter::track(Entity& e) {
     if (make) {
       slot->adapter = make(slot->adapterRoom(), e, slot.get());
     } else if (observed) {
-      slot->notifiee = e.fwkType().genericNotifiee(&e, tracker_.get());
+      slot->rareNeeded().notifiee = e.fwkType().genericNotifiee(&e, tracker_.get());
     }
   }
   return *slot;
@@ -318,21 +395,21 @@ void LogWriter::untrack(Entity& e) {
   }
   released_.push_back(gone->ref);
   gone->dead = true;
-  gone->notifiee.reset();
+  if (gone->rare) gone->rare->notifiee.reset();
   gone->adapterDrop();
   graveyard_.push_back(std::move(it.value()));
   tracked_.erase(it);
-  for (auto& [where, held] : gone->children) drop(held);
+  gone->children.forEach([this](Held held) { drop(held); });
 }
 
-void LogWriter::drop(std::pair<Entity*, bool> const& held) {
-  if (!held.second) {
-    untrack(*held.first);
+void LogWriter::drop(Held held) {
+  if (!held.shared) {
+    untrack(*held.entity);
     return;
   }
-  Tracked* const t = trackedOf(held.first);
+  Tracked* const t = trackedOf(held.entity);
   if (t && --t->holders <= 0 && t->shared) {
-    untrack(*held.first);
+    untrack(*held.entity);
   }
 }
 
@@ -348,12 +425,14 @@ void LogWriter::writeCtorArgs(LogOut& out, TypeDesc const& declared, Entity cons
   }
 }
 
-Entity* LogWriter::writeShared(LogOut& out, Tracked& holder, std::pair<U32, String> const& where,
+Entity* LogWriter::writeShared(LogOut& out, Tracked& holder, U32 attr, std::string_view key,
                                TypeDesc const& declared, Entity const* target) {
-  auto const old = holder.children.find(where);
-  if (old != holder.children.end() && old->second.first != target) {
-    drop(old->second);
-    holder.children.erase(old);
+  Held const* const old = holder.children.find(attr, key);
+  bool const heldAlready = old && old->entity == target;
+  if (old && !heldAlready) {
+    Held const gone = *old;
+    holder.children.erase(attr, key);
+    drop(gone);
   }
   if (!target) {
     out.u32(0);
@@ -368,9 +447,9 @@ Entity* LogWriter::writeShared(LogOut& out, Tracked& holder, std::pair<U32, Stri
   if (!found) t.shared = true;
   // Entities of the tree count their holders too: one that leaves the tree
   // while referred to lives on as a shared entity.
-  if (!holder.children.count(where)) {
+  if (!heldAlready) {
     ++t.holders;
-    holder.children[where] = {e, true};
+    holder.children.put(attr, key, Held{e, true});
   }
   out.u32(t.ref);
   TypeDesc const& actual = e->fwkType();
@@ -393,7 +472,7 @@ void LogWriter::changed(Entity const& e, KelAttr const& attr, void const* key) {
   if (!found) return;
   Tracked& t = *found;
   if (key) {
-    t.dirtyKeys[attr.logId].insert(encode(*attr.keyType, key));
+    t.rareNeeded().dirtyKeys[attr.logId].insert(encode(*attr.keyType, key));
   } else {
     t.markDirty(attr.logId);
   }
@@ -430,11 +509,12 @@ void LogWriter::writeAttr(LogOut& out, Tracked& t, KelAttr const& attr, bool ann
     case AttrKind::child: {
       Ptr<Entity const> child;
       type.attributeOp(&child, &e, &attr, attrOpRead);
-      auto const key = std::make_pair(attr.index, String());
-      auto const old = t.children.find(key);
-      if (old != t.children.end() && old->second.first != child.get()) {
-        drop(old->second);
-        t.children.erase(old);
+      Held const* const old = t.children.find(attr.index, {});
+      bool const heldAlready = old && old->entity == child.get();
+      if (old && !heldAlready) {
+        Held const gone = *old;
+        t.children.erase(attr.index, {});
+        drop(gone);
       }
       if (!child) {
         closeRecord(out, openRecord(out, t.ref, -id));
@@ -444,9 +524,9 @@ void LogWriter::writeAttr(LogOut& out, Tracked& t, KelAttr const& attr, bool ann
       Entity* const c = const_cast<Entity*>(child.get());
       bool const fresh = snapshotting_ || !trackedOf(c);
       // The readers know this child already.
-      if (!fresh && old != t.children.end() && old->second.first == c) return;
+      if (!fresh && heldAlready) return;
       Tracked& ct = track(*c);
-      t.children[key] = {c, false};
+      t.children.put(attr.index, {}, Held{c, false});
       std::size_t const at = openRecord(out, t.ref, id);
       out.u32(ct.ref);
       writeCtorArgs(out, *attr.type, *c, true);
@@ -466,8 +546,7 @@ void LogWriter::writeAttr(LogOut& out, Tracked& t, KelAttr const& attr, bool ann
       Ptr<Entity const> target;
       type.attributeOp(&target, &e, &attr, attrOpRead);
       std::size_t const at = openRecord(out, t.ref, id);
-      Entity* const fresh =
-          writeShared(out, t, std::make_pair(attr.index, String()), *attr.type, target.get());
+      Entity* const fresh = writeShared(out, t, attr.index, {}, *attr.type, target.get());
       closeRecord(out, at);
       ++records_;
       if (fresh) writeFresh(out, *fresh);
@@ -495,11 +574,11 @@ void LogWriter::writeMember(LogOut& out, Tracked& t, KelAttr const& attr, String
   } else if (attr.type->kind() == TypeKind::entity) {
     Ptr<Entity const> child;
     present = type.attributeOp(&child, &e, &attr, attrOpMemberRead, k.get()) == attrDone;
-    auto const where = std::make_pair(attr.index, key);
-    auto const old = t.children.find(where);
-    if (old != t.children.end() && (!present || old->second.first != child.get())) {
-      drop(old->second);
-      t.children.erase(old);
+    Held const* const old = t.children.find(attr.index, key);
+    if (old && (!present || old->entity != child.get())) {
+      Held const gone = *old;
+      t.children.erase(attr.index, key);
+      drop(gone);
     }
     if (present && holdsShared(attr) && !writingRefs_) {
       // After every announcement of the frame, as references are: the
@@ -510,7 +589,7 @@ void LogWriter::writeMember(LogOut& out, Tracked& t, KelAttr const& attr, String
     if (present && holdsShared(attr)) {
       at = openRecord(out, t.ref, id);
       out.bytes(key.data(), key.size());
-      Entity* const fresh = writeShared(out, t, where, *attr.type, child.get());
+      Entity* const fresh = writeShared(out, t, attr.index, key, *attr.type, child.get());
       closeRecord(out, at);
       ++records_;
       if (fresh) writeFresh(out, *fresh);
@@ -540,14 +619,13 @@ void LogWriter::writeMember(LogOut& out, Tracked& t, KelAttr const& attr, String
 // A member of a collection of owned entities, present under `key`.
 void LogWriter::writeOwnedMember(LogOut& out, Tracked& t, KelAttr const& attr, String const& key,
                                  Entity* c) {
-  auto where = std::make_pair(attr.index, key);
   bool const fresh = snapshotting_ || !trackedOf(c);
   if (!fresh) {
-    auto const known = t.children.find(where);
-    if (known != t.children.end() && known->second.first == c) return;
+    Held const* const known = t.children.find(attr.index, key);
+    if (known && known->entity == c) return;
   }
   Tracked& ct = track(*c);
-  t.children.insert_or_assign(std::move(where), std::make_pair(c, false));
+  t.children.put(attr.index, key, Held{c, false});
   std::size_t const at = openRecord(out, t.ref, static_cast<S32>(attr.logId));
   out.bytes(key.data(), key.size());
   out.u32(ct.ref);
@@ -751,7 +829,8 @@ void LogWriter::flush() {
       if (t.dead) continue;
       // In the order of their ids, as the records of an entity always go.
       t.takeDirty(attrs);
-      auto const keys = std::exchange(t.dirtyKeys, {});
+      auto const keys =
+          t.rare ? std::exchange(t.rare->dirtyKeys, {}) : std::map<U32, std::set<String>>();
       TypeDesc const& type = t.entity->fwkType();
       for (U32 id : attrs) {
         int const written =

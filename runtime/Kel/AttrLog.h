@@ -165,6 +165,12 @@ class LogWriter {
  private:
   class Tracker;
   struct Tracked;
+  // An entity that a tracked one holds: its own child, or a shared entity.
+  struct Held {
+    Entity* entity = nullptr;
+    bool shared = false;
+  };
+  class Holdings;
   struct Subscriber {
     std::unique_ptr<LogSink> sink;
     U64 seq = 0;
@@ -182,9 +188,9 @@ class LogWriter {
   void writeQueueNext(LogOut& out, Tracked& t, KelAttr const& attr, bool evenIfZero);
   void writeDeferredRefs(LogOut& out);
   void queue(Tracked& t);
-  void drop(std::pair<Entity*, bool> const& held);
+  void drop(Held held);
   void writeCtorArgs(LogOut& out, TypeDesc const& declared, Entity const& e, bool withKey);
-  Entity* writeShared(LogOut& out, Tracked& holder, std::pair<U32, String> const& where,
+  Entity* writeShared(LogOut& out, Tracked& holder, U32 attr, std::string_view key,
                       TypeDesc const& declared, Entity const* target);
   void writeFresh(LogOut& out, Entity& e);
   void streamParts(LogOut& out);

@@ -888,6 +888,18 @@ bool LogWriter::pending() const {
 
 // ---- reader
 
+namespace {
+
+// Whether a record of `a` may go through its type's typed dispatch: plain
+// values, and members of maps and sets of values.
+bool typedInLog(KelAttr const& a) noexcept {
+  return a.kind == AttrKind::plain || a.kind == AttrKind::hashedSet ||
+         ((a.kind == AttrKind::hashedMap || a.kind == AttrKind::orderedMap) &&
+          a.type->kind() != TypeKind::entity);
+}
+
+}  // namespace
+
 struct LogReader::Decoded {
   U32 ref = 0;
   S32 id = 0;
@@ -1334,6 +1346,9 @@ void LogReader::decode(LogIn& in, Decoded& d, Check* check) {
   }
   KelAttr const& a = *d.attr;
   bool const entities = a.type->kind() == TypeKind::entity;
+  // The apply pass leaves the values that the type's typed dispatch reads
+  // from the record itself (the first pass has checked them).
+  bool const typedLater = !check && !d.del && type->logDeserialize() && typedInLog(a);
   if (isCollection(a.kind)) {
     U8 const* const keyAt = value.position();
     d.keyValue.emplace(*a.keyType);
@@ -1353,14 +1368,21 @@ void LogReader::decode(LogIn& in, Decoded& d, Check* check) {
       } else if (entities) {
         d.childRef = value.u32();
         readArgs(*a.type, false);
+      } else if (typedLater) {
+        (void)value.bytes(value.remaining());
       } else if (a.kind != AttrKind::hashedSet) {
         d.value.emplace(*a.type);
         a.type->ops()->logRead(value, d.value->get());
       }
     }
   } else if (a.kind == AttrKind::plain && !d.del) {
-    d.value.emplace(*a.type);
-    a.type->ops()->logRead(value, d.value->get());
+    d.element = d.raw;
+    if (typedLater) {
+      (void)value.bytes(value.remaining());
+    } else {
+      d.value.emplace(*a.type);
+      a.type->ops()->logRead(value, d.value->get());
+    }
     if (check) type->attributeOp(nullptr, nullptr, &a, attrOpCheck, d.value->get());
   } else if (a.kind == AttrKind::child && !d.del) {
     d.childRef = value.u32();
@@ -1516,12 +1538,15 @@ void LogReader::apply(Entity& entity, Decoded& d) {
   }
   // Plain values and members of maps and sets of values go through the
   // type's own typed dispatch when it has one.
-  bool const typed = a.kind == AttrKind::plain || a.kind == AttrKind::hashedSet ||
-                     ((a.kind == AttrKind::hashedMap || a.kind == AttrKind::orderedMap) &&
-                      a.type->kind() != TypeKind::entity);
-  if (typed && type.logDeserialize()) {
+  if (typedInLog(a) && type.logDeserialize()) {
     LogIn in(d.raw);
     if (type.logDeserialize()(*e, d.id, in)) return;
+    if (!d.del && !d.value && a.kind != AttrKind::hashedSet) {
+      // The decoding left the value to the typed dispatch, which declined.
+      LogIn rest(d.element);
+      d.value.emplace(*a.type);
+      a.type->ops()->logRead(rest, d.value->get());
+    }
   }
   switch (a.kind) {
     case AttrKind::plain: type.attributeOp(nullptr, e, &a, attrOpWrite, d.value->get()); return;

@@ -15,7 +15,9 @@
 // puts every key at or after its home with no empty slot in between, and the
 // whole layout depends on the keys and the size only. A lookup starts at the
 // home slot, skips smaller reversed hashes and stops at the first greater
-// one or an empty slot: a miss reads one run of slots and no node. Insertion
+// one or an empty slot: a miss reads one run of slots and no node (a long
+// run, which a table filled in another's order makes, is crossed by
+// galloping: see seek()). Insertion
 // shifts the run after its place up by one slot; erasure shifts the
 // displaced slots after it back down (no tombstones). Growth and the
 // overflow tail re-place the slots in one ordered pass and never hash a key.

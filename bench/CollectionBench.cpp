@@ -195,9 +195,13 @@ struct EntitySet {
 };
 
 template <class C>
-void fill(C& c, std::size_t n) {
+void fill(C& c, std::vector<RsvpSpId> const& order) {
   U32 v = 0;
-  for (RsvpSpId const& k : keys(n).stored) c.insert(k, v++);
+  for (RsvpSpId const& k : order) c.insert(k, v++);
+}
+template <class C>
+void fill(C& c, std::size_t n) {
+  fill(c, keys(n).stored);
 }
 
 // Fills and drops one collection untimed, so that every measurement finds
@@ -242,25 +246,31 @@ void report(benchmark::State& state, char const* op, std::size_t n, Clock::durat
   state.SetItemsProcessed(static_cast<std::int64_t>(ops));
 }
 
+// Times filling a fresh collection with `order`, reported as `op`.
 template <class C>
-void BM_CollectionInsert(benchmark::State& state) {
-  if (!present<C>(state)) return;
-  auto const n = static_cast<std::size_t>(state.range(0));
-  warmUp<C>(n);
+void timeFills(benchmark::State& state, char const* op, std::vector<RsvpSpId> const& order) {
   Clock::duration timed{};
   for (auto _ : state) {
     state.PauseTiming();
     std::optional<C> c(std::in_place);
     state.ResumeTiming();
     auto const t0 = Clock::now();
-    fill(*c, n);
+    fill(*c, order);
     timed += Clock::now() - t0;
     state.PauseTiming();
-    if (c->size() != n) state.SkipWithError("keys lost");
+    if (c->size() != order.size()) state.SkipWithError("keys lost");
     c.reset();
     state.ResumeTiming();
   }
-  report<C>(state, "insert", n, timed, state.iterations() * n);
+  report<C>(state, op, order.size(), timed, state.iterations() * order.size());
+}
+
+template <class C>
+void BM_CollectionInsert(benchmark::State& state) {
+  if (!present<C>(state)) return;
+  auto const n = static_cast<std::size_t>(state.range(0));
+  warmUp<C>(n);
+  timeFills<C>(state, "insert", keys(n).stored);
 }
 
 template <class C>
@@ -325,21 +335,7 @@ void BM_CollectionCopyInOrder(benchmark::State& state) {
     fill(source, n);
     order = source.inOrder();
   }
-  Clock::duration timed{};
-  for (auto _ : state) {
-    state.PauseTiming();
-    std::optional<C> c(std::in_place);
-    state.ResumeTiming();
-    auto const t0 = Clock::now();
-    U32 v = 0;
-    for (RsvpSpId const& k : order) c->insert(k, v++);
-    timed += Clock::now() - t0;
-    state.PauseTiming();
-    if (c->size() != n) state.SkipWithError("keys lost");
-    c.reset();
-    state.ResumeTiming();
-  }
-  report<C>(state, "copy in order", n, timed, state.iterations() * n);
+  timeFills<C>(state, "copy in order", order);
 }
 
 template <class C>

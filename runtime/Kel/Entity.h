@@ -104,8 +104,8 @@ class Entity : public PtrInterface {
   void notifieesPrefetch() const noexcept {
     if (notifiees_ > kOne) {
       auto const* const at = reinterpret_cast<char const*>(notifiees_ & ~kOne);
-      __builtin_prefetch(at);
-      __builtin_prefetch(at + 64);
+      Kel::prefetch(at);
+      Kel::prefetch(at + 64);
     }
   }
 

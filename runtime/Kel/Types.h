@@ -33,6 +33,14 @@ using Seconds = double;
 // negated for the deletion of a collection member.
 using AttributeId = S32;
 
+// Asks for the cache line at `p` ahead of its use. GCC takes a function whose
+// only effect is a prefetch for a pure one and drops the calls to it, so a
+// hint of its own would vanish; the empty volatile asm is an effect it keeps.
+inline void prefetch(void const* p) noexcept {
+  __builtin_prefetch(p);
+  asm volatile("" : : "r"(p));
+}
+
 }  // namespace Kel
 
 #endif  // KEL_TYPES_H

@@ -1011,6 +1011,50 @@ bool sameCtorArgs(Entity const& e, TypeDesc const& declared, bool withKey,
 
 }  // namespace
 
+void LogRefTable::set(U32 ref, Ptr<Entity> e) {
+  if (ref >= dense_.size() && ref < 2 * (denseNamed_ + 1) + kDenseFloor) {
+    // Names that went to the hash table while the array was shorter move in.
+    U32 const from = static_cast<U32>(dense_.size());
+    dense_.resize(std::size_t{ref} + 1);
+    for (U32 r = from; !sparse_.empty() && r <= ref; ++r) {
+      auto it = sparse_.locate(r);
+      if (it.done()) continue;
+      recent_.forget(r);
+      dense_[r] = std::move(it.value());
+      ++denseNamed_;
+      sparse_.erase(it);
+    }
+  }
+  if (ref < dense_.size()) {
+    if (!dense_[ref]) ++denseNamed_;
+    dense_[ref] = std::move(e);
+    return;
+  }
+  recent_.forget(ref);
+  *sparse_.insert(ref).first = std::move(e);
+}
+
+Ptr<Entity> LogRefTable::take(U32 ref) noexcept {
+  if (ref < dense_.size()) {
+    if (dense_[ref]) --denseNamed_;
+    return std::move(dense_[ref]);
+  }
+  recent_.forget(ref);
+  auto it = sparse_.locate(ref);
+  if (it.done()) return nullptr;
+  Ptr<Entity> e = std::move(it.value());
+  sparse_.erase(it);
+  return e;
+}
+
+void LogRefTable::clear() noexcept {
+  dense_.clear();
+  dense_.shrink_to_fit();
+  denseNamed_ = 0;
+  sparse_.clear();
+  recent_.clear();
+}
+
 LogReader::LogReader(Entity& replica) : replica_(&replica) { reset(); }
 
 LogReader::~LogReader() {
@@ -1018,7 +1062,7 @@ LogReader::~LogReader() {
   // broken too; otherwise only among the entities it no longer holds.
   bool const replicaLetGo = replica_->references() == 1;
   std::vector<Ptr<Entity>> named = std::move(previous_);
-  for (auto it = refs_.begin(); !it.done(); ++it) named.push_back(std::move(it.value()));
+  refs_.forEach([&](U32, Ptr<Entity>& e) { named.push_back(std::move(e)); });
   unnameAll();
   if (replicaLetGo) {
     for (auto& e : named) limbo_.push_back(std::move(e));
@@ -1043,9 +1087,9 @@ void LogReader::reset() {
   previous_.clear();
   std::vector<Ptr<Entity>> named;
   named.reserve(refs_.size());
-  for (auto it = refs_.begin(); !it.done(); ++it) {
-    if (it.value().get() != replica_) named.push_back(std::move(it.value()));
-  }
+  refs_.forEach([&](U32, Ptr<Entity>& e) {
+    if (e.get() != replica_) named.push_back(std::move(e));
+  });
   unnameAll();
   nameIs(1, replica_);
   for (auto& e : named) forget(std::move(e));
@@ -1169,9 +1213,9 @@ void LogReader::frameIs(U8 kind, U64 seq, LogIn payload) {
     for (auto& e : previous_) forget(std::move(e));
     previous_.clear();
     previous_.reserve(refs_.size());
-    for (auto it = refs_.begin(); !it.done(); ++it) {
-      if (it.key() != 1) previous_.push_back(std::move(it.value()));
-    }
+    refs_.forEach([&](U32 ref, Ptr<Entity>& e) {
+      if (ref != 1) previous_.push_back(std::move(e));
+    });
     unnameAll();
     nameIs(1, replica_);
     seen_.clear();
@@ -1193,11 +1237,7 @@ void LogReader::frameIs(U8 kind, U64 seq, LogIn payload) {
       Decoded d;
       decode(in, d, nullptr);
       if (d.release) {
-        if (auto known = refs_.locate(d.ref); !known.done()) {
-          released.push_back(std::move(known.value()));
-          refs_.erase(known);
-          recent_.forget(d.ref);
-        }
+        if (Ptr<Entity> known = refs_.take(d.ref)) released.push_back(std::move(known));
         lastRef = 0;
         continue;
       }
@@ -1767,7 +1807,7 @@ void LogReader::settle() {
   if (!previous_.empty()) {
     std::unordered_set<Entity const*> named;
     named.reserve(refs_.size());
-    for (auto it = refs_.begin(); !it.done(); ++it) named.insert(it.value().get());
+    refs_.forEach([&](U32, Ptr<Entity>& e) { named.insert(e.get()); });
     std::vector<Ptr<Entity>> previous = std::move(previous_);
     previous_.clear();
     for (Ptr<Entity>& e : previous) {

@@ -251,6 +251,50 @@ class LogRefMemo {
   std::array<Entry, kSize> entries_{};
 };
 
+// The entities a stream names, by reference. A writer numbers its entities
+// from one counter and a snapshot names them in order, so most references
+// index an array; the array grows only while at least half of its places
+// are named, and other references go to a hash table, so that a long or
+// hostile stream costs memory in proportion to what it names at once.
+class LogRefTable {
+ public:
+  // The entity named `ref`, or null.
+  [[nodiscard]] Entity* find(U32 ref) const noexcept {
+    if (ref < dense_.size()) return dense_[ref].get();
+    if (auto const* known = recent_.find(ref)) return *known;
+    auto const* found = sparse_.find(ref);
+    if (!found) return nullptr;
+    recent_.set(ref, found->get());
+    return found->get();
+  }
+  // Names `e` (not null) `ref`, in place of what it named.
+  void set(U32 ref, Ptr<Entity> e);
+  // Forgets `ref`; answers what it named, or null.
+  Ptr<Entity> take(U32 ref) noexcept;
+  [[nodiscard]] std::size_t size() const noexcept { return denseNamed_ + sparse_.size(); }
+  // The places of the array: at most twice the references named at its
+  // fullest, plus kDenseFloor.
+  [[nodiscard]] std::size_t denseSize() const noexcept { return dense_.size(); }
+  void clear() noexcept;
+  // Calls f(ref, Ptr<Entity>&) for each named reference.
+  template <class F>
+  void forEach(F&& f) {
+    for (U32 ref = 0; ref < dense_.size(); ++ref) {
+      if (dense_[ref]) f(ref, dense_[ref]);
+    }
+    for (auto it = sparse_.begin(); !it.done(); ++it) f(it.key(), it.value());
+  }
+
+  static constexpr U32 kDenseFloor = 4096;
+
+ private:
+  std::vector<Ptr<Entity>> dense_;
+  std::size_t denseNamed_ = 0;
+  HashTable<U32, Ptr<Entity>> sparse_;
+  // The last references found in the hash table.
+  mutable LogRefMemo<Entity*> recent_;
+};
+
 class LogReader {
  public:
   // Keeps `replica` equal to the tree the stream comes from. The replica
@@ -323,25 +367,10 @@ class LogReader {
   bool snapshot_ = false;
   bool broken_ = false;
   // The entities the stream names, by their reference.
-  HashTable<U32, Ptr<Entity>> refs_;
-  // The last entities found there: nearly every record names an entity that
-  // a record shortly before named or announced.
-  mutable LogRefMemo<Entity*> recent_;
-  [[nodiscard]] Entity* namedBy(U32 ref) const noexcept {
-    if (auto const* known = recent_.find(ref)) return *known;
-    auto const* found = refs_.find(ref);
-    if (!found) return nullptr;
-    recent_.set(ref, found->get());
-    return found->get();
-  }
-  void nameIs(U32 ref, Ptr<Entity> e) {
-    recent_.forget(ref);
-    *refs_.insert(ref).first = std::move(e);
-  }
-  void unnameAll() noexcept {
-    refs_.clear();
-    recent_.clear();
-  }
+  LogRefTable refs_;
+  [[nodiscard]] Entity* namedBy(U32 ref) const noexcept { return refs_.find(ref); }
+  void nameIs(U32 ref, Ptr<Entity> e) { refs_.set(ref, std::move(e)); }
+  void unnameAll() noexcept { refs_.clear(); }
   // During a snapshot: the entities named before it, forgotten at its end
   // unless the snapshot names them again.
   std::vector<Ptr<Entity>> previous_;

@@ -20,6 +20,7 @@
 #include <unistd.h>
 
 #include <cstring>
+#include <map>
 #include <random>
 #include <vector>
 
@@ -172,6 +173,47 @@ TEST(AttrLog, BadBytesAreRefusedAndTheReplicaKept) {
 
 // Through a non-blocking pipe: the reader reads what is there, and sees the
 // end of the stream.
+// The reader's reference table against a map: references from a counter as a
+// writer hands them out, small and huge ones as a hostile stream might, names
+// replaced and released; the array never outgrows twice the peak of names.
+TEST(AttrLog, ReferenceTableFollowsAModel) {
+  std::vector<Kel::Ptr<Kel::Entity>> entities;
+  for (char c = 'a'; c < 'i'; ++c) entities.push_back(Sample::rootFactory(std::string(1, c)));
+  Kel::LogRefTable table;
+  std::map<Kel::U32, Kel::Entity*> model;
+  std::mt19937 rng(9);
+  Kel::U32 counter = 1;
+  std::size_t peak = 0;
+  for (int step = 0; step < 200000; ++step) {
+    Kel::U32 const dice = rng() % 100;
+    Kel::U32 const ref = dice < 60   ? counter++
+                         : dice < 80 ? rng() % (counter + 1)
+                         : dice < 90 ? rng() % 20000
+                                     : rng();
+    if (step % 50000 > 40000 || rng() % 3 == 0) {  // phases that release more than they name
+      Kel::Ptr<Kel::Entity> const taken = table.take(ref);
+      auto const it = model.find(ref);
+      ASSERT_EQ(taken.get(), it == model.end() ? nullptr : it->second) << ref;
+      if (it != model.end()) model.erase(it);
+    } else {
+      Kel::Entity* const e = entities[rng() % entities.size()].get();
+      table.set(ref, Kel::Ptr<Kel::Entity>(e));
+      model[ref] = e;
+    }
+    peak = std::max(peak, model.size());
+    ASSERT_EQ(table.size(), model.size());
+    ASSERT_EQ(table.find(ref), model.count(ref) ? model[ref] : nullptr) << ref;
+    ASSERT_LE(table.denseSize(), 2 * peak + Kel::LogRefTable::kDenseFloor + 2);
+  }
+  std::map<Kel::U32, Kel::Entity*> seen;
+  table.forEach([&](Kel::U32 ref, Kel::Ptr<Kel::Entity>& e) { seen[ref] = e.get(); });
+  EXPECT_EQ(seen, model);
+  for (auto const& [ref, e] : model) ASSERT_EQ(table.find(ref), e);
+  table.clear();
+  EXPECT_EQ(table.size(), 0u);
+  EXPECT_EQ(table.find(1), nullptr);
+}
+
 TEST(AttrLog, OverAPipe) {
   Link link;
   int fds[2];

@@ -936,7 +936,7 @@ struct LogReader::Decoded {
 struct LogReader::Check {
   bool snapshot = false;
   bool snapshotStart = false;  // names nothing but the root and what it announces
-  HashTable<U32, TypeDesc const*> announced;
+  LogRefTable<TypeDesc const*> announced;
   HashTable<U32> released;
   LogRefMemo<TypeDesc const*> types;  // the last answers of the checking typeOf
   struct Entry {
@@ -1010,50 +1010,6 @@ bool sameCtorArgs(Entity const& e, TypeDesc const& declared, bool withKey,
 }
 
 }  // namespace
-
-void LogRefTable::set(U32 ref, Ptr<Entity> e) {
-  if (ref >= dense_.size() && ref < 2 * (denseNamed_ + 1) + kDenseFloor) {
-    // Names that went to the hash table while the array was shorter move in.
-    U32 const from = static_cast<U32>(dense_.size());
-    dense_.resize(std::size_t{ref} + 1);
-    for (U32 r = from; !sparse_.empty() && r <= ref; ++r) {
-      auto it = sparse_.locate(r);
-      if (it.done()) continue;
-      recent_.forget(r);
-      dense_[r] = std::move(it.value());
-      ++denseNamed_;
-      sparse_.erase(it);
-    }
-  }
-  if (ref < dense_.size()) {
-    if (!dense_[ref]) ++denseNamed_;
-    dense_[ref] = std::move(e);
-    return;
-  }
-  recent_.forget(ref);
-  *sparse_.insert(ref).first = std::move(e);
-}
-
-Ptr<Entity> LogRefTable::take(U32 ref) noexcept {
-  if (ref < dense_.size()) {
-    if (dense_[ref]) --denseNamed_;
-    return std::move(dense_[ref]);
-  }
-  recent_.forget(ref);
-  auto it = sparse_.locate(ref);
-  if (it.done()) return nullptr;
-  Ptr<Entity> e = std::move(it.value());
-  sparse_.erase(it);
-  return e;
-}
-
-void LogRefTable::clear() noexcept {
-  dense_.clear();
-  dense_.shrink_to_fit();
-  denseNamed_ = 0;
-  sparse_.clear();
-  recent_.clear();
-}
 
 LogReader::LogReader(Entity& replica) : replica_(&replica) { reset(); }
 
@@ -1307,8 +1263,8 @@ void LogReader::decode(LogIn& in, Decoded& d, Check* check) {
       if (auto const* const known = check->types.find(ref)) return *known;
       TypeDesc const* type = nullptr;
       if (check->released.find(ref)) return nullptr;
-      if (auto const* const a = check->announced.find(ref)) {
-        type = *a;
+      if (TypeDesc const* const a = check->announced.find(ref)) {
+        type = a;
       } else if (ref == 1) {
         type = &replica_->fwkType();
       } else if (check->snapshotStart) {
@@ -1373,7 +1329,7 @@ void LogReader::decode(LogIn& in, Decoded& d, Check* check) {
     if (check) {
       if (length != 0) throw LogException("Bad record length in the attribute log");
       if (d.ref == 1) throw LogException("The root of the attribute log cannot be released");
-      check->announced.erase(d.ref);
+      check->announced.take(d.ref);
       check->released.insert(d.ref);
       check->types.forget(d.ref);
     }
@@ -1455,7 +1411,7 @@ void LogReader::decode(LogIn& in, Decoded& d, Check* check) {
     if (known) throw LogException("Entity announced twice in the attribute log");
     check->released.erase(d.childRef);
     TypeDesc const* const announcedType = d.freshType ? d.freshType : a.type;
-    *check->announced.insert(d.childRef).first = announcedType;
+    check->announced.set(d.childRef, announcedType);
     check->types.set(d.childRef, announcedType);
   }
 }

@@ -29,8 +29,10 @@
 #include <memory>
 #include <set>
 #include <string_view>
+#include <type_traits>
 #include <unordered_map>
 #include <unordered_set>
+#include <utility>
 #include <vector>
 
 namespace Kel {
@@ -251,32 +253,83 @@ class LogRefMemo {
   std::array<Entry, kSize> entries_{};
 };
 
-// The entities a stream names, by reference. A writer numbers its entities
-// from one counter and a snapshot names them in order, so most references
-// index an array; the array grows only while at least half of its places
-// are named, and other references go to a hash table, so that a long or
-// hostile stream costs memory in proportion to what it names at once.
+// What a stream's references name, by reference: the entities, or while a
+// frame is checked the types it announces. T is a pointer or a Ptr, null
+// where nothing is named. A writer numbers its entities from one counter and
+// a snapshot names them in order, so most references index an array; the
+// array grows only while at least half of its places are named, and other
+// references go to a hash table, so that a long or hostile stream costs
+// memory in proportion to what it names at once.
+template <class T>
 class LogRefTable {
+  static auto raw(T const& v) noexcept {
+    if constexpr (std::is_pointer_v<T>) {
+      return v;
+    } else {
+      return v.get();
+    }
+  }
+
  public:
-  // The entity named `ref`, or null.
-  [[nodiscard]] Entity* find(U32 ref) const noexcept {
-    if (ref < dense_.size()) return dense_[ref].get();
+  using Raw = decltype(raw(std::declval<T const&>()));
+
+  // What `ref` names, or null.
+  [[nodiscard]] Raw find(U32 ref) const noexcept {
+    if (ref < dense_.size()) return raw(dense_[ref]);
     if (auto const* known = recent_.find(ref)) return *known;
     auto const* found = sparse_.find(ref);
     if (!found) return nullptr;
-    recent_.set(ref, found->get());
-    return found->get();
+    recent_.set(ref, raw(*found));
+    return raw(*found);
   }
-  // Names `e` (not null) `ref`, in place of what it named.
-  void set(U32 ref, Ptr<Entity> e);
+  // Names `v` (not null) `ref`, in place of what it named.
+  void set(U32 ref, T v) {
+    if (ref >= dense_.size() && ref < 2 * (denseNamed_ + 1) + kDenseFloor) {
+      // Names that went to the hash table while the array was shorter move in.
+      auto const from = static_cast<U32>(dense_.size());
+      dense_.resize(std::size_t{ref} + 1);
+      for (U32 r = from; !sparse_.empty() && r <= ref; ++r) {
+        auto it = sparse_.locate(r);
+        if (it.done()) continue;
+        recent_.forget(r);
+        dense_[r] = std::move(it.value());
+        ++denseNamed_;
+        sparse_.erase(it);
+      }
+    }
+    if (ref < dense_.size()) {
+      if (!dense_[ref]) ++denseNamed_;
+      dense_[ref] = std::move(v);
+      return;
+    }
+    recent_.forget(ref);
+    *sparse_.insert(ref).first = std::move(v);
+  }
   // Forgets `ref`; answers what it named, or null.
-  Ptr<Entity> take(U32 ref) noexcept;
+  T take(U32 ref) noexcept {
+    if (ref < dense_.size()) {
+      if (dense_[ref]) --denseNamed_;
+      return std::exchange(dense_[ref], T());
+    }
+    recent_.forget(ref);
+    auto it = sparse_.locate(ref);
+    if (it.done()) return T();
+    T v = std::move(it.value());
+    sparse_.erase(it);
+    return v;
+  }
   [[nodiscard]] std::size_t size() const noexcept { return denseNamed_ + sparse_.size(); }
   // The places of the array: at most twice the references named at its
   // fullest, plus kDenseFloor.
   [[nodiscard]] std::size_t denseSize() const noexcept { return dense_.size(); }
-  void clear() noexcept;
-  // Calls f(ref, Ptr<Entity>&) for each named reference.
+  void clear() noexcept {
+    dense_.clear();
+    dense_.shrink_to_fit();
+    denseNamed_ = 0;
+    sparse_.clear();
+    recent_.clear();
+  }
+  // Calls f(ref, T&) for each named reference.
   template <class F>
   void forEach(F&& f) {
     for (U32 ref = 0; ref < dense_.size(); ++ref) {
@@ -288,11 +341,11 @@ class LogRefTable {
   static constexpr U32 kDenseFloor = 4096;
 
  private:
-  std::vector<Ptr<Entity>> dense_;
+  std::vector<T> dense_;
   std::size_t denseNamed_ = 0;
-  HashTable<U32, Ptr<Entity>> sparse_;
+  HashTable<U32, T> sparse_;
   // The last references found in the hash table.
-  mutable LogRefMemo<Entity*> recent_;
+  mutable LogRefMemo<Raw> recent_;
 };
 
 class LogReader {
@@ -367,7 +420,7 @@ class LogReader {
   bool snapshot_ = false;
   bool broken_ = false;
   // The entities the stream names, by their reference.
-  LogRefTable refs_;
+  LogRefTable<Ptr<Entity>> refs_;
   [[nodiscard]] Entity* namedBy(U32 ref) const noexcept { return refs_.find(ref); }
   void nameIs(U32 ref, Ptr<Entity> e) { refs_.set(ref, std::move(e)); }
   void unnameAll() noexcept { refs_.clear(); }

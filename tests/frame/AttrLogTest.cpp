@@ -179,7 +179,7 @@ TEST(AttrLog, BadBytesAreRefusedAndTheReplicaKept) {
 TEST(AttrLog, ReferenceTableFollowsAModel) {
   std::vector<Kel::Ptr<Kel::Entity>> entities;
   for (char c = 'a'; c < 'i'; ++c) entities.push_back(Sample::rootFactory(std::string(1, c)));
-  Kel::LogRefTable table;
+  Kel::LogRefTable<Kel::Ptr<Kel::Entity>> table;
   std::map<Kel::U32, Kel::Entity*> model;
   std::mt19937 rng(9);
   Kel::U32 counter = 1;
@@ -203,7 +203,8 @@ TEST(AttrLog, ReferenceTableFollowsAModel) {
     peak = std::max(peak, model.size());
     ASSERT_EQ(table.size(), model.size());
     ASSERT_EQ(table.find(ref), model.count(ref) ? model[ref] : nullptr) << ref;
-    ASSERT_LE(table.denseSize(), 2 * peak + Kel::LogRefTable::kDenseFloor + 2);
+    ASSERT_LE(table.denseSize(),
+              2 * peak + Kel::LogRefTable<Kel::Ptr<Kel::Entity>>::kDenseFloor + 2);
   }
   std::map<Kel::U32, Kel::Entity*> seen;
   table.forEach([&](Kel::U32 ref, Kel::Ptr<Kel::Entity>& e) { seen[ref] = e.get(); });

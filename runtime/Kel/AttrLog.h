@@ -256,8 +256,10 @@ class LogRefMemo {
 // What a stream's references name, by reference: the entities, or while a
 // frame is checked the types it announces. T is a pointer or a Ptr, null
 // where nothing is named. A writer numbers its entities from one counter and
-// a snapshot names them in order, so most references index an array; the
-// array grows only while at least half of its places are named, and other
+// a snapshot names them in order, so most references index an array, from
+// the first reference named into it (a frame's announcements start where
+// the last frame's ended); the array grows only while at least half of its
+// places are named, and other
 // references go to a hash table, so that a long or hostile stream costs
 // memory in proportion to what it names at once.
 template <class T>
@@ -275,7 +277,7 @@ class LogRefTable {
 
   // What `ref` names, or null.
   [[nodiscard]] Raw find(U32 ref) const noexcept {
-    if (ref < dense_.size()) return raw(dense_[ref]);
+    if (U32 const i = ref - base_; i < dense_.size()) return raw(dense_[i]);
     if (auto const* known = recent_.find(ref)) return *known;
     auto const* found = sparse_.find(ref);
     if (!found) return nullptr;
@@ -284,22 +286,24 @@ class LogRefTable {
   }
   // Names `v` (not null) `ref`, in place of what it named.
   void set(U32 ref, T v) {
-    if (ref >= dense_.size() && ref < 2 * (denseNamed_ + 1) + kDenseFloor) {
+    if (dense_.empty()) base_ = ref;
+    U32 const i = ref - base_;
+    if (i >= dense_.size() && i < 2 * (denseNamed_ + 1) + kDenseFloor) {
       // Names that went to the hash table while the array was shorter move in.
       auto const from = static_cast<U32>(dense_.size());
-      dense_.resize(std::size_t{ref} + 1);
-      for (U32 r = from; !sparse_.empty() && r <= ref; ++r) {
-        auto it = sparse_.locate(r);
+      dense_.resize(std::size_t{i} + 1);
+      for (U32 k = from; !sparse_.empty() && k <= i; ++k) {
+        auto it = sparse_.locate(base_ + k);
         if (it.done()) continue;
-        recent_.forget(r);
-        dense_[r] = std::move(it.value());
+        recent_.forget(base_ + k);
+        dense_[k] = std::move(it.value());
         ++denseNamed_;
         sparse_.erase(it);
       }
     }
-    if (ref < dense_.size()) {
-      if (!dense_[ref]) ++denseNamed_;
-      dense_[ref] = std::move(v);
+    if (i < dense_.size()) {
+      if (!dense_[i]) ++denseNamed_;
+      dense_[i] = std::move(v);
       return;
     }
     recent_.forget(ref);
@@ -307,9 +311,9 @@ class LogRefTable {
   }
   // Forgets `ref`; answers what it named, or null.
   T take(U32 ref) noexcept {
-    if (ref < dense_.size()) {
-      if (dense_[ref]) --denseNamed_;
-      return std::exchange(dense_[ref], T());
+    if (U32 const i = ref - base_; i < dense_.size()) {
+      if (dense_[i]) --denseNamed_;
+      return std::exchange(dense_[i], T());
     }
     recent_.forget(ref);
     auto it = sparse_.locate(ref);
@@ -326,14 +330,15 @@ class LogRefTable {
     dense_.clear();
     dense_.shrink_to_fit();
     denseNamed_ = 0;
+    base_ = 0;
     sparse_.clear();
     recent_.clear();
   }
   // Calls f(ref, T&) for each named reference.
   template <class F>
   void forEach(F&& f) {
-    for (U32 ref = 0; ref < dense_.size(); ++ref) {
-      if (dense_[ref]) f(ref, dense_[ref]);
+    for (U32 i = 0; i < dense_.size(); ++i) {
+      if (dense_[i]) f(base_ + i, dense_[i]);
     }
     for (auto it = sparse_.begin(); !it.done(); ++it) f(it.key(), it.value());
   }
@@ -341,7 +346,8 @@ class LogRefTable {
   static constexpr U32 kDenseFloor = 4096;
 
  private:
-  std::vector<T> dense_;
+  std::vector<T> dense_;  // dense_[i] for reference base_ + i
+  U32 base_ = 0;
   std::size_t denseNamed_ = 0;
   HashTable<U32, T> sparse_;
   // The last references found in the hash table.

@@ -174,15 +174,16 @@ TEST(AttrLog, BadBytesAreRefusedAndTheReplicaKept) {
 // Through a non-blocking pipe: the reader reads what is there, and sees the
 // end of the stream.
 // The reader's reference table against a map: references from a counter as a
-// writer hands them out, small and huge ones as a hostile stream might, names
-// replaced and released; the array never outgrows twice the peak of names.
+// writer hands them out, from the middle of its count, small and huge ones as
+// a hostile stream might, names replaced and released; the array never
+// outgrows twice the peak of names.
 TEST(AttrLog, ReferenceTableFollowsAModel) {
   std::vector<Kel::Ptr<Kel::Entity>> entities;
   for (char c = 'a'; c < 'i'; ++c) entities.push_back(Sample::rootFactory(std::string(1, c)));
   Kel::LogRefTable<Kel::Ptr<Kel::Entity>> table;
   std::map<Kel::U32, Kel::Entity*> model;
   std::mt19937 rng(9);
-  Kel::U32 counter = 1;
+  Kel::U32 counter = 300000;  // as in a frame in the middle of a snapshot
   std::size_t peak = 0;
   for (int step = 0; step < 200000; ++step) {
     Kel::U32 const dice = rng() % 100;

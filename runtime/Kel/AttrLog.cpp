@@ -756,11 +756,15 @@ struct LogWriter::SnapshotStream {
   }
 
   void frame(std::string_view part) {
-    String bytes;
+    bytes.clear();
     logFrame(bytes, kind, ++subscriber.seq, part);
     ok = ok && subscriber.sink->write(bytes);
     kind = frameSnapshotMore;
   }
+
+  // The frame being sent, kept for the next: a part is 16 MiB, and fresh
+  // memory of that size costs the kernel's clearing of every page.
+  String bytes = String();
 };
 
 // Called between records: sends the whole parts written so far.

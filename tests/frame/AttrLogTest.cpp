@@ -483,7 +483,7 @@ TEST(AttrLog, ChecksumIsCrc32) {
     return c ^ 0xffffffffu;
   };
   std::mt19937 rng(5);
-  std::string buffer(80, '\0');
+  std::string buffer(300, '\0');  // the folding by 64 and 16 bytes, and the tails
   for (char& ch : buffer) ch = static_cast<char>(rng());
   for (std::size_t from = 0; from < 8; ++from) {
     for (std::size_t length = 0; from + length <= buffer.size(); ++length) {

@@ -3,7 +3,9 @@
 
 #include <algorithm>
 #include <array>
+#include <bit>
 #include <cerrno>
+#include <cstring>
 #include <new>
 #include <optional>
 #include <tuple>
@@ -64,19 +66,26 @@ void forEachPart(std::string_view payload, std::size_t limit, U8 first, U8 more,
 
 }  // namespace
 
+namespace {
+
+U32 bigEndian(U32 v) noexcept {
+  if constexpr (std::endian::native == std::endian::little) return __builtin_bswap32(v);
+  return v;
+}
+
+}  // namespace
+
+// Every record opens and closes here, millions to a snapshot: the head goes
+// in one append, and the length in place.
 std::size_t openLogRecord(LogOut& out, U32 ref, S32 id) {
-  out.u32(ref);
-  out.u32(static_cast<U32>(id));
-  std::size_t const at = out.size();
-  out.u32(0);
-  return at;
+  U32 const head[3] = {bigEndian(ref), bigEndian(static_cast<U32>(id)), 0};
+  out.bytes(head, sizeof head);
+  return out.size() - 4;
 }
 
 void closeLogRecord(LogOut& out, std::size_t lengthAt) {
-  U32 const n = static_cast<U32>(out.size() - lengthAt - 4);
-  String& b = out.buffer();
-  for (int i = 0; i < 4; ++i)
-    b[lengthAt + static_cast<std::size_t>(i)] = static_cast<char>(n >> (24 - 8 * i));
+  U32 const n = bigEndian(static_cast<U32>(out.size() - lengthAt - 4));
+  std::memcpy(out.buffer().data() + lengthAt, &n, sizeof n);
 }
 
 namespace {
@@ -724,6 +733,14 @@ void LogWriter::writeEntity(LogOut& out, Tracked& t) {
   TypeDesc const& type = t.entity->fwkType();
   type.forEachAttr([&](KelAttr const& attr) {
     if (attr.logId == 0) return;
+    if (attr.kind == AttrKind::plain && t.adapter) {
+      // Through the type's typed dispatch, which takes no generic value.
+      int const written = t.adapter->handleAttrAnnounce(static_cast<S32>(attr.logId), out, t.ref);
+      if (written >= 0) {
+        records_ += static_cast<U64>(written);
+        return;
+      }
+    }
     if (!isCollection(attr.kind)) {
       writeAttr(out, t, attr, true);
       return;

@@ -101,10 +101,6 @@ String encode(TypeDesc const& type, void const* v) {
 }
 
 #if defined(__x86_64__)
-// The CRC of whole 16-byte blocks, n >= 64, by carry-less multiplication:
-// four 128-bit lanes folded 64 bytes a step, then into one lane, then
-// reduced to 32 bits (Barrett). The constants are powers of x modulo the
-// polynomial, bit-reflected; `c` is the running state of the table loop.
 // A lane carried 128 bits on (k3k4) or 512 (k1k2), plus the `next` block.
 [[gnu::target("pclmul,sse4.1")]] inline __m128i crcFold(__m128i lane, __m128i k,
                                                         __m128i next) noexcept {
@@ -113,6 +109,10 @@ String encode(TypeDesc const& type, void const* v) {
   return _mm_xor_si128(_mm_xor_si128(hi, lo), next);
 }
 
+// The CRC of whole 16-byte blocks, n >= 64, by carry-less multiplication:
+// four 128-bit lanes folded 64 bytes a step, then into one lane, then
+// reduced to 32 bits (Barrett). The constants are powers of x modulo the
+// polynomial, bit-reflected; `c` is the running state of the table loop.
 [[gnu::target("pclmul,sse4.1")]] U32 crc32Folded(U8 const* p, std::size_t n, U32 c) noexcept {
   auto const load = [](U8 const* at) {
     return _mm_loadu_si128(reinterpret_cast<__m128i const*>(at));
@@ -845,8 +845,8 @@ struct LogWriter::SnapshotStream {
     kind = frameSnapshotMore;
   }
 
-  // The frame being sent, kept for the next: a part is 16 MiB, and fresh
-  // memory of that size costs the kernel's clearing of every page.
+  // The frame being sent, kept for the next, so that each 16 MiB part does
+  // not take fresh memory.
   String bytes = String();
 };
 

@@ -262,10 +262,9 @@ class LogRefMemo {
 // where nothing is named. A writer numbers its entities from one counter and
 // a snapshot names them in order, so most references index an array, from
 // the first reference named into it (a frame's announcements start where
-// the last frame's ended); the array grows only while at least half of its
-// places are named, and other
-// references go to a hash table, so that a long or hostile stream costs
-// memory in proportion to what it names at once.
+// the last frame's ended). The array grows only while at least half of its
+// places are named, and other references go to a hash table, so that a long
+// or hostile stream costs memory in proportion to what it names at once.
 template <class T>
 class LogRefTable {
   static auto raw(T const& v) noexcept {

@@ -171,8 +171,6 @@ TEST(AttrLog, BadBytesAreRefusedAndTheReplicaKept) {
   }
 }
 
-// Through a non-blocking pipe: the reader reads what is there, and sees the
-// end of the stream.
 // The reader's reference table against a map: references from a counter as a
 // writer hands them out, from the middle of its count, small and huge ones as
 // a hostile stream might, names replaced and released; the array never
@@ -216,6 +214,8 @@ TEST(AttrLog, ReferenceTableFollowsAModel) {
   EXPECT_EQ(table.find(1), nullptr);
 }
 
+// Through a non-blocking pipe: the reader reads what is there, and sees the
+// end of the stream.
 TEST(AttrLog, OverAPipe) {
   Link link;
   int fds[2];

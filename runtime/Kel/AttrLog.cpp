@@ -745,6 +745,12 @@ void LogWriter::writeEntity(LogOut& out, Tracked& t) {
       writeAttr(out, t, attr, true);
       return;
     }
+    // Most collections of a large tree are empty: no iterator for those.
+    if (std::size_t members = 1;
+        type.attributeOp(&members, t.entity.get(), &attr, attrOpSize) == attrDone && members == 0) {
+      if (attr.kind == AttrKind::queue) writeQueueNext(out, t, attr, false);
+      return;
+    }
     std::unique_ptr<GenericIter> it;
     if (type.attributeOp(&it, t.entity.get(), &attr, attrOpIterate) != attrDone) return;
     if (attr.type->kind() == TypeKind::entity && snapshotting_ && !holdsShared(attr)) {

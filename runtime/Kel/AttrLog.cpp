@@ -64,10 +64,6 @@ void forEachPart(std::string_view payload, std::size_t limit, U8 first, U8 more,
   emit(kind, payload);
 }
 
-}  // namespace
-
-namespace {
-
 U32 bigEndian(U32 v) noexcept {
   if constexpr (std::endian::native == std::endian::little) return __builtin_bswap32(v);
   return v;

@@ -4,6 +4,7 @@
 #include <algorithm>
 #include <array>
 #include <bit>
+#include <cassert>
 #include <cerrno>
 #include <cstring>
 #include <new>
@@ -241,74 +242,106 @@ namespace {
 struct HeldWhere {
   U32 attr = 0;
   String key;
-  [[nodiscard]] U32 hash() const noexcept {
+  [[nodiscard]] static U32 hashOf(U32 attr, std::string_view key) noexcept {
     return static_cast<U32>(std::hash<std::string_view>()(key) * 31 + attr);
   }
+  [[nodiscard]] U32 hash() const noexcept { return hashOf(attr, key); }
   bool operator==(HeldWhere const&) const = default;
 };
 
 }  // namespace
 
 // What one entity holds, by where: owned children, or shared entities. Most
-// entities hold a few (the child of a slot, the target of a reference), kept
-// in a short list; a collection of many members gets a hash table.
+// entities hold a few (the children of slots, the target of a reference, a
+// short queue), kept in a short list with their keys in place; a long key
+// (a member of a keyed collection) or a holder of many goes to a hash table.
+// A snapshot tracks millions of entities: the list's entries are 32 bytes.
 class LogWriter::Holdings {
  public:
-  [[nodiscard]] Held const* find(U32 attr, std::string_view key) const {
-    if (many_) return many_->find(HeldWhere{attr, String(key)});
-    for (Entry const& e : few_) {
-      if (e.where.attr == attr && e.where.key == key) return &e.held;
+  // What (attr, key) holds; a null entity when nothing.
+  [[nodiscard]] Held find(U32 attr, std::string_view key) const {
+    if (Entry const* e = findFew(attr, key)) return e->held();
+    if (many_) {
+      auto const it = locateMany(attr, key);
+      if (!it.done()) return it.value();
     }
-    return nullptr;
+    return {};
   }
   // Sets what (attr, key) holds.
   void put(U32 attr, std::string_view key, Held held) {
-    if (many_) {
-      *many_->insert(HeldWhere{attr, String(key)}).first = held;
+    if (Entry* e = findFew(attr, key)) {
+      e->entity = held.entity;
+      e->shared = held.shared;
       return;
     }
-    for (Entry& e : few_) {
-      if (e.where.attr == attr && e.where.key == key) {
-        e.held = held;
+    if (many_) {
+      auto const it = locateMany(attr, key);
+      if (!it.done()) {
+        it.value() = held;
         return;
       }
     }
-    if (few_.size() < kFew) {
-      few_.push_back(Entry{HeldWhere{attr, String(key)}, held});
+    if (key.size() <= Entry::kKeyBytes && few_.size() < kFew) {
+      if (few_.empty()) few_.reserve(1);  // a block holds its one message
+      Entry& e = few_.emplace_back();
+      e.entity = held.entity;
+      e.attr = attr;
+      e.shared = held.shared;
+      e.keySize = static_cast<U8>(key.size());
+      std::memcpy(e.key, key.data(), key.size());
       return;
     }
-    many_ = std::make_unique<HashTable<HeldWhere, Held>>();
-    for (Entry& e : few_) *many_->insert(std::move(e.where)).first = e.held;
-    few_ = {};
-    *many_->insert(HeldWhere{attr, String(key)}).first = held;
+    if (!many_) many_ = std::make_unique<HashTable<HeldWhere, Held>>();
+    *many_->insertHashed(bitReverse32(HeldWhere::hashOf(attr, key)), HeldWhere{attr, String(key)})
+         .first = held;
   }
   void erase(U32 attr, std::string_view key) {
-    if (many_) {
-      many_->erase(HeldWhere{attr, String(key)});
+    if (Entry* e = findFew(attr, key)) {
+      *e = few_.back();
+      few_.pop_back();
       return;
     }
-    auto const at = std::find_if(few_.begin(), few_.end(), [&](Entry const& e) {
-      return e.where.attr == attr && e.where.key == key;
-    });
-    if (at == few_.end()) return;
-    *at = std::move(few_.back());
-    few_.pop_back();
+    if (!many_) return;
+    auto it = locateMany(attr, key);
+    if (!it.done()) many_->erase(it);
   }
   template <class F>
   void forEach(F&& f) const {
+    for (Entry const& e : few_) f(e.held());
     if (many_) {
       for (auto it = many_->begin(); !it.done(); ++it) f(it.value());
-      return;
     }
-    for (Entry const& e : few_) f(e.held);
   }
 
  private:
   static constexpr std::size_t kFew = 8;
   struct Entry {
-    HeldWhere where;
-    Held held;
+    static constexpr std::size_t kKeyBytes = 18;
+    Entity* entity;
+    U32 attr;
+    bool shared;
+    U8 keySize;
+    char key[kKeyBytes];
+    [[nodiscard]] Held held() const noexcept { return Held{entity, shared}; }
+    [[nodiscard]] bool is(U32 a, std::string_view k) const noexcept {
+      return attr == a && std::string_view(key, keySize) == k;
+    }
   };
+  static_assert(sizeof(Entry) == 32);
+
+  [[nodiscard]] Entry* findFew(U32 attr, std::string_view key) const {
+    if (key.size() > Entry::kKeyBytes) return nullptr;
+    for (Entry const& e : few_) {
+      if (e.is(attr, key)) return const_cast<Entry*>(&e);
+    }
+    return nullptr;
+  }
+  [[nodiscard]] HashTable<HeldWhere, Held>::Iterator locateMany(U32 attr,
+                                                                std::string_view key) const {
+    return many_->locateIf(bitReverse32(HeldWhere::hashOf(attr, key)),
+                           [&](HeldWhere const& w) { return w.attr == attr && w.key == key; });
+  }
+
   std::vector<Entry> few_;
   std::unique_ptr<HashTable<HeldWhere, Held>> many_;
 };
@@ -325,12 +358,12 @@ struct LogWriter::Tracked final : LogDirtySink {
   [[nodiscard]] void* adapterRoom() noexcept { return reinterpret_cast<char*>(this) - roomBefore; }
 
   LogWriter* writer = nullptr;
-  LogStateAdapter* adapter = nullptr;  // the type's own, made in adapterRoom()
   Ptr<Entity> entity;
   U32 ref = 0;
   bool queued = false;
-  bool dead = false;    // no longer tracked; skipped by the flush that meets it
-  bool shared = false;  // held by references or queues, not owned in the tree
+  bool dead = false;     // no longer tracked; skipped by the flush that meets it
+  bool shared = false;   // held by references or queues, not owned in the tree
+  bool adapted = false;  // the type's own adapter lives in adapterRoom()
   // Attribute log ids changed since the last flush, each once: the first
   // few here, the others in dirtyMore.
   static constexpr U8 kFewDirty = 5;
@@ -359,9 +392,13 @@ struct LogWriter::Tracked final : LogDirtySink {
   Tracked& operator=(Tracked const&) = delete;
   ~Tracked() override { adapterDrop(); }
 
+  // The type's adapter, or null.
+  [[nodiscard]] LogStateAdapter* adapter() noexcept {
+    return adapted ? std::launder(static_cast<LogStateAdapter*>(adapterRoom())) : nullptr;
+  }
   void adapterDrop() noexcept {
-    if (adapter) adapter->~LogStateAdapter();
-    adapter = nullptr;
+    if (adapted) adapter()->~LogStateAdapter();
+    adapted = false;
   }
 
   void attrDirtyIs(S32 id) override {
@@ -395,8 +432,9 @@ struct LogWriter::Tracked final : LogDirtySink {
 };
 
 LogWriter::Tracked* LogWriter::Tracked::make(std::size_t adapterBytes) {
-  // Rounded so that the record stays aligned as operator new aligns.
-  constexpr std::size_t align = alignof(std::max_align_t);
+  // The adapter starts where operator new aligns; the record follows it at
+  // its own alignment.
+  constexpr std::size_t align = alignof(Tracked);
   std::size_t const before = (adapterBytes + align - 1) & ~(align - 1);
   auto* const base = static_cast<char*>(::operator new(before + sizeof(Tracked)));
   Tracked* t = nullptr;
@@ -445,7 +483,11 @@ LogWriter::Tracked& LogWriter::track(Entity& e) {
     slot->ref = nextRef_++;
     slot->writer = this;
     if (make) {
-      slot->adapter = make(slot->adapterRoom(), e, slot.get());
+      // The adapter's base is its first part, so the record finds it at
+      // the start of its room.
+      [[maybe_unused]] LogStateAdapter* const a = make(slot->adapterRoom(), e, slot.get());
+      assert(static_cast<void*>(a) == slot->adapterRoom());
+      slot->adapted = true;
     } else if (observed) {
       slot->rareNeeded().notifiee = e.fwkType().genericNotifiee(&e, tracker_.get());
     }
@@ -498,12 +540,11 @@ void LogWriter::writeCtorArgs(LogOut& out, TypeDesc const& declared, Entity cons
 
 Entity* LogWriter::writeShared(LogOut& out, Tracked& holder, U32 attr, std::string_view key,
                                TypeDesc const& declared, Entity const* target) {
-  Held const* const old = holder.children.find(attr, key);
-  bool const heldAlready = old && old->entity == target;
-  if (old && !heldAlready) {
-    Held const gone = *old;
+  Held const old = holder.children.find(attr, key);
+  bool const heldAlready = old.entity && old.entity == target;
+  if (old.entity && !heldAlready) {
     holder.children.erase(attr, key);
-    drop(gone);
+    drop(old);
   }
   if (!target) {
     out.u32(0);
@@ -580,12 +621,11 @@ void LogWriter::writeAttr(LogOut& out, Tracked& t, KelAttr const& attr, bool ann
     case AttrKind::child: {
       Ptr<Entity const> child;
       type.attributeOp(&child, &e, &attr, attrOpRead);
-      Held const* const old = t.children.find(attr.index, {});
-      bool const heldAlready = old && old->entity == child.get();
-      if (old && !heldAlready) {
-        Held const gone = *old;
+      Held const old = t.children.find(attr.index, {});
+      bool const heldAlready = old.entity && old.entity == child.get();
+      if (old.entity && !heldAlready) {
         t.children.erase(attr.index, {});
-        drop(gone);
+        drop(old);
       }
       if (!child) {
         closeRecord(out, openRecord(out, t.ref, -id));
@@ -645,11 +685,10 @@ void LogWriter::writeMember(LogOut& out, Tracked& t, KelAttr const& attr, String
   } else if (attr.type->kind() == TypeKind::entity) {
     Ptr<Entity const> child;
     present = type.attributeOp(&child, &e, &attr, attrOpMemberRead, k.get()) == attrDone;
-    Held const* const old = t.children.find(attr.index, key);
-    if (old && (!present || old->entity != child.get())) {
-      Held const gone = *old;
+    Held const old = t.children.find(attr.index, key);
+    if (old.entity && (!present || old.entity != child.get())) {
       t.children.erase(attr.index, key);
-      drop(gone);
+      drop(old);
     }
     if (present && holdsShared(attr) && !writingRefs_) {
       // After every announcement of the frame, as references are: the
@@ -692,8 +731,7 @@ void LogWriter::writeOwnedMember(LogOut& out, Tracked& t, KelAttr const& attr, S
                                  Entity* c) {
   bool const fresh = snapshotting_ || !trackedOf(c);
   if (!fresh) {
-    Held const* const known = t.children.find(attr.index, key);
-    if (known && known->entity == c) return;
+    if (t.children.find(attr.index, key).entity == c) return;
   }
   Tracked& ct = track(*c);
   t.children.put(attr.index, key, Held{c, false});
@@ -729,9 +767,9 @@ void LogWriter::writeEntity(LogOut& out, Tracked& t) {
   TypeDesc const& type = t.entity->fwkType();
   type.forEachAttr([&](KelAttr const& attr) {
     if (attr.logId == 0) return;
-    if (attr.kind == AttrKind::plain && t.adapter) {
+    if (attr.kind == AttrKind::plain && t.adapted) {
       // Through the type's typed dispatch, which takes no generic value.
-      int const written = t.adapter->handleAttrAnnounce(static_cast<S32>(attr.logId), out, t.ref);
+      int const written = t.adapter()->handleAttrAnnounce(static_cast<S32>(attr.logId), out, t.ref);
       if (written >= 0) {
         records_ += static_cast<U64>(written);
         return;
@@ -915,7 +953,7 @@ void LogWriter::flush() {
       }
       if (i + 4 < dirty_.size()) {
         __builtin_prefetch(dirty_[i + 4]->entity.get());
-        __builtin_prefetch(dirty_[i + 4]->adapter);
+        __builtin_prefetch(dirty_[i + 4]->adapterRoom());
       }
       Tracked& t = *dirty_[i];
       t.queued = false;
@@ -927,7 +965,7 @@ void LogWriter::flush() {
       TypeDesc const& type = t.entity->fwkType();
       for (U32 id : attrs) {
         int const written =
-            t.adapter ? t.adapter->handleAttrFlowOut(static_cast<S32>(id), out, t.ref) : -1;
+            t.adapted ? t.adapter()->handleAttrFlowOut(static_cast<S32>(id), out, t.ref) : -1;
         KelAttr const& attr = *type.attrByLogId(id);
         if (written >= 0) {
           records_ += static_cast<U64>(written);

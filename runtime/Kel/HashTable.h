@@ -230,6 +230,23 @@ class HashTable {
     return it;
   }
 
+  // An iterator standing on the key of reversed hash `rh` that `same(key)`
+  // accepts, done when there is none: a lookup by a view of the key that
+  // builds no key.
+  template <class Same>
+  [[nodiscard]] Iterator locateIf(U32 rh, Same&& same) const {
+    Iterator it;
+    it.table_ = this;
+    if (!slots_) return it;
+    for (U32 i = seek(home(rh), rh); slots_[i].rhash == rh && isNode(slots_[i].node); ++i) {
+      if (same(nodeAt(slots_[i].node)->keyOf())) {
+        standOn(it, i);
+        return it;
+      }
+    }
+    return it;
+  }
+
   // Inserts `key` with a value made from `args` unless present. Answers the
   // stored value and whether it is new.
   template <class... Args>

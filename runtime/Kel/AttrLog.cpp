@@ -1472,6 +1472,12 @@ void LogReader::decode(LogIn& in, Decoded& d, Check* check) {
     throw LogException("Unknown attribute " + std::to_string(id) + " of " + String(type->name()));
   }
   KelAttr const& a = *d.attr;
+  if (check && typedInLog(a) && type->logCheck() && type->logCheck()(id, value)) {
+    // Checked by the type's typed dispatch, without generic values: a plain
+    // value or a member of a collection of values announces nothing.
+    if (!value.atEnd()) throw LogException("Bad record length in the attribute log");
+    return;
+  }
   bool const entities = a.type->kind() == TypeKind::entity;
   // The apply pass leaves the values that the type's typed dispatch reads
   // from the record itself (the first pass has checked them).

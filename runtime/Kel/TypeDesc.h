@@ -183,6 +183,8 @@ using CreateWithArgsFn = Ptr<Entity> (*)(void const* const* args);
 using LogStateAdapterFn = LogStateAdapter* (*)(void* at, Entity& entity, LogDirtySink* sink);
 // The typed reading of one record into `entity` (false: left to the generic reader).
 using LogDeserializeFn = bool (*)(Entity& entity, S32 id, LogIn& in);
+// Reads and checks one record as LogDeserializeFn would, applying nothing.
+using LogCheckFn = bool (*)(S32 id, LogIn& in);
 // The end of a transaction (a frame) that changed attribute `id` of `entity`
 // `count` times; `type` is the frame's kind. Answers whether a type of the
 // chain knew the attribute.
@@ -204,6 +206,7 @@ class TypeDesc {
     LogStateAdapterFn logStateAdapter = nullptr;      // entities
     U32 logStateAdapterBytes = 0;                     // the adapter's size
     LogDeserializeFn logDeserialize = nullptr;        // entities
+    LogCheckFn logCheck = nullptr;                    // entities
     LogTransactionFn logTransaction = nullptr;        // entities
     // Whether the transaction end does anything: the reader keeps the
     // bookkeeping of a frame's changed attributes only for such types.
@@ -252,6 +255,7 @@ class TypeDesc {
   [[nodiscard]] constexpr LogDeserializeFn logDeserialize() const noexcept {
     return parts_.logDeserialize;
   }
+  [[nodiscard]] constexpr LogCheckFn logCheck() const noexcept { return parts_.logCheck; }
   [[nodiscard]] constexpr LogTransactionFn logTransaction() const noexcept {
     return parts_.logTransaction;
   }

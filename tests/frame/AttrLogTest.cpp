@@ -60,7 +60,8 @@ template <class... V>
 std::string enc(V const&... v) {
   std::string s;
   Kel::LogOut out(s);
-  (Kel::kelLogWrite(out, v), ...);
+  using Kel::kelLogWrite;  // the model's own types by their namespace
+  (kelLogWrite(out, v), ...);
   return s;
 }
 
@@ -295,6 +296,11 @@ std::vector<BadRecord> badRecords() {
        "Attribute log record for points refused"},
       {"a value longer than its record says",
        Hand().record(1, logId("count"), enc(Kel::U32{1}, Kel::U8{0})).payload,
+       "Bad record length in the attribute log"},
+      {"a member's key cut short", Hand().record(1, logId("weights"), enc(Kel::U32{1})).payload,
+       "Bad value in the attribute log: Truncated IpGenAddr: 20 bytes needed, 4 available"},
+      {"a member with bytes after its value",
+       Hand().record(1, logId("weights"), enc(spId(1), Kel::U32{2}, Kel::U8{0})).payload,
        "Bad record length in the attribute log"},
       {"a reference to an unknown entity",
        Hand().record(1, logId("shared"), enc(Kel::U32{999999}, Kel::U8{0})).payload,

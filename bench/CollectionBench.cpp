@@ -1,4 +1,5 @@
-// The hash table against its peers and through the generated RsvpSpIdSet:
+// The hash table against its peers, through the generated RsvpSpIdSet and
+// through the generated table of state paths (entities under their own key):
 // insert, find, erase and iteration of 10k and 1M state-path ids, all hashed
 // by the id's own hash(), heap bytes per element measured by counting
 // operator new, and entity setters. The peers are std::unordered_map,
@@ -194,6 +195,28 @@ struct EntitySet {
   [[nodiscard]] std::size_t size() const { return s->spIdSize(); }
 };
 
+// The generated table of state paths: entities under their own key, which
+// the table reads from the entity (a walk that reads keys visits each
+// entity).
+struct EntityTable {
+  static constexpr char const* skipped = nullptr;
+  Kel::Ptr<RsvpSpStateColl> t = rsvpSpStateCollFactory("bench");
+  void insert(RsvpSpId const& k, U32) { t->spStateIs(k, false); }
+  [[nodiscard]] bool find(RsvpSpId const& k) const { return t->spState(k) != nullptr; }
+  bool erase(RsvpSpId const& k) { return t->spStateDel(k); }
+  [[nodiscard]] U64 walk() const {
+    U64 sum = 0;
+    for (auto it = t->spStateIter(); !it.done(); ++it) sum += it.key().pathId().lspId();
+    return sum;
+  }
+  [[nodiscard]] std::vector<RsvpSpId> inOrder() const {
+    std::vector<RsvpSpId> keys;
+    for (auto it = t->spStateIter(); !it.done(); ++it) keys.push_back(it.key());
+    return keys;
+  }
+  [[nodiscard]] std::size_t size() const { return t->spStateSize(); }
+};
+
 template <class C>
 void fill(C& c, std::vector<RsvpSpId> const& order) {
   U32 v = 0;
@@ -387,7 +410,8 @@ void BM_BytesPerElement(benchmark::State& state) {
   COLLECTION_BENCH_ONE(name, BoostFlatMap);    \
   COLLECTION_BENCH_ONE(name, AbslFlatHashMap); \
   COLLECTION_BENCH_ONE(name, AbslNodeHashMap); \
-  COLLECTION_BENCH_ONE(name, EntitySet)
+  COLLECTION_BENCH_ONE(name, EntitySet);       \
+  COLLECTION_BENCH_ONE(name, EntityTable)
 
 COLLECTION_BENCH(BM_CollectionInsert);
 COLLECTION_BENCH(BM_CollectionFindHit);
@@ -403,6 +427,7 @@ BYTES_BENCH(BoostFlatMap);
 BYTES_BENCH(AbslFlatHashMap);
 BYTES_BENCH(AbslNodeHashMap);
 BYTES_BENCH(EntitySet);
+BYTES_BENCH(EntityTable);
 
 #if RSVP_BENCH_HAS_TEST_MODEL
 // ---- Setters

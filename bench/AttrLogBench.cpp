@@ -8,10 +8,13 @@
 
 #include "HeapCount.h"
 
+#include <algorithm>
 #include <cerrno>
 #include <cstddef>
 #include <cstdint>
 #include <memory>
+#include <numeric>
+#include <random>
 #include <string>
 #include <string_view>
 #include <vector>
@@ -410,5 +413,32 @@ void BM_AttrLogReaderFrameMemory(benchmark::State& state) {
 }
 BENCHMARK(BM_AttrLogReaderFrameMemory)->Arg(5000000)->Iterations(1)->Unit(benchmark::kMillisecond);
 #endif
+
+// ---- The reader's table of references: the root, then state.range(0)
+// references named in a shuffled order, as a snapshot names them when its
+// writer followed the tree as it grew (in order: when it met the tree with
+// the snapshot). Reports nanoseconds per reference named.
+void BM_AttrLogRefTableNaming(benchmark::State& state) {
+  auto const count = static_cast<U32>(state.range(0));
+  bool const shuffled = state.range(1) != 0;
+  std::vector<U32> refs(count);
+  std::iota(refs.begin(), refs.end(), 2u);
+  if (shuffled) std::shuffle(refs.begin(), refs.end(), std::mt19937(7));
+  auto const* const named = reinterpret_cast<Kel::Entity const*>(alignof(Kel::Entity));
+  for (auto _ : state) {
+    Kel::LogRefTable<Kel::Entity const*> table;
+    table.set(1, named);
+    for (U32 const ref : refs) table.set(ref, named);
+    benchmark::DoNotOptimize(table.size());
+  }
+  state.counters["nsPerRef"] =
+      benchmark::Counter(static_cast<double>(state.iterations()) * count,
+                         benchmark::Counter::kIsRate | benchmark::Counter::kInvert);
+}
+BENCHMARK(BM_AttrLogRefTableNaming)
+    ->ArgNames({"refs", "shuffled"})
+    ->Args({1400000, 0})
+    ->Args({1400000, 1})
+    ->Unit(benchmark::kMillisecond);
 
 }  // namespace

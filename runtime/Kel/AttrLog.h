@@ -23,6 +23,7 @@
 #include <Kel/LogCodec.h>
 #include <Kel/TypeDesc.h>
 
+#include <algorithm>
 #include <array>
 #include <deque>
 #include <map>
@@ -259,12 +260,15 @@ class LogRefMemo {
 
 // What a stream's references name, by reference: the entities, or while a
 // frame is checked the types it announces. T is a pointer or a Ptr, null
-// where nothing is named. A writer numbers its entities from one counter and
-// a snapshot names them in order, so most references index an array, from
-// the first reference named into it (a frame's announcements start where
-// the last frame's ended). The array grows only while at least half of its
-// places are named, and other references go to a hash table, so that a long
-// or hostile stream costs memory in proportion to what it names at once.
+// where nothing is named. A writer numbers its entities from one counter, so
+// most references index an array, from the first reference named into it (a
+// frame's announcements start where the last frame's ended). A snapshot
+// names them in order when the writer met the tree with it, and in the
+// tree's order when it followed the tree as it grew. The array reaches at
+// most twice the references named at once (in it or not), plus
+// kDenseFloor; other references go to a hash table and move into the array
+// when it grows over them, so that a long or hostile stream costs memory in
+// proportion to what it names at once.
 template <class T>
 class LogRefTable {
   static auto raw(T const& v) noexcept {
@@ -291,18 +295,10 @@ class LogRefTable {
   void set(U32 ref, T v) {
     if (dense_.empty()) base_ = ref;
     U32 const i = ref - base_;
-    if (i >= dense_.size() && i < 2 * (denseNamed_ + 1) + kDenseFloor) {
-      // Names that went to the hash table while the array was shorter move in.
-      auto const from = static_cast<U32>(dense_.size());
-      dense_.resize(std::size_t{i} + 1);
-      for (U32 k = from; !sparse_.empty() && k <= i; ++k) {
-        auto it = sparse_.locate(base_ + k);
-        if (it.done()) continue;
-        recent_.forget(base_ + k);
-        dense_[k] = std::move(it.value());
-        ++denseNamed_;
-        sparse_.erase(it);
-      }
+    if (std::size_t const limit = 2 * (size() + 1) + kDenseFloor; i >= dense_.size() && i < limit) {
+      // At least doubling, so that the hash table's names move in a few
+      // times only however the references come.
+      grow(std::min(limit, std::max(std::size_t{i} + 1, 2 * dense_.size())));
     }
     if (i < dense_.size()) {
       if (!dense_[i]) ++denseNamed_;
@@ -349,6 +345,37 @@ class LogRefTable {
   static constexpr U32 kDenseFloor = 4096;
 
  private:
+  // Makes the array `to` places long; the names in the hash table that it
+  // now covers move in, found by reference or by a walk of the table,
+  // whichever reads less.
+  void grow(std::size_t to) {
+    std::size_t const from = dense_.size();
+    dense_.resize(to);
+    auto const moveIn = [&](U32 k, T& named) {
+      recent_.forget(base_ + k);
+      dense_[k] = std::move(named);
+      ++denseNamed_;
+    };
+    if (to - from <= sparse_.size()) {
+      for (auto k = static_cast<U32>(from); !sparse_.empty() && k < to; ++k) {
+        auto it = sparse_.locate(base_ + k);
+        if (it.done()) continue;
+        moveIn(k, it.value());
+        sparse_.erase(it);
+      }
+      return;
+    }
+    for (auto it = sparse_.begin(); !it.done();) {
+      U32 const k = it.key() - base_;
+      if (k < from || k >= to) {
+        ++it;
+        continue;
+      }
+      moveIn(k, it.value());
+      sparse_.erase(it);
+    }
+  }
+
   std::vector<T> dense_;  // dense_[i] for reference base_ + i
   U32 base_ = 0;
   std::size_t denseNamed_ = 0;

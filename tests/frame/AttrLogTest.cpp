@@ -19,8 +19,10 @@
 #include <sys/un.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cstring>
 #include <map>
+#include <numeric>
 #include <random>
 #include <vector>
 
@@ -213,6 +215,25 @@ TEST(AttrLog, ReferenceTableFollowsAModel) {
   table.clear();
   EXPECT_EQ(table.size(), 0u);
   EXPECT_EQ(table.find(1), nullptr);
+
+  // The root, then references in another order than their numbers (a
+  // snapshot from a writer that followed its tree as it grew): names move
+  // from the hash table into the growing array, by reference or by a walk.
+  std::vector<Kel::U32> refs(100000);
+  std::iota(refs.begin(), refs.end(), 2u);
+  std::shuffle(refs.begin(), refs.end(), rng);
+  auto const named = [&](Kel::U32 ref) { return entities[ref % entities.size()].get(); };
+  table.set(1, Kel::Ptr<Kel::Entity>(named(1)));
+  for (std::size_t k = 0; k < refs.size(); ++k) {
+    table.set(refs[k], Kel::Ptr<Kel::Entity>(named(refs[k])));
+    if (k % 9973 == 0) {
+      ASSERT_LE(table.denseSize(),
+                2 * (k + 2) + Kel::LogRefTable<Kel::Ptr<Kel::Entity>>::kDenseFloor + 2);
+      for (std::size_t j = 0; j <= k; j += 97) ASSERT_EQ(table.find(refs[j]), named(refs[j]));
+    }
+  }
+  EXPECT_EQ(table.size(), refs.size() + 1);
+  for (Kel::U32 const ref : refs) ASSERT_EQ(table.find(ref), named(ref)) << ref;
 }
 
 // Through a non-blocking pipe: the reader reads what is there, and sees the

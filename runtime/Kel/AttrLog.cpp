@@ -1834,53 +1834,74 @@ void LogReader::forget(Ptr<Entity> e) {
 // been let go too).
 void LogReader::collect(bool everything) {
   if (limbo_.empty()) return;
+  // The graph of what the held entities hold: nodes by number, found by
+  // entity in the library's hash table; each node's edges lie together in
+  // one array, since a node is walked once.
   struct Node {
+    Entity* entity;
     U32 internal = 0;
+    U32 edgesBegin = 0;
+    U32 edgesEnd = 0;
     bool live = false;
     bool walked = false;
-    std::vector<Entity*> out;
+    bool kept = false;
   };
-  std::unordered_map<Entity*, Node> nodes;
+  std::vector<Node> nodes;
+  HashTable<Entity*, U32> numbers;
+  auto const nodeOf = [&](Entity* e) {
+    auto const [number, fresh] = numbers.insert(e);
+    if (fresh) {
+      *number = static_cast<U32>(nodes.size());
+      nodes.push_back(Node{e});
+    }
+    return *number;
+  };
+  std::vector<U32> edges;
   bool const rootOutside = !everything;
-  std::vector<Entity*> stack;
+  std::vector<U32> stack;
   for (Ptr<Entity> const& held : limbo_) {
-    ++nodes[held.get()].internal;
-    stack.push_back(held.get());
+    U32 const n = nodeOf(held.get());
+    ++nodes[n].internal;
+    stack.push_back(n);
   }
   while (!stack.empty()) {
-    Entity* const e = stack.back();
+    U32 const n = stack.back();
     stack.pop_back();
-    Node& node = nodes[e];
-    if (node.walked) continue;
-    node.walked = true;
-    forEachHeld(*e, [&](Entity* target) {
+    if (nodes[n].walked) continue;
+    nodes[n].walked = true;
+    nodes[n].edgesBegin = static_cast<U32>(edges.size());
+    forEachHeld(*nodes[n].entity, [&](Entity* target) {
       if (rootOutside && attached(target, replica_)) return;
-      ++nodes[target].internal;
-      nodes[e].out.push_back(target);
-      stack.push_back(target);
+      U32 const t = nodeOf(target);
+      ++nodes[t].internal;
+      edges.push_back(t);
+      stack.push_back(t);
     });
+    nodes[n].edgesEnd = static_cast<U32>(edges.size());
   }
-  for (auto& [e, node] : nodes) {
-    if (e->references() > node.internal) stack.push_back(e);
+  for (U32 n = 0; n < nodes.size(); ++n) {
+    if (nodes[n].entity->references() > nodes[n].internal) stack.push_back(n);
   }
   while (!stack.empty()) {
     Node& node = nodes[stack.back()];
     stack.pop_back();
     if (node.live) continue;
     node.live = true;
-    for (Entity* t : node.out) stack.push_back(t);
+    stack.insert(stack.end(), edges.begin() + node.edgesBegin, edges.begin() + node.edgesEnd);
   }
   std::vector<Ptr<Entity>> garbage;
-  for (auto& [e, node] : nodes) {
-    if (!node.live) garbage.emplace_back(e);
+  for (Node const& node : nodes) {
+    if (!node.live) garbage.emplace_back(node.entity);
   }
   // Held entities stay while something outside holds them and they are not
   // in the replica's tree (which holds them for good).
   std::vector<Ptr<Entity>> keep;
-  std::unordered_set<Entity*> kept;
   for (Ptr<Entity>& held : limbo_) {
-    if (nodes[held.get()].live && !attached(held.get(), replica_) && kept.insert(held.get()).second)
+    Node& node = nodes[nodeOf(held.get())];  // numbered already
+    if (node.live && !node.kept && !attached(held.get(), replica_)) {
+      node.kept = true;
       keep.push_back(std::move(held));
+    }
   }
   limbo_.swap(keep);
   keep.clear();

@@ -393,6 +393,7 @@ void BM_Snapshot100k(benchmark::State& state) {
     pollfd answered{sv[0], POLLIN, 0};
     ::poll(&answered, 1, 60000);
     if (::read(sv[0], &answer, 1) != 1 || answer != '!') {
+      ::close(sv[0]);
       int status = 0;
       ::waitpid(pid, &status, 0);
       std::fprintf(stderr, "replica: answer %d, exit %d\n", answer, WEXITSTATUS(status));

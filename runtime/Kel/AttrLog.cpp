@@ -288,7 +288,8 @@ class LogWriter::Holdings {
       e.attr = attr;
       e.shared = held.shared;
       e.keySize = static_cast<U8>(key.size());
-      std::memcpy(e.key, key.data(), key.size());
+      // An empty key (a child slot's) may have no bytes at all to copy.
+      if (!key.empty()) std::memcpy(e.key, key.data(), key.size());
       return;
     }
     if (!many_) many_ = std::make_unique<HashTable<HeldWhere, Held>>();

@@ -262,7 +262,7 @@ class LogWriter::Holdings {
   [[nodiscard]] Held find(U32 attr, std::string_view key) const {
     if (Entry const* e = findFew(attr, key)) return e->held();
     if (many_) {
-      auto const it = locateMany(attr, key);
+      auto const it = locateMany(reversedHashOf(attr, key), attr, key);
       if (!it.done()) return it.value();
     }
     return {};
@@ -274,14 +274,18 @@ class LogWriter::Holdings {
       e->shared = held.shared;
       return;
     }
+    // Hashed once for the table's lookup and insertion; the short list,
+    // where most go, needs no hash.
+    bool const toList = key.size() <= Entry::kKeyBytes && few_.size() < kFew;
+    U32 const rh = many_ || !toList ? reversedHashOf(attr, key) : 0;
     if (many_) {
-      auto const it = locateMany(attr, key);
+      auto const it = locateMany(rh, attr, key);
       if (!it.done()) {
         it.value() = held;
         return;
       }
     }
-    if (key.size() <= Entry::kKeyBytes && few_.size() < kFew) {
+    if (toList) {
       if (few_.empty()) few_.reserve(1);  // a block holds its one message
       Entry& e = few_.emplace_back();
       e.entity = held.entity;
@@ -293,8 +297,7 @@ class LogWriter::Holdings {
       return;
     }
     if (!many_) many_ = std::make_unique<HashTable<HeldWhere, Held>>();
-    *many_->insertHashed(bitReverse32(HeldWhere::hashOf(attr, key)), HeldWhere{attr, String(key)})
-         .first = held;
+    *many_->insertHashed(rh, HeldWhere{attr, String(key)}).first = held;
   }
   void erase(U32 attr, std::string_view key) {
     if (Entry* e = findFew(attr, key)) {
@@ -303,7 +306,7 @@ class LogWriter::Holdings {
       return;
     }
     if (!many_) return;
-    auto it = locateMany(attr, key);
+    auto it = locateMany(reversedHashOf(attr, key), attr, key);
     if (!it.done()) many_->erase(it);
   }
   template <class F>
@@ -337,10 +340,13 @@ class LogWriter::Holdings {
     }
     return nullptr;
   }
-  [[nodiscard]] HashTable<HeldWhere, Held>::Iterator locateMany(U32 attr,
+  [[nodiscard]] static U32 reversedHashOf(U32 attr, std::string_view key) noexcept {
+    return bitReverse32(HeldWhere::hashOf(attr, key));
+  }
+  // In the hash table, given reversedHashOf(attr, key).
+  [[nodiscard]] HashTable<HeldWhere, Held>::Iterator locateMany(U32 rh, U32 attr,
                                                                 std::string_view key) const {
-    return many_->locateIf(bitReverse32(HeldWhere::hashOf(attr, key)),
-                           [&](HeldWhere const& w) { return w.attr == attr && w.key == key; });
+    return many_->locateIf(rh, [&](HeldWhere const& w) { return w.attr == attr && w.key == key; });
   }
 
   std::vector<Entry> few_;

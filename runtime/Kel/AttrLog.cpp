@@ -973,7 +973,7 @@ void LogWriter::flush() {
       for (U32 id : attrs) {
         int const written =
             t.adapted ? t.adapter()->handleAttrFlowOut(static_cast<S32>(id), out, t.ref) : -1;
-        KelAttr const& attr = *type.attrByLogId(id);
+        KelAttr const& attr = *attrs_.find(type, id);
         if (written >= 0) {
           records_ += static_cast<U64>(written);
         } else {
@@ -982,7 +982,7 @@ void LogWriter::flush() {
         if (attr.kind == AttrKind::queue) writeQueueNext(out, t, attr, true);
       }
       for (auto const& [id, members] : keys) {
-        KelAttr const& attr = *type.attrByLogId(id);
+        KelAttr const& attr = *attrs_.find(type, id);
         for (String const& key : members) {
           if (t.dead) break;
           writeMember(out, t, attr, key);
@@ -1369,23 +1369,17 @@ void LogReader::frameIs(U8 kind, U64 seq, LogIn payload) {
 
 // The attribute of `type` under log id `logId`, or null: through an index by
 // id that the reader makes once per type it meets.
-KelAttr const* LogReader::attrByLogId(TypeDesc const& type, U32 logId) {
-  if (&type != lastType_) {
-    auto const found = byLogId_.try_emplace(&type);
-    std::vector<KelAttr const*>& index = found.first->second;
-    if (found.second) {
-      type.forEachAttr([&](KelAttr const& a) {
-        // Ids are the schema's (from 256 up) or the index: a table either way.
-        if (a.logId == 0 || a.logId > 65535) return;
-        if (index.size() <= a.logId) index.resize(a.logId + 1, nullptr);
-        index[a.logId] = &a;
-      });
-    }
-    lastType_ = &type;
-    lastIndex_ = &index;
+LogAttrIndex::Table const& LogAttrIndex::tableOf(TypeDesc const& type) {
+  auto const [found, fresh] = tables_.try_emplace(&type);
+  Table& table = found->second;
+  if (fresh) {
+    type.forEachAttr([&](KelAttr const& a) {
+      if (a.logId == 0 || a.logId > kTableIds) return;
+      if (table.size() <= a.logId) table.resize(a.logId + 1, nullptr);
+      table[a.logId] = &a;
+    });
   }
-  if (logId < lastIndex_->size()) return (*lastIndex_)[logId];
-  return logId > 65535 ? type.attrByLogId(logId) : nullptr;
+  return table;
 }
 
 // Reads one record. With `check` (the first pass) it also checks the record
@@ -1474,7 +1468,7 @@ void LogReader::decode(LogIn& in, Decoded& d, Check* check) {
     throw LogException("Unknown entity " + std::to_string(d.ref) + " in the attribute log");
   d.del = id < 0;
   U32 const logId = static_cast<U32>(d.del ? -static_cast<S64>(id) : id);
-  d.attr = attrByLogId(*type, logId);
+  d.attr = attrs_.find(*type, logId);
   if (!d.attr) {
     throw LogException("Unknown attribute " + std::to_string(id) + " of " + String(type->name()));
   }

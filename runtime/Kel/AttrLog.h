@@ -139,6 +139,33 @@ enum LogFrameKind : U8 {
 };
 inline constexpr std::size_t logFramePartBytes = 16u << 20;
 
+// The attributes of the types met, by attribute-log id: a table per type,
+// reached through a small direct-mapped cache, since a snapshot or a flush
+// meets another type at nearly every entity.
+class LogAttrIndex {
+ public:
+  // The attribute of `type` with `logId`, or null.
+  [[nodiscard]] KelAttr const* find(TypeDesc const& type, U32 logId) {
+    auto const key = reinterpret_cast<std::uintptr_t>(&type);
+    Cached& c = cache_[static_cast<std::size_t>((key * 0x9E3779B97F4A7C15ULL) >> 58)];
+    if (c.type != &type) c = Cached{&type, &tableOf(type)};
+    if (logId < c.table->size()) return (*c.table)[logId];
+    return logId > kTableIds ? type.attrByLogId(logId) : nullptr;
+  }
+
+ private:
+  // Ids are the schema's (from 256 up) or the index: a table either way.
+  static constexpr U32 kTableIds = 65535;
+  using Table = std::vector<KelAttr const*>;
+  Table const& tableOf(TypeDesc const& type);
+  struct Cached {
+    TypeDesc const* type = nullptr;
+    Table const* table = nullptr;
+  };
+  std::array<Cached, 64> cache_{};
+  std::unordered_map<TypeDesc const*, Table> tables_;  // nodes stay put
+};
+
 class LogWriter {
  public:
   // Mounts `root`: from now on its changes and those of every entity it owns
@@ -231,6 +258,7 @@ class LogWriter {
   SnapshotStream* stream_ = nullptr;  // the snapshot being written, sent as it goes
   U64 records_ = 0;
   std::size_t partBytes_ = logFramePartBytes;
+  LogAttrIndex attrs_;
 };
 
 // What a few recent references stood for, by reference (0 is none): a small
@@ -439,7 +467,6 @@ class LogReader {
   void checkQueue(Check& check, Decoded const& d);
   void checkQueue(Check& check, Decoded const& d, std::size_t recordNo);
   void apply(Entity& e, Decoded& d);
-  KelAttr const* attrByLogId(TypeDesc const& type, U32 logId);
   void applyChild(Entity& e, Decoded& d);
   Ptr<Entity const> shared(Decoded const& d);
   void forget(Ptr<Entity> e);
@@ -470,10 +497,7 @@ class LogReader {
   // writer leaves out those that hold the value a new entity has, so the
   // others go back to it at the end.
   std::unordered_map<Entity const*, std::vector<U32>> reusedPlain_;
-  // Attributes by log id, per type met; the last type's at hand.
-  std::unordered_map<TypeDesc const*, std::vector<KelAttr const*>> byLogId_;
-  TypeDesc const* lastType_ = nullptr;
-  std::vector<KelAttr const*> const* lastIndex_ = nullptr;
+  LogAttrIndex attrs_;
   // Entities no longer named that something still held when they were
   // forgotten (see collect()).
   std::vector<Ptr<Entity>> limbo_;

@@ -50,11 +50,20 @@ IpGenAddr IpGenAddr::fromNetwork(Kel::U8 const* in, std::size_t avail) {
                                 Kel::String(buf, detail::formatU32(buf, family)));
     }
   }
-  Kel::U8 const* const bytes = in + 4;
-  for (std::size_t i = used; i < Ip6Addr::wireSize; ++i) {
-    if (bytes[i] != 0) throw Kel::RangeException("Invalid IpGenAddr bytes");
-  }
-  return IpGenAddr(static_cast<AddressFamily>(family), Ip6Addr::fromNetwork(bytes, avail - 4));
+  // The bytes past the family's must be zero: tested a word at a time, as
+  // a replica reads millions of addresses.
+  Ip6Addr::Bytes b;
+  std::memcpy(b.data(), in + 4, b.size());
+  Kel::U32 head;
+  Kel::U32 second;
+  Kel::U64 rest;
+  std::memcpy(&head, b.data(), 4);
+  std::memcpy(&second, b.data() + 4, 4);
+  std::memcpy(&rest, b.data() + 8, 8);
+  bool const clean =
+      used == Ip6Addr::wireSize || ((second | rest) == 0 && (used == 4 || head == 0));
+  if (!clean) throw Kel::RangeException("Invalid IpGenAddr bytes");
+  return IpGenAddr(static_cast<AddressFamily>(family), Ip6Addr(b));
 }
 
 void appendStrep(Kel::String& out, IpGenAddr const& v) {

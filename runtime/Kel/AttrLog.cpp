@@ -1367,8 +1367,7 @@ void LogReader::frameIs(U8 kind, U64 seq, LogIn payload) {
   records_ += count;
 }
 
-// The attribute of `type` under log id `logId`, or null: through an index by
-// id that the reader makes once per type it meets.
+// The index of `type` by log id, made the first time the type is met.
 LogAttrIndex::Table const& LogAttrIndex::tableOf(TypeDesc const& type) {
   auto const [found, fresh] = tables_.try_emplace(&type);
   Table& table = found->second;

@@ -7,44 +7,53 @@
 // the table's size or history: two tables holding the same keys iterate
 // alike, and the keys of one bucket are always a contiguous run.
 //
-// Layout. The sorted sequence lives in an array of 8-byte slots, each the
-// key's reversed hash and the number of its node; a slot array of 1.5 * 2^b
-// slots plus a short overflow tail. A key's home slot is
-// (reversedHash * slotCount) >> 32, which grows with the reversed hash, so
-// linear probing that keeps the slots sorted (an ordered Robin Hood table)
-// puts every key at or after its home with no empty slot in between, and the
-// whole layout depends on the keys and the size only. A lookup starts at the
-// home slot, skips smaller reversed hashes and stops at the first greater
-// one or an empty slot: a miss reads one run of slots and no node (a long
-// run, which a table filled in another's order makes, is crossed by
-// galloping: see seek()). Insertion
-// shifts the run after its place up by one slot; erasure shifts the
-// displaced slots after it back down (no tombstones). Growth and the
-// overflow tail re-place the slots in one ordered pass and never hash a key.
+// Layout. The sorted sequence lives in an array of slots, each holding one
+// element (reversed hash, key, value) in place, beside an array of two-byte
+// slot tags: the element's displacement from its home slot (0 for an empty
+// slot, saturating at 255) and the next eight bits of its position. A key's
+// home slot is (reversedHash * slotCount) >> 32, which grows with the
+// reversed hash, so linear probing that keeps the slots sorted (an ordered
+// Robin Hood table) puts every key at or after its home with no empty slot
+// in between, and the whole layout depends on the keys and the slot count
+// only. A lookup reads the tags from the home slot, sixteen at a time, to
+// the first slot not below the key, and reads an element only when its tag
+// matches the key's: a miss usually reads no element. (A long run, which a
+// table filled in another's order makes, is crossed by galloping over the
+// elements' reversed hashes: see seek().) Insertion shifts the run after its
+// place up by one slot; erasure shifts the displaced slots after it back
+// down (no tombstones). Growth re-places the elements in one ordered pass
+// and never hashes a key.
 //
-// Nodes (reversed hash, key, value) are allocated from chunks of up to 1024
-// nodes and never move: pointers to keys and values stay valid until their
-// key is erased or the table is cleared. Erased nodes are reused. A table of
-// entities that hold their own key (KeyOfEntity) keeps no copy of the key in
-// the node: the node's entity answers it, so the entity must stay in the node
-// while the key is in the table (taking it out just before erasing is fine:
-// erasure never reads keys).
+// Elements move: an insertion or erasure shifts a run, and growth moves
+// them all. A pointer that find() or insert() answers is valid until the
+// table next changes. (Entities stored by pointer do not move; only the
+// pointer does.) Keys and values move by memcpy when they are trivially
+// relocatable (KelRelocatable), else by move construction.
 //
-// Growth policy: the first insertion makes 8 buckets (12 slots); the buckets
-// double when the table would hold more keys than buckets, so at most two
-// thirds of the slots are ever used. Erasing never shrinks the table;
-// clear() frees everything.
+// A table of entities that hold their own key (KeyOfEntity) keeps no copy
+// of the key: the element's entity answers it, so the entity must stay in
+// its element while the key is in the table (taking it out just before
+// erasing is fine: erasure never reads keys).
 //
-// Iterators stand on a node. While one stands on key k, other keys may be
+// Growth policy: the first insertion makes 8 buckets; the buckets double
+// when the table would hold more keys than buckets. The slots, which the
+// buckets only order, are kept between about 0.8 and 0.9 full for large
+// elements (each growth adds an eighth) and 0.6 and 0.9 for elements of up
+// to 24 bytes (each adds a half). Erasing never shrinks the table; clear()
+// frees everything.
+//
+// Iterators stand on a slot and remember their key (a copy, or the entity's
+// address for KeyOfEntity). While one stands on key k, other keys may be
 // inserted and erased and the table may grow: the next ++ moves to the key
 // that follows k in iteration order among the keys present at that moment.
 // So every key present throughout the walk is visited once, in order; a key
-// erased before the walk reaches it is not visited, a key inserted after k's
-// place is, one inserted before it is not. The key an iterator stands on may
-// be erased only through erase(Iterator&), which steps the iterator on;
+// erased before the walk reaches it is not visited, a key inserted after
+// k's place is, one inserted before it is not. The key an iterator stands on
+// may be erased only through erase(Iterator&), which steps the iterator on;
 // erasing it otherwise, or clear(), leaves the iterator unusable.
 //
-// K needs `U32 hash() const` (or a KeyTraits specialisation) and operator==.
+// K needs `U32 hash() const` (or a KeyTraits specialisation), operator== and
+// (for KeyInNode) a default constructor; K and V need a noexcept move.
 #ifndef KEL_HASHTABLE_H
 #define KEL_HASHTABLE_H
 
@@ -69,6 +78,9 @@
 #endif
 
 namespace Kel {
+
+template <class T>
+class Ptr;
 
 // How a key type is hashed; specialise for keys without a hash() member.
 template <class K>
@@ -115,20 +127,31 @@ struct KeyTraits<K> {
   static U32 hash(K k) noexcept { return KeyTraits<U32>::hash(static_cast<U32>(k)); }
 };
 
+// Whether a T may move by copying its bytes, the source then forgotten
+// without its destructor: true of trivially copyable types and of owning
+// pointers, which do not point into themselves. Specialise for other such
+// types (a std::string does point into itself).
+template <class T>
+struct KelRelocatable : std::is_trivially_copyable<T> {};
+template <class T>
+struct KelRelocatable<Ptr<T>> : std::true_type {};
+template <class T>
+struct KelRelocatable<std::unique_ptr<T>> : std::true_type {};
+
 // The value of a set: nothing.
 struct NoValue {
   bool operator==(NoValue const&) const noexcept { return true; }
 };
 
-// Where a node finds its key: a copy in the node (KeyInNode), or the entity
-// the node points at, through its kelKey() (KeyOfEntity).
+// Where an element finds its key: a copy in the element (KeyInNode), or the
+// entity the element points at, through its kelKey() (KeyOfEntity).
 struct KeyInNode {};
 struct KeyOfEntity {};
 
 namespace hash_internal {
 
 template <class K, class V, class KeyOf>
-struct Node {
+struct Element {
   U32 rhash;  // the bit-reversed hash
   K key;
   [[no_unique_address]] V value;
@@ -136,10 +159,27 @@ struct Node {
 };
 
 template <class K, class V>
-struct Node<K, V, KeyOfEntity> {
+struct Element<K, V, KeyOfEntity> {
   U32 rhash;
   V value;
   [[nodiscard]] K const& keyOf() const noexcept { return value->kelKey(); }
+};
+
+// What an iterator keeps to find its element again after the table
+// changed: a copy of the key, or the address of the entity's key.
+template <class K, class KeyOf>
+struct HeldKey {
+  K key{};
+  void hold(K const& k) { key = k; }
+  [[nodiscard]] K const& get() const noexcept { return key; }
+  [[nodiscard]] bool is(K const& k) const noexcept { return k == key; }
+};
+template <class K>
+struct HeldKey<K, KeyOfEntity> {
+  K const* key = nullptr;
+  void hold(K const& k) noexcept { key = &k; }
+  [[nodiscard]] K const& get() const noexcept { return *key; }
+  [[nodiscard]] bool is(K const& k) const noexcept { return &k == key; }
 };
 
 }  // namespace hash_internal
@@ -147,39 +187,35 @@ struct Node<K, V, KeyOfEntity> {
 template <class K, class V = NoValue, class KeyOf = KeyInNode>
 class HashTable {
  public:
-  using Node = hash_internal::Node<K, V, KeyOf>;
+  using Element = hash_internal::Element<K, V, KeyOf>;
 
- private:
-  // One place of the sorted sequence: a node number, 0 when empty.
-  struct Slot {
-    U32 rhash;
-    U32 node;
-  };
-
- public:
   class Iterator {
    public:
     Iterator() = default;
-    [[nodiscard]] Node* node() const noexcept { return node_; }
-    [[nodiscard]] K const& key() const noexcept { return node_->keyOf(); }
-    [[nodiscard]] V& value() const noexcept { return node_->value; }
-    [[nodiscard]] bool done() const noexcept { return node_ == nullptr; }
-    Iterator& operator++() noexcept {
+    [[nodiscard]] K const& key() const noexcept { return held_.get(); }
+    [[nodiscard]] V& value() const noexcept { return element().value; }
+    [[nodiscard]] bool done() const noexcept { return slot_ == kDone; }
+    Iterator& operator++() {
       table_->advance(*this);
       return *this;
     }
-    bool operator==(Iterator const& o) const noexcept { return node_ == o.node_; }
-    Node& operator*() const noexcept { return *node_; }
-    Node* operator->() const noexcept { return node_; }
+    bool operator==(Iterator const& o) const noexcept {
+      return done() ? o.done() : !o.done() && key() == o.key();
+    }
+    Element& operator*() const noexcept { return element(); }
+    Element* operator->() const noexcept { return &element(); }
 
    private:
     friend class HashTable;
+    [[nodiscard]] Element& element() const noexcept {
+      if (seen_ != table_->changes_) table_->refind(const_cast<Iterator&>(*this));
+      return table_->at(slot_);
+    }
     HashTable const* table_ = nullptr;
-    Node* node_ = nullptr;
-    U32 id_ = 0;     // node_'s number
-    U32 slot_ = 0;   // where node_ was last seen; checked before use
-    U32 seen_ = 0;   // the table's change count when `ahead_` was read
-    U64 ahead_ = 0;  // bit k: slot slot_ + 1 + k is used, unless the table changed
+    U32 slot_ = kDone;
+    U32 seen_ = 0;   // the table's change count when slot_ and ahead_ were read
+    U32 ahead_ = 0;  // bit k: slot slot_ + 1 + k is used, unless the table changed
+    hash_internal::HeldKey<K, KeyOf> held_;
   };
 
   HashTable() = default;
@@ -192,7 +228,7 @@ class HashTable {
   // 2^b, the number of buckets that order the keys (see above); 0 before the
   // first insertion.
   [[nodiscard]] std::size_t bucketCount() const noexcept {
-    return slots_ ? std::size_t{1} << bits_ : 0;
+    return tags_ ? std::size_t{1} << bits_ : 0;
   }
 
   // The bit-reversed hash of `key`: computed once, it serves findHashed()
@@ -205,29 +241,14 @@ class HashTable {
   [[nodiscard]] V* find(K const& key) const noexcept { return findHashed(reversedHash(key), key); }
   // The same given reversedHash(key).
   [[nodiscard]] V* findHashed(U32 rh, K const& key) const noexcept {
-    if (!slots_) return nullptr;
-    for (Slot const* s = slots_.get() + seek(home(rh), rh); s->rhash == rh && isNode(s->node);
-         ++s) {
-      Node* const n = nodeAt(s->node);
-      if (n->keyOf() == key) return &n->value;
-    }
-    return nullptr;
+    if (!tags_) return nullptr;
+    U32 const i = where(rh, [&](K const& k) { return k == key; });
+    return i & kAbsent ? nullptr : &at(i).value;
   }
 
   // An iterator standing on `key`, done when it is absent.
-  [[nodiscard]] Iterator locate(K const& key) const noexcept {
-    Iterator it;
-    it.table_ = this;
-    if (!slots_) return it;
-    U32 const rh = reversedHash(key);
-    for (U32 i = seek(home(rh), rh); slots_[i].rhash == rh && isNode(slots_[i].node); ++i) {
-      Node* const n = nodeAt(slots_[i].node);
-      if (n->keyOf() == key) {
-        standOn(it, i);
-        return it;
-      }
-    }
-    return it;
+  [[nodiscard]] Iterator locate(K const& key) const {
+    return locateIf(reversedHash(key), [&](K const& k) { return k == key; });
   }
 
   // An iterator standing on the key of reversed hash `rh` that `same(key)`
@@ -237,13 +258,9 @@ class HashTable {
   [[nodiscard]] Iterator locateIf(U32 rh, Same&& same) const {
     Iterator it;
     it.table_ = this;
-    if (!slots_) return it;
-    for (U32 i = seek(home(rh), rh); slots_[i].rhash == rh && isNode(slots_[i].node); ++i) {
-      if (same(nodeAt(slots_[i].node)->keyOf())) {
-        standOn(it, i);
-        return it;
-      }
-    }
+    if (!tags_) return it;
+    U32 const i = where(rh, same);
+    if (!(i & kAbsent)) standOn(it, i);
     return it;
   }
 
@@ -257,88 +274,85 @@ class HashTable {
   // missed; the table may have changed since.
   template <class... Args>
   std::pair<V*, bool> insertHashed(U32 rh, K const& key, Args&&... args) {
-    if (!slots_) rebuild(kInitialBits, kInitialTail);
+    auto const same = [&](K const& k) { return k == key; };
+    if (tags_) {
+      U32 const i = where(rh, same);
+      if (!(i & kAbsent)) return {&at(i).value, false};
+    }
+    // Made before the table changes, so that a throwing constructor leaves
+    // it as it was; destroyed if growing throws.
+    alignas(Element) unsigned char room[sizeof(Element)];
+    Element* made =
+        ::new (static_cast<void*>(room)) Element(makeElement(rh, key, std::forward<Args>(args)...));
+    struct Unplaced {
+      Element*& e;
+      ~Unplaced() {
+        if (e) e->~Element();
+      }
+    } const unplaced{made};
+    if (!tags_) rebuild(kInitialSlots, kInitialTail);
+    if (size_ + 1 > maxSize()) rebuild(grownSlots(), tail_);
     for (;;) {
-      U32 i = seek(home(rh), rh);
-      for (; slots_[i].rhash == rh && isNode(slots_[i].node); ++i) {
-        Node* const n = nodeAt(slots_[i].node);
-        if (n->keyOf() == key) return {&n->value, false};
-      }
-      if (size_ >= (std::size_t{1} << bits_)) {
-        rebuild(bits_ + 1, tail_);
-        continue;
-      }
+      U32 const i = where(rh, same) & ~kAbsent;
       // i is the new key's place, after its equal hashes; the run from it
       // moves up to the first empty slot, which must lie before the end.
       U32 e = i;
-      while (slots_[e].node != 0 && e < end_) ++e;
+      while (e < end_ && tags_[e] != 0) ++e;
       if (e == end_) {
-        rebuild(bits_, tail_ * 2);
+        rebuild(slotCount_, tail_ * 2);
         continue;
       }
-      U32 const id = allocate();
-      Node* const n = nodeAt(id);
-      try {
-        if constexpr (std::is_same_v<KeyOf, KeyInNode>) {
-          ::new (static_cast<void*>(n)) Node{rh, key, V(std::forward<Args>(args)...)};
-        } else {
-          ::new (static_cast<void*>(n)) Node{rh, V(std::forward<Args>(args)...)};
-          assert(n->keyOf() == key && "the entity holds another key");
-        }
-      } catch (...) {
-        release(id);
-        throw;
-      }
-      std::memmove(&slots_[i + 1], &slots_[i], (e - i) * sizeof(Slot));
-      slots_[i] = Slot{rh, id};
-      ++size_;
+      shiftUp(i, e);
+      relocate(&at(i), made);
+      made = nullptr;
+      tags_[i] = tagFor(i, rh);
+      if (++size_ > (std::size_t{1} << bits_)) ++bits_;
       ++changes_;
-      return {&n->value, true};
+      return {&at(i).value, true};
     }
   }
 
   // Removes `key`; answers whether it was present.
   bool erase(K const& key) noexcept {
-    Iterator it = locate(key);
-    if (it.done()) return false;
-    removeAt(it.slot_);
+    if (!tags_) return false;
+    U32 const i = where(reversedHash(key), [&](K const& k) { return k == key; });
+    if (i & kAbsent) return false;
+    removeAt(i);
     return true;
   }
 
-  // Removes the node that `it` stands on and steps `it` on.
-  void erase(Iterator& it) noexcept {
+  // Removes the element that `it` stands on and steps `it` on.
+  void erase(Iterator& it) {
     U32 const i = slotOf(it);
     removeAt(i);
     stepFrom(it, i);  // the successor, if it was displaced, moved into i
   }
 
   void clear() noexcept {
-    if (slots_) {
-      for (U32 i = 0; i < end_; ++i) {
-        if (slots_[i].node != 0) nodeAt(slots_[i].node)->~Node();
+    if (tags_) {
+      if constexpr (!std::is_trivially_destructible_v<Element>) {
+        for (U32 i = 0; i < end_; ++i) {
+          if (tags_[i] != 0) at(i).~Element();
+        }
       }
     }
-    for (Node* c : chunks_) {
-      if (c) freeChunk(c);
-    }
-    chunks_.clear();
-    chunks_.shrink_to_fit();
-    slots_.reset();
+    for (Element* g : segments_) freeElements(g);
+    segments_.clear();
+    segments_.shrink_to_fit();
+    segmentSlots_ = 0;
+    tags_.reset();
     bits_ = 0;
     size_ = 0;
     ++changes_;
+    slotCount_ = 0;
     end_ = 0;
     tail_ = 0;
-    nodeCapacity_ = 0;
-    nextId_ = 0;
-    chunkEnd_ = 0;
-    free_ = 0;
   }
 
-  [[nodiscard]] Iterator begin() const noexcept {
+  [[nodiscard]] Iterator begin() const {
     Iterator it;
     it.table_ = this;
-    if (slots_) stepFrom(it, 0);
+    if (tags_) stepFrom(it, 0);
     return it;
   }
   [[nodiscard]] Iterator end() const noexcept {
@@ -346,115 +360,250 @@ class HashTable {
     it.table_ = this;
     return it;
   }
-  // An iterator standing on `n`, a node of this table.
-  [[nodiscard]] Iterator iteratorAt(Node* n) const noexcept {
-    Iterator it;
-    it.table_ = this;
-    if (!n) return it;
-    U32 i = home(n->rhash);
-    while (!isNode(slots_[i].node) || nodeAt(slots_[i].node) != n) ++i;
-    standOn(it, i);
-    return it;
-  }
 
-  // Bytes held by the table itself: slots, nodes and the chunk list.
+  // Bytes held by the table itself: elements and tags.
   [[nodiscard]] std::size_t bytes() const noexcept {
-    std::size_t const slots = slots_ ? std::size_t{end_} + kEndRun : 0;
-    return slots * sizeof(Slot) + nodeCapacity_ * sizeof(Node) + chunks_.capacity() * sizeof(Node*);
+    if (!tags_) return 0;
+    return segments_.size() * (segmentSlots_ * sizeof(Element) + sizeof(Element*)) +
+           (std::size_t{end_} + kEndRun) * sizeof(U16);
   }
 
  private:
-  static constexpr unsigned kInitialBits = 3;
-  static constexpr U32 kInitialTail = 8;
-  static constexpr unsigned kChunkBits = 10;  // node number = chunk << 10 | index
-  static constexpr U32 kChunkMax = U32{1} << kChunkBits;
-  static constexpr U32 kEnd = ~U32{0};  // the node number of the end marker
-  // The end marker is repeated this many times, so that a walk may read
-  // ahead without bounds checks.
+  static constexpr U32 kInitialSlots = 4;
+  static constexpr U32 kInitialTail = 4;
+  static constexpr U32 kDone = ~U32{0};
+  // where()'s answer for an absent key: its place, with this bit set.
+  static constexpr U32 kAbsent = U32{1} << 31;
+  // Tags past the last slot, so that a scan may read ahead without bounds
+  // checks: each says "an element at home", and a home past every key's.
   static constexpr U32 kEndRun = 32;
+  static constexpr U16 kEndTag = 1;
+  // Small elements cost little in empty slots: the table grows by half
+  // rather than by an eighth, rebuilding less often.
+  static constexpr bool kSmall = sizeof(Element) <= 24;
+  static constexpr bool kRelocatable = KelRelocatable<K>::value && KelRelocatable<V>::value;
+  static_assert(std::is_nothrow_move_constructible_v<Element>,
+                "Kel::HashTable moves its elements: keys and values need a noexcept move");
 
-  static bool isNode(U32 id) noexcept { return id - 1 < kEnd - 1; }
+  // A tag: the displacement from the home slot plus one (0: empty; 255: at
+  // least 254, the element's reversed hash tells), and in the high byte the
+  // next eight bits of the position, which order the keys of one home.
+  static U32 distOf(U16 tag) noexcept { return tag & 0xFFu; }
+  static U32 fracOf(U16 tag) noexcept { return tag >> 8; }
 
-  [[nodiscard]] U32 home(U32 rh) const noexcept {
-    return static_cast<U32>((U64{rh} * slotCount_) >> 32);
+  [[nodiscard]] U64 position(U32 rh) const noexcept { return U64{rh} * slotCount_; }
+  [[nodiscard]] U32 home(U32 rh) const noexcept { return static_cast<U32>(position(rh) >> 32); }
+  [[nodiscard]] U16 tagFor(U32 slot, U32 rh) const noexcept {
+    U64 const p = position(rh);
+    U32 const dist = std::min<U32>(slot - static_cast<U32>(p >> 32) + 1, 255);
+    return static_cast<U16>(dist | ((p >> 16) & 0xFF00u));
   }
 
-  // The first slot at or after slot i, the home of `rh`, whose reversed hash
-  // is not below rh: where a key of that hash is, or would go. From a home,
-  // "below rh" holds for a prefix of the slots (the rest of the run is
-  // sorted, an empty slot holds ~0, and every key after it has a later
-  // home), so a long run is crossed by galloping and halving. Runs are
-  // short in a table filled at random; a table filled in another's
-  // iteration order (a copy, a replica) packs the keys seen so far into the
-  // front of the slots and makes runs as long as the table until it grows.
-  [[nodiscard]] U32 seek(U32 i, U32 rh) const noexcept {
-    for (U32 const stop = i + 8; i < stop; ++i) {
-      if (slots_[i].rhash >= rh) return i;
+  [[nodiscard]] std::size_t maxSize() const noexcept { return std::size_t{slotCount_} * 9 / 10; }
+  [[nodiscard]] U32 grownSlots() const {
+    U64 const more = kSmall ? slotCount_ / 2 : slotCount_ / 8;
+    U64 const slots = U64{slotCount_} + std::max<U64>(more, 4);
+    if (slots > (U64{1} << 31)) throw std::length_error("Kel::HashTable is full");
+    return static_cast<U32>(slots);
+  }
+
+  template <class... Args>
+  static Element makeElement(U32 rh, K const& key, Args&&... args) {
+    if constexpr (std::is_same_v<KeyOf, KeyInNode>) {
+      return Element{rh, key, V(std::forward<Args>(args)...)};
+    } else {
+      Element e{rh, V(std::forward<Args>(args)...)};
+      assert(e.keyOf() == key && "the entity holds another key");
+      (void)key;
+      return e;
     }
-    U32 below = i - 1;  // the last slot known to be below rh
-    U32 step = 8;
+  }
+
+  // Moves the element at `from` into the raw slot `to`, leaving `from` raw.
+  static void relocate(Element* to, Element* from) noexcept {
+    if constexpr (kRelocatable) {
+      std::memcpy(static_cast<void*>(to), static_cast<void const*>(from), sizeof(Element));
+    } else {
+      ::new (static_cast<void*>(to)) Element(std::move(*from));
+      from->~Element();
+    }
+  }
+
+  // Moves slots [i, e) up by one into [i + 1, e + 1), slot e being empty;
+  // slot i is left raw.
+  void shiftUp(U32 i, U32 e) noexcept {
+    for (U32 k = e; k > i; --k) relocate(&at(k), &at(k - 1));
+    std::memmove(&tags_[i + 1], &tags_[i], (e - i) * sizeof(U16));
+    for (U32 k = i + 1; k <= e; ++k) {
+      if (distOf(tags_[k]) < 255) ++tags_[k];  // one further from home
+    }
+  }
+
+  // Destroys slot i's element and moves the displaced slots after it down
+  // one place.
+  void removeAt(U32 i) noexcept {
+    at(i).~Element();
+    U32 j = i + 1;
+    while (distOf(tags_[j]) > 1) ++j;  // stops at an empty slot, a home or the end
+    for (U32 k = i; k + 1 < j; ++k) {
+      relocate(&at(k), &at(k + 1));
+      U16 const t = tags_[k + 1];
+      tags_[k] = distOf(t) < 255 ? static_cast<U16>(t - 1) : tagFor(k, at(k).rhash);
+    }
+    tags_[j - 1] = 0;
+    --size_;
+    ++changes_;
+  }
+
+  // The slot of the key of reversed hash `rh` that `same` accepts, or its
+  // place (where it would go, after its equal hashes) | kAbsent.
+  template <class Same>
+  [[nodiscard]] U32 where(U32 rh, Same&& same) const {
+    U64 const p = position(rh);
+    U32 const h = static_cast<U32>(p >> 32);
+    U32 const frac = static_cast<U32>(p >> 24) & 0xFFu;
+    // The element at home is the likely match: asked for while the tags
+    // are read.
+    __builtin_prefetch(&at(h));
+    U32 i = seek(h, frac, rh);
+    if (i & kAbsent) return i;
+    for (;; ++i) {
+      U16 const t = tags_[i];
+      U32 const d = distOf(t);
+      if (d == 0) return i | kAbsent;
+      if (d < 255) {
+        // The element's home and position bits against the key's: past
+        // them, the key is absent without a look at the element.
+        U32 const hi = i - (d - 1);
+        if (hi != h || fracOf(t) != frac) {
+          if (hi > h || (hi == h && fracOf(t) > frac)) return i | kAbsent;
+          continue;
+        }
+      }
+      if (i >= end_) return i | kAbsent;
+      Element const& e = at(i);
+      if (e.rhash < rh) continue;
+      if (e.rhash > rh) return i | kAbsent;
+      if (same(e.keyOf())) return i;
+    }
+  }
+
+  // The first slot at or after h, the home of `rh`, whose element is not
+  // known to be below rh from its tag: (home, position bits) below (h,
+  // frac). With kAbsent set when its tag alone shows that the key is not
+  // there. "Below" holds for a prefix of the slots from a home (the run is
+  // sorted, an empty slot or an end tag is not below, and every key after an
+  // empty slot has a later home), so a long run is crossed by galloping and
+  // halving over the elements' reversed hashes. Runs are short in a table
+  // filled at random; a table filled in another's iteration order (a copy, a
+  // replica) packs the keys seen so far into the front of the slots and
+  // makes runs as long as the table until it grows.
+  [[nodiscard]] U32 seek(U32 h, U32 frac, U32 rh) const noexcept {
+#if defined(__SSE2__)
+    __m128i const lane = _mm_setr_epi16(0, 1, 2, 3, 4, 5, 6, 7);
+    __m128i const low = _mm_set1_epi16(0xFF);
+    __m128i const key = _mm_set1_epi16(static_cast<short>(frac));
+    for (U32 j = h; j < h + 32; j += 8) {
+      __m128i const t = _mm_loadu_si128(reinterpret_cast<__m128i const*>(&tags_[j]));
+      // home - h = (j - h + lane) - (dist - 1); an empty slot's is positive.
+      __m128i const rel =
+          _mm_sub_epi16(_mm_add_epi16(_mm_set1_epi16(static_cast<short>(j - h + 1)), lane),
+                        _mm_and_si128(t, low));
+      __m128i const below = _mm_or_si128(_mm_cmplt_epi16(rel, _mm_setzero_si128()),
+                                         _mm_and_si128(_mm_cmpeq_epi16(rel, _mm_setzero_si128()),
+                                                       _mm_cmplt_epi16(_mm_srli_epi16(t, 8), key)));
+      auto const mask = static_cast<U32>(_mm_movemask_epi8(below));
+      if (mask != 0xFFFFu) {
+        U32 const k = static_cast<U32>(std::countr_one(mask));
+        // A slot whose tag is not the key's is empty or past it: the key
+        // is absent, known without reading an element.
+        __m128i const same = _mm_and_si128(_mm_cmpeq_epi16(rel, _mm_setzero_si128()),
+                                           _mm_cmpeq_epi16(_mm_srli_epi16(t, 8), key));
+        bool const candidate = (static_cast<U32>(_mm_movemask_epi8(same)) >> k) & 1;
+        return (j + k / 2) | (candidate ? 0 : kAbsent);
+      }
+    }
+    U32 i = h + 32;
+#else
+    U32 i = h;
+    for (U32 const stop = h + 32; i < stop; ++i) {
+      U16 const t = tags_[i];
+      U32 const d = distOf(t);
+      if (d == 0 || d == 255) return i;  // far from home: where() reads it
+      U32 const hi = i - (d - 1);
+      if (hi > h || (hi == h && fracOf(t) >= frac)) return i;
+    }
+#endif
+    // Slots h .. i - 1 are below rh: gallop over the reversed hashes.
+    U32 below = i - 1;
+    U32 step = 1;
     U32 notBelow;
     for (;;) {
       notBelow = below + step;
-      // The end marker at end_ holds ~0; the slots before it are in range.
       if (notBelow >= end_) {
         notBelow = end_;
         break;
       }
-      if (slots_[notBelow].rhash >= rh) break;
+      if (!isBelow(notBelow, rh)) break;
       below = notBelow;
       step *= 2;
     }
     while (notBelow - below > 1) {
       U32 const mid = below + (notBelow - below) / 2;
-      (slots_[mid].rhash < rh ? below : notBelow) = mid;
+      (isBelow(mid, rh) ? below : notBelow) = mid;
     }
     return notBelow;
   }
 
-  [[nodiscard]] Node* nodeAt(U32 id) const noexcept {
-    return chunks_[id >> kChunkBits] + (id & (kChunkMax - 1));
+  [[nodiscard]] bool isBelow(U32 i, U32 rh) const noexcept {
+    return tags_[i] != 0 && at(i).rhash < rh;
   }
 
-  // Sets `it` on the node of slot i.
-  void standOn(Iterator& it, U32 i) const noexcept {
-    it.id_ = slots_[i].node;
-    it.node_ = nodeAt(it.id_);
+  // Sets `it` on slot i's element.
+  void standOn(Iterator& it, U32 i) const {
     it.slot_ = i;
+    it.seen_ = changes_;
+    it.ahead_ = 0;
+    it.held_.hold(at(i).keyOf());
   }
 
-  // Where `it`'s node is now: its last slot, unless other keys moved it.
-  U32 slotOf(Iterator const& it) const noexcept {
-    if (slots_[it.slot_].node == it.id_) return it.slot_;
-    U32 i = home(it.node_->rhash);
-    while (slots_[i].node != it.id_) ++i;
+  // Finds `it`'s key again after the table changed.
+  void refind(Iterator& it) const noexcept {
+    it.slot_ = slotOf(it);
+    it.seen_ = changes_;
+    it.ahead_ = 0;
+  }
+  [[nodiscard]] U32 slotOf(Iterator const& it) const noexcept {
+    if (it.seen_ == changes_) return it.slot_;
+    auto const& held = it.held_;
+    U32 const i = where(reversedHash(held.get()), [&](K const& k) { return held.is(k); });
+    assert(!(i & kAbsent) && "the iterator's key was erased");
     return i;
   }
 
-  // Bit k: slot s + k holds a node or the end marker, for k < 32.
-  static U64 usedMask(Slot const* s) noexcept {
+  // Bit k: slot s + k holds an element or an end tag, for k < 32.
+  static U32 usedMask(U16 const* s) noexcept {
 #if defined(__SSE2__)
-    // The node numbers of four slots at a time, compared with 0.
-    auto const empty4 = [](Slot const* p) {
-      __m128 const a = _mm_loadu_ps(reinterpret_cast<float const*>(p));
-      __m128 const b = _mm_loadu_ps(reinterpret_cast<float const*>(p + 2));
-      __m128i const n = _mm_castps_si128(_mm_shuffle_ps(a, b, _MM_SHUFFLE(3, 1, 3, 1)));
-      return static_cast<U64>(
-          _mm_movemask_ps(_mm_castsi128_ps(_mm_cmpeq_epi32(n, _mm_setzero_si128()))));
+    __m128i const low = _mm_set1_epi16(0xFF);
+    auto const empty16 = [&](U16 const* p) {
+      __m128i const a = _mm_and_si128(_mm_loadu_si128(reinterpret_cast<__m128i const*>(p)), low);
+      __m128i const b =
+          _mm_and_si128(_mm_loadu_si128(reinterpret_cast<__m128i const*>(p + 8)), low);
+      __m128i const z = _mm_setzero_si128();
+      return static_cast<U32>(
+          _mm_movemask_epi8(_mm_packs_epi16(_mm_cmpeq_epi16(a, z), _mm_cmpeq_epi16(b, z))));
     };
-    U64 empty = 0;
-    for (unsigned k = 0; k < 32; k += 4) empty |= empty4(s + k) << k;
-    return ~empty & 0xFFFFFFFFu;
+    return ~(empty16(s) | empty16(s + 16) << 16);
 #else
-    U64 used = 0;
-    for (unsigned k = 0; k < 32; ++k) used |= U64{s[k].node != 0} << k;
+    U32 used = 0;
+    for (unsigned k = 0; k < 32; ++k) used |= U32{(s[k] & 0xFFu) != 0} << k;
     return used;
 #endif
   }
 
-  // Moves `it` to the next node: from the slots it read ahead when the table
-  // has not changed since, else from where its node is now.
-  void advance(Iterator& it) const noexcept {
+  // Moves `it` to the next element: from the slots it read ahead when the
+  // table has not changed since, else from where its key is now.
+  void advance(Iterator& it) const {
     if (it.seen_ == changes_ && it.ahead_ != 0) {
       auto const k = static_cast<U32>(std::countr_zero(it.ahead_));
       it.ahead_ = (it.ahead_ >> k) >> 1;
@@ -464,150 +613,134 @@ class HashTable {
     stepFrom(it, slotOf(it) + 1);
   }
 
-  // Sets `it` on the first node at or after slot i, or makes it done, and
-  // reads which of the following slots are used.
-  void stepFrom(Iterator& it, U32 i) const noexcept {
-    Slot const* const s = slots_.get();
-    U64 used;
-    while ((used = usedMask(s + i)) == 0) i += 32;
+  // Sets `it` on the first element at or after slot i, or makes it done,
+  // and reads which of the following slots are used.
+  void stepFrom(Iterator& it, U32 i) const {
+    U32 used;
+    while ((used = usedMask(&tags_[i])) == 0) i += 32;
     auto const k = static_cast<U32>(std::countr_zero(used));
     it.ahead_ = (used >> k) >> 1;
-    it.seen_ = changes_;
     land(it, i + k);
   }
 
-  // Sets `it` on the node of used slot i, or makes it done at the end
-  // marker. Walks go in slot order, so the node some slots ahead is fetched
-  // early.
-  void land(Iterator& it, U32 i) const noexcept {
-    Slot const* const s = slots_.get();
-    if (s[i].node == kEnd) {
-      it.node_ = nullptr;
-      it.id_ = 0;
+  // Sets `it` on the element of used slot i, or makes it done at the end
+  // tags.
+  void land(Iterator& it, U32 i) const {
+    if (i >= end_) {
+      it.slot_ = kDone;
       return;
-    }
-    if (isNode(s[i + kEndRun].node)) {
-      auto const* ahead = reinterpret_cast<char const*>(nodeAt(s[i + kEndRun].node));
-      __builtin_prefetch(ahead);
-      __builtin_prefetch(ahead + sizeof(Node) - 1);
     }
     if constexpr (std::is_same_v<KeyOf, KeyOfEntity>) {
       // The key lives in the entity, one more miss per member: ask for it
-      // from a node asked for half a run ago.
-      if (isNode(s[i + kEndRun / 2].node)) {
-        auto const* key = reinterpret_cast<char const*>(&nodeAt(s[i + kEndRun / 2].node)->keyOf());
+      // from an element some slots ahead.
+      U32 const ahead = i + 16;
+      if (ahead < end_ && tags_[ahead] != 0) {
+        auto const* key = reinterpret_cast<char const*>(&at(ahead).keyOf());
         __builtin_prefetch(key);
         __builtin_prefetch(key + sizeof(K) - 1);
       }
     }
+    U32 const ahead = it.ahead_;
     standOn(it, i);
+    it.ahead_ = ahead;
   }
 
-  // Empties slot i and moves the displaced slots after it down one place.
-  void removeAt(U32 i) noexcept {
-    U32 const id = slots_[i].node;
-    nodeAt(id)->~Node();
-    release(id);
-    U32 j = i + 1;
-    while (isNode(slots_[j].node) && home(slots_[j].rhash) < j) ++j;
-    std::memmove(&slots_[i], &slots_[i + 1], (j - i - 1) * sizeof(Slot));
-    slots_[j - 1] = Slot{kEnd, 0};
-    --size_;
+  static Element* allocateElements(U32 count) {
+    if constexpr (alignof(Element) > __STDCPP_DEFAULT_NEW_ALIGNMENT__) {
+      return static_cast<Element*>(
+          ::operator new(count * sizeof(Element), std::align_val_t(alignof(Element))));
+    } else {
+      return static_cast<Element*>(::operator new(count * sizeof(Element)));
+    }
+  }
+  static void freeElements(Element* e) noexcept {
+    if constexpr (alignof(Element) > __STDCPP_DEFAULT_NEW_ALIGNMENT__) {
+      ::operator delete(static_cast<void*>(e), std::align_val_t(alignof(Element)));
+    } else {
+      ::operator delete(static_cast<void*>(e));
+    }
+  }
+
+  // Places the elements afresh in `slots` slots and a tail of at least
+  // `tail`, each at its home or just after the previous one; a longer tail
+  // when the last ones do not fit. An element's new place is never before
+  // its old one, so a table of full segments grows in place: new segments
+  // at the end, and the elements moved from the last to the first.
+  void rebuild(U32 slots, U32 tail) {
+    std::unique_ptr<U32[]> places;  // the new place of each element, in order
+    if (size_ != 0) places = std::make_unique_for_overwrite<U32[]>(size_);
+    U64 next = 0;
+    std::size_t n = 0;
+    for (U32 i = 0; n < size_; ++i) {
+      if (tags_[i] == 0) continue;
+      next = std::max(U64{at(i).rhash} * slots >> 32, next);
+      places[n++] = static_cast<U32>(next++);
+    }
+    while (next > U64{slots} + tail) tail *= 2;
+    U64 const end = U64{slots} + tail;
+    if (end + kEndRun > (U64{1} << 31)) throw std::length_error("Kel::HashTable is full");
+    auto tags = std::make_unique_for_overwrite<U16[]>(end + kEndRun);
+    std::fill_n(tags.get(), end, U16{0});
+    std::fill_n(tags.get() + end, kEndRun, kEndTag);
+    U32 const oldEnd = end_;
+    if (end <= kSegmentSlots) {
+      // One segment of the size needed, filled afresh.
+      Element* const fresh = allocateElements(static_cast<U32>(end));
+      for (U32 i = 0, k = 0; k < n; ++i) {
+        if (tags_[i] != 0) relocate(&fresh[places[k++]], &at(i));
+      }
+      for (Element* g : segments_) freeElements(g);
+      segments_.assign(1, fresh);
+      segmentSlots_ = static_cast<U32>(end);
+    } else {
+      // Whole segments, the first made whole if it is not, then the
+      // elements moved back to front.
+      auto const count = static_cast<std::size_t>((end + kSegmentSlots - 1) >> kSegmentBits);
+      segments_.reserve(count);
+      if (!segments_.empty() && segmentSlots_ < kSegmentSlots) {
+        Element* const whole = allocateElements(kSegmentSlots);
+        for (U32 i = 0; i < oldEnd; ++i) {
+          if (tags_[i] != 0) relocate(&whole[i], &at(i));
+        }
+        freeElements(segments_[0]);
+        segments_[0] = whole;
+      }
+      segmentSlots_ = kSegmentSlots;
+      while (segments_.size() < count) segments_.push_back(allocateElements(kSegmentSlots));
+      for (U32 i = oldEnd, k = static_cast<U32>(n); k > 0;) {
+        if (tags_[--i] == 0) continue;
+        U32 const to = places[--k];
+        if (to != i) relocate(&at(to), &at(i));
+      }
+    }
+    slotCount_ = slots;
+    for (std::size_t k = 0; k < n; ++k) tags[places[k]] = tagFor(places[k], at(places[k]).rhash);
+    tags_ = std::move(tags);
+    tail_ = tail;
+    end_ = static_cast<U32>(end);
+    if (bits_ == 0) bits_ = 3;
     ++changes_;
   }
 
-  // A node number for a new node: a released one, else the next unused.
-  U32 allocate() {
-    if (free_ != 0) {
-      U32 const id = free_;
-      std::memcpy(&free_, static_cast<void*>(nodeAt(id)), sizeof(U32));
-      return id;
-    }
-    if (nextId_ == chunkEnd_) {
-      U32 const c = chunks_.empty() ? 1 : static_cast<U32>(chunks_.size());
-      if (c >= (kEnd >> kChunkBits)) throw std::length_error("Kel::HashTable is full");
-      U32 const count = std::clamp<U32>(static_cast<U32>(nodeCapacity_), 8, kChunkMax);
-      if (chunks_.empty()) chunks_.push_back(nullptr);  // number 0 means empty
-      if (chunks_.size() == chunks_.capacity()) chunks_.reserve(2 * chunks_.size());
-      chunks_.push_back(newChunk(count));
-      nodeCapacity_ += count;
-      nextId_ = c << kChunkBits;
-      chunkEnd_ = nextId_ + count;
-    }
-    return nextId_++;
+  // Slot i's element (raw storage when the slot is empty).
+  [[nodiscard]] Element& at(U32 i) const noexcept {
+    return segments_[i >> kSegmentBits][i & (kSegmentSlots - 1)];
   }
 
-  static constexpr bool kOverAligned = alignof(Node) > __STDCPP_DEFAULT_NEW_ALIGNMENT__;
-  static Node* newChunk(U32 count) {
-    if constexpr (kOverAligned) {
-      return static_cast<Node*>(
-          ::operator new(count * sizeof(Node), std::align_val_t(alignof(Node))));
-    } else {
-      return static_cast<Node*>(::operator new(count * sizeof(Node)));
-    }
-  }
-  static void freeChunk(Node* c) noexcept {
-    if constexpr (kOverAligned) {
-      ::operator delete(static_cast<void*>(c), std::align_val_t(alignof(Node)));
-    } else {
-      ::operator delete(static_cast<void*>(c));
-    }
-  }
-
-  // Returns a node number, its node destroyed, for reuse.
-  void release(U32 id) noexcept {
-    std::memcpy(static_cast<void*>(nodeAt(id)), &free_, sizeof(U32));
-    free_ = id;
-  }
-
-  // Places the slots afresh for 2^bits buckets and a tail of `tail` slots,
-  // each at its home or just after the previous one; a longer tail when the
-  // last ones do not fit.
-  void rebuild(unsigned bits, U32 tail) {
-    if (bits > 30) throw std::length_error("Kel::HashTable is full");
-    for (;; tail *= 2) {
-      U32 const count = U32{3} << (bits - 1);
-      U32 const end = count + tail;
-      auto fresh = std::make_unique_for_overwrite<Slot[]>(std::size_t{end} + kEndRun);
-      std::fill_n(fresh.get(), end, Slot{kEnd, 0});
-      std::fill_n(fresh.get() + end, kEndRun, Slot{kEnd, kEnd});
-      U32 next = 0;
-      bool fits = true;
-      for (U32 i = 0; slots_ && i < end_; ++i) {
-        Slot const s = slots_[i];
-        if (s.node == 0) continue;
-        U32 const at = std::max(static_cast<U32>((U64{s.rhash} * count) >> 32), next);
-        if (at >= end) {
-          fits = false;
-          break;
-        }
-        fresh[at] = s;
-        next = at + 1;
-      }
-      if (!fits) continue;
-      slots_ = std::move(fresh);
-      ++changes_;
-      bits_ = bits;
-      slotCount_ = count;
-      tail_ = tail;
-      end_ = end;
-      return;
-    }
-  }
-
-  std::unique_ptr<Slot[]> slots_;  // end_ slots, then kEndRun end markers
+  // The elements live in segments of kSegmentSlots slots, or in one of the
+  // size needed while the table is smaller: growth then adds segments
+  // rather than moving everything into fresh memory.
+  static constexpr unsigned kSegmentBits = 10;
+  static constexpr U32 kSegmentSlots = U32{1} << kSegmentBits;
+  std::vector<Element*> segments_;
+  U32 segmentSlots_ = 0;         // the slots of each segment
+  std::unique_ptr<U16[]> tags_;  // end_ tags, then kEndRun end tags
   unsigned bits_ = 0;
-  U32 slotCount_ = 0;  // the slots that are homes: 1.5 * 2^bits_
+  U32 slotCount_ = 0;  // the slots that are homes
   U32 tail_ = 0;       // the slots after them, for the last runs
   U32 end_ = 0;        // slotCount_ + tail_
   std::size_t size_ = 0;
   U32 changes_ = 0;  // counts insertions, erasures and re-placings, for iterators
-
-  std::vector<Node*> chunks_;  // chunk 0 is never used: node number 0 means empty
-  std::size_t nodeCapacity_ = 0;
-  U32 nextId_ = 0;    // the next never-used node number
-  U32 chunkEnd_ = 0;  // past the last number of the newest chunk
-  U32 free_ = 0;      // the released node numbers, through their nodes
 };
 
 }  // namespace Kel

@@ -50,6 +50,16 @@ constexpr U32 hashExtremes(U32 v) {
   return v % 3 == 0 ? 0u : v % 3 == 1 ? ~0u : (v << 20) | 0xFFFFFu;
 }
 
+// A key that owns heap memory (a long string), which the table must move
+// by its move constructor rather than by copying its bytes.
+struct NamedKey {
+  U32 v;
+  std::string name = "a key named past the short-string buffer, number " + std::to_string(v);
+  [[nodiscard]] U32 hash() const noexcept { return v % 97; }
+  bool operator==(NamedKey const& o) const noexcept { return v == o.v && name == o.name; }
+  bool operator<(NamedKey const& o) const noexcept { return v < o.v; }
+};
+
 using Mod7Key = ChosenHashKey<hashMod7>;
 using HighBitsKey = ChosenHashKey<hashHighBits>;
 using LowOnesKey = ChosenHashKey<hashLowOnes>;
@@ -60,6 +70,7 @@ template <U32 (*H)(U32)>
 U32 keyNumber(ChosenHashKey<H> const& k) {
   return k.v;
 }
+U32 keyNumber(NamedKey const& k) { return k.v; }
 
 template <class K>
 U32 reversedHash(K const& k) {
@@ -187,17 +198,18 @@ TEST_P(HashTableModel, AgreesWithStdMap) { GetParam().run(GetParam()); }
 
 INSTANTIATE_TEST_SUITE_P(
     Keys, HashTableModel,
-    testing::Values(TableCase{"U32 keys, few", runTableModel<U32>, 11, 12, 4000, 150},
-                    TableCase{"U32 keys, many", runTableModel<U32>, 12, 200, 10000, 4000},
-                    TableCase{"hash mod 7, few", runTableModel<Mod7Key>, 13, 30, 6000, 400},
-                    TableCase{"hash mod 7, long chains", runTableModel<Mod7Key>, 14, 400, 10000,
-                              5000},
-                    TableCase{"hashes equal in the low 16 bits", runTableModel<HighBitsKey>, 15,
-                              300, 10000, 8000},
-                    TableCase{"reversed hashes crowding the top", runTableModel<LowOnesKey>, 16,
-                              300, 10000, 8000},
-                    TableCase{"reversed hashes 0 and all ones", runTableModel<ExtremesKey>, 17, 200,
-                              8000, 6000}),
+    testing::Values(
+        TableCase{"U32 keys, few", runTableModel<U32>, 11, 12, 4000, 150},
+        TableCase{"U32 keys, many", runTableModel<U32>, 12, 200, 10000, 4000},
+        TableCase{"hash mod 7, few", runTableModel<Mod7Key>, 13, 30, 6000, 400},
+        TableCase{"hash mod 7, long chains", runTableModel<Mod7Key>, 14, 400, 10000, 5000},
+        TableCase{"hashes equal in the low 16 bits", runTableModel<HighBitsKey>, 15, 300, 10000,
+                  8000},
+        TableCase{"reversed hashes crowding the top", runTableModel<LowOnesKey>, 16, 300, 10000,
+                  8000},
+        TableCase{"reversed hashes 0 and all ones", runTableModel<ExtremesKey>, 17, 200, 8000,
+                  6000},
+        TableCase{"keys that own memory", runTableModel<NamedKey>, 18, 400, 6000, 5000}),
     [](testing::TestParamInfo<TableCase> const& p) { return "Case" + std::to_string(p.index); });
 
 // Walks the table while changing it at random: erasing the current key
@@ -277,12 +289,13 @@ TEST(HashTable, IteratorFollowsOrderWhileTableChanges) {
     walkWhileChanging<LowOnesKey>(seed, 600, 200);
     walkWhileChanging<ExtremesKey>(seed, 300, 100);
     walkWhileChanging<Mod7Key>(seed, 12, 2);  // a small table of eight buckets
+    walkWhileChanging<NamedKey>(seed, 400, 150);
   }
 }
 
 // Grows a table through many doublings: the buckets follow the policy at
-// every step, values never move, and the large table keeps the order of
-// reversed hashes and insertion (erasures are the model's). `asCopied`
+// every step, every key keeps its value, and the large table keeps the order
+// of reversed hashes and insertion (erasures are the model's). `asCopied`
 // inserts the keys in iteration order, as a copy of another table does,
 // which crowds them into the front of the slots until the table grows.
 template <class K>
@@ -290,7 +303,6 @@ void growAcrossDoublings(U32 count, bool asCopied = false) {
   SCOPED_TRACE(testing::Message() << count << " keys" << (asCopied ? ", in order" : ""));
   Kel::HashTable<K, int> table;
   std::map<K, Stored> model;
-  std::vector<int*> stored(count);
   U64 stamp = 0;
   std::vector<U32> keys(count);
   std::iota(keys.begin(), keys.end(), U32{0});
@@ -301,12 +313,14 @@ void growAcrossDoublings(U32 count, bool asCopied = false) {
   for (U32 const n : keys) {
     auto const [value, added] = table.insert(K{n}, static_cast<int>(n));
     ASSERT_TRUE(added);
-    stored[n] = value;
+    ASSERT_EQ(*value, static_cast<int>(n));
     model.emplace(K{n}, Stored{static_cast<int>(n), stamp++});
     ASSERT_EQ(table.bucketCount(), policyBuckets(model.size(), true));
   }
   for (U32 n = 0; n < count; ++n) {
-    ASSERT_EQ(table.find(K{n}), stored[n]) << "the value of " << n << " moved";
+    int const* const value = table.find(K{n});
+    ASSERT_NE(value, nullptr) << n << " lost";
+    ASSERT_EQ(*value, static_cast<int>(n)) << "the value of " << n;
   }
   ASSERT_NO_FATAL_FAILURE(expectAgrees(table, model, policyBuckets(count, true)));
 }
@@ -320,6 +334,7 @@ TEST(HashTable, GrowthAcrossManyDoublings) {
   growAcrossDoublings<ExtremesKey>(3000);
   growAcrossDoublings<U32>(U32{1} << 17, true);
   growAcrossDoublings<HighBitsKey>(4000, true);
+  growAcrossDoublings<NamedKey>(5000);
 }
 
 // ---- Queue

@@ -39,8 +39,11 @@
 // when the table would hold more keys than buckets. The slots, which the
 // buckets only order, are kept between about 0.8 and 0.9 full for large
 // elements (each growth adds an eighth) and 0.6 and 0.9 for elements of up
-// to 24 bytes (each adds a half). Erasing never shrinks the table; clear()
-// frees everything.
+// to 24 bytes (each adds a half). Past 1024 slots the elements live in
+// segments of 1024 slots; an element's new place is never before its old
+// one, so growth adds segments and moves the elements back to front within
+// them rather than into fresh memory. Erasing never shrinks the table;
+// clear() frees everything.
 //
 // Iterators stand on a slot and remember their key (a copy, or the entity's
 // address for KeyOfEntity). While one stands on key k, other keys may be

@@ -15,7 +15,7 @@
 // reversed hash, so linear probing that keeps the slots sorted (an ordered
 // Robin Hood table) puts every key at or after its home with no empty slot
 // in between, and the whole layout depends on the keys and the slot count
-// only. A lookup reads the tags from the home slot, sixteen at a time, to
+// only. A lookup reads the tags from the home slot, eight at a time, to
 // the first slot not below the key, and reads an element only when its tag
 // matches the key's: a miss usually reads no element. (A long run, which a
 // table filled in another's order makes, is crossed by galloping over the

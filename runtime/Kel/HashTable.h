@@ -39,7 +39,8 @@
 // when the table would hold more keys than buckets. The slots, which the
 // buckets only order, are kept between about 0.8 and 0.9 full for large
 // elements (each growth adds an eighth) and 0.6 and 0.9 for elements of up
-// to 24 bytes (each adds a half). Past 1024 slots the elements live in
+// to 24 bytes and for tables of up to 1024 slots (each adds a half). Past
+// 1024 slots the elements live in
 // segments of 1024 slots; an element's new place is never before its old
 // one, so growth adds segments and moves the elements back to front within
 // them rather than into fresh memory. Erasing never shrinks the table;
@@ -278,9 +279,10 @@ class HashTable {
   template <class... Args>
   std::pair<V*, bool> insertHashed(U32 rh, K const& key, Args&&... args) {
     auto const same = [&](K const& k) { return k == key; };
+    U32 place = kAbsent;  // where the key goes, while the table is unchanged
     if (tags_) {
-      U32 const i = where(rh, same);
-      if (!(i & kAbsent)) return {&at(i).value, false};
+      place = where(rh, same);
+      if (!(place & kAbsent)) return {&at(place).value, false};
     }
     // Made before the table changes, so that a throwing constructor leaves
     // it as it was; destroyed if growing throws.
@@ -293,16 +295,23 @@ class HashTable {
         if (e) e->~Element();
       }
     } const unplaced{made};
-    if (!tags_) rebuild(kInitialSlots, kInitialTail);
-    if (size_ + 1 > maxSize()) rebuild(grownSlots(), tail_);
+    if (!tags_ || size_ + 1 > maxSize()) {
+      if (!tags_) {
+        rebuild(kInitialSlots, kInitialTail);
+      } else {
+        rebuild(grownSlots(), tail_);
+      }
+      place = where(rh, same);
+    }
     for (;;) {
-      U32 const i = where(rh, same) & ~kAbsent;
+      U32 const i = place & ~kAbsent;
       // i is the new key's place, after its equal hashes; the run from it
       // moves up to the first empty slot, which must lie before the end.
       U32 e = i;
       while (e < end_ && tags_[e] != 0) ++e;
       if (e == end_) {
         rebuild(slotCount_, tail_ * 2);
+        place = where(rh, same);
         continue;
       }
       shiftUp(i, e);
@@ -404,7 +413,9 @@ class HashTable {
 
   [[nodiscard]] std::size_t maxSize() const noexcept { return std::size_t{slotCount_} * 9 / 10; }
   [[nodiscard]] U32 grownSlots() const {
-    U64 const more = kSmall ? slotCount_ / 2 : slotCount_ / 8;
+    // By half while the elements fit in one segment: small tables grow
+    // often, and their empty slots cost little.
+    U64 const more = kSmall || end_ < kSegmentSlots ? slotCount_ / 2 : slotCount_ / 8;
     U64 const slots = U64{slotCount_} + std::max<U64>(more, 4);
     if (slots > (U64{1} << 31)) throw std::length_error("Kel::HashTable is full");
     return static_cast<U32>(slots);
@@ -435,7 +446,12 @@ class HashTable {
   // Moves slots [i, e) up by one into [i + 1, e + 1), slot e being empty;
   // slot i is left raw.
   void shiftUp(U32 i, U32 e) noexcept {
-    for (U32 k = e; k > i; --k) relocate(&at(k), &at(k - 1));
+    if (kRelocatable && (i >> kSegmentBits) == (e >> kSegmentBits)) {
+      std::memmove(static_cast<void*>(&at(i + 1)), static_cast<void const*>(&at(i)),
+                   (e - i) * sizeof(Element));
+    } else {
+      for (U32 k = e; k > i; --k) relocate(&at(k), &at(k - 1));
+    }
     std::memmove(&tags_[i + 1], &tags_[i], (e - i) * sizeof(U16));
     for (U32 k = i + 1; k <= e; ++k) {
       if (distOf(tags_[k]) < 255) ++tags_[k];  // one further from home
@@ -448,8 +464,13 @@ class HashTable {
     at(i).~Element();
     U32 j = i + 1;
     while (distOf(tags_[j]) > 1) ++j;  // stops at an empty slot, a home or the end
+    if (kRelocatable && (i >> kSegmentBits) == ((j - 1) >> kSegmentBits)) {
+      std::memmove(static_cast<void*>(&at(i)), static_cast<void const*>(&at(i + 1)),
+                   (j - i - 1) * sizeof(Element));
+    } else {
+      for (U32 k = i; k + 1 < j; ++k) relocate(&at(k), &at(k + 1));
+    }
     for (U32 k = i; k + 1 < j; ++k) {
-      relocate(&at(k), &at(k + 1));
       U16 const t = tags_[k + 1];
       tags_[k] = distOf(t) < 255 ? static_cast<U16>(t - 1) : tagFor(k, at(k).rhash);
     }
@@ -470,25 +491,27 @@ class HashTable {
     __builtin_prefetch(&at(h));
     U32 i = seek(h, frac, rh);
     if (i & kAbsent) return i;
-    for (;; ++i) {
-      U16 const t = tags_[i];
-      U32 const d = distOf(t);
-      if (d == 0) return i | kAbsent;
-      if (d < 255) {
-        // The element's home and position bits against the key's: past
-        // them, the key is absent without a look at the element.
-        U32 const hi = i - (d - 1);
-        if (hi != h || fracOf(t) != frac) {
-          if (hi > h || (hi == h && fracOf(t) > frac)) return i | kAbsent;
-          continue;
-        }
-      }
-      if (i >= end_) return i | kAbsent;
+    // From i on the slots are not below the key: while their tags are the
+    // key's (or say nothing, far from home), the elements tell.
+    for (;;) {
       Element const& e = at(i);
-      if (e.rhash < rh) continue;
-      if (e.rhash > rh) return i | kAbsent;
-      if (same(e.keyOf())) return i;
+      if (e.rhash == rh) {
+        if (same(e.keyOf())) return i;
+      } else if (e.rhash > rh) {
+        return i | kAbsent;
+      }
+      if (!mayHold(++i, h, frac)) return i | kAbsent;
     }
+  }
+
+  // Whether slot i, not below home h and position bits `frac`, may hold a
+  // key of that home and those bits: its tag says so, or says nothing.
+  [[nodiscard]] bool mayHold(U32 i, U32 h, U32 frac) const noexcept {
+    U16 const t = tags_[i];
+    U32 const d = distOf(t);
+    if (d == 255) return true;
+    // An empty slot's "home" is past i, an end tag's past every key's.
+    return i + 1 - d == h && fracOf(t) == frac && d != 0;
   }
 
   // The first slot at or after h, the home of `rh`, whose element is not
@@ -532,9 +555,10 @@ class HashTable {
     for (U32 const stop = h + 32; i < stop; ++i) {
       U16 const t = tags_[i];
       U32 const d = distOf(t);
-      if (d == 0 || d == 255) return i;  // far from home: where() reads it
+      if (d == 0) return i | kAbsent;
+      if (d == 255) return i;  // far from home: where() reads it
       U32 const hi = i - (d - 1);
-      if (hi > h || (hi == h && fracOf(t) >= frac)) return i;
+      if (hi > h || (hi == h && fracOf(t) >= frac)) return i | (mayHold(i, h, frac) ? 0 : kAbsent);
     }
 #endif
     // Slots h .. i - 1 are below rh: gallop over the reversed hashes.
@@ -555,7 +579,7 @@ class HashTable {
       U32 const mid = below + (notBelow - below) / 2;
       (isBelow(mid, rh) ? below : notBelow) = mid;
     }
-    return notBelow;
+    return notBelow | (mayHold(notBelow, h, frac) ? 0 : kAbsent);
   }
 
   [[nodiscard]] bool isBelow(U32 i, U32 rh) const noexcept {
@@ -670,14 +694,18 @@ class HashTable {
   // its old one, so a table of full segments grows in place: new segments
   // at the end, and the elements moved from the last to the first.
   void rebuild(U32 slots, U32 tail) {
-    std::unique_ptr<U32[]> places;  // the new place of each element, in order
-    if (size_ != 0) places = std::make_unique_for_overwrite<U32[]>(size_);
+    // Each element's new place and tag, in order: place << 16 | tag.
+    std::unique_ptr<U64[]> placed;
+    if (size_ != 0) placed = std::make_unique_for_overwrite<U64[]>(size_);
     U64 next = 0;
     std::size_t n = 0;
     for (U32 i = 0; n < size_; ++i) {
       if (tags_[i] == 0) continue;
-      next = std::max(U64{at(i).rhash} * slots >> 32, next);
-      places[n++] = static_cast<U32>(next++);
+      U64 const p = U64{at(i).rhash} * slots;
+      U64 const home = p >> 32;
+      next = std::max(home, next);
+      U64 const dist = std::min<U64>(next - home + 1, 255);
+      placed[n++] = next++ << 16 | dist | ((p >> 16) & 0xFF00u);
     }
     while (next > U64{slots} + tail) tail *= 2;
     U64 const end = U64{slots} + tail;
@@ -685,12 +713,13 @@ class HashTable {
     auto tags = std::make_unique_for_overwrite<U16[]>(end + kEndRun);
     std::fill_n(tags.get(), end, U16{0});
     std::fill_n(tags.get() + end, kEndRun, kEndTag);
+    for (std::size_t k = 0; k < n; ++k) tags[placed[k] >> 16] = static_cast<U16>(placed[k]);
     U32 const oldEnd = end_;
     if (end <= kSegmentSlots) {
       // One segment of the size needed, filled afresh.
       Element* const fresh = allocateElements(static_cast<U32>(end));
       for (U32 i = 0, k = 0; k < n; ++i) {
-        if (tags_[i] != 0) relocate(&fresh[places[k++]], &at(i));
+        if (tags_[i] != 0) relocate(&fresh[placed[k++] >> 16], &at(i));
       }
       for (Element* g : segments_) freeElements(g);
       segments_.assign(1, fresh);
@@ -712,12 +741,11 @@ class HashTable {
       while (segments_.size() < count) segments_.push_back(allocateElements(kSegmentSlots));
       for (U32 i = oldEnd, k = static_cast<U32>(n); k > 0;) {
         if (tags_[--i] == 0) continue;
-        U32 const to = places[--k];
+        auto const to = static_cast<U32>(placed[--k] >> 16);
         if (to != i) relocate(&at(to), &at(i));
       }
     }
     slotCount_ = slots;
-    for (std::size_t k = 0; k < n; ++k) tags[places[k]] = tagFor(places[k], at(places[k]).rhash);
     tags_ = std::move(tags);
     tail_ = tail;
     end_ = static_cast<U32>(end);

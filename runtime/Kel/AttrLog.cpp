@@ -249,6 +249,13 @@ struct HeldWhere {
   bool operator==(HeldWhere const&) const = default;
 };
 
+// Accepts the HeldWhere of (attr, key) without making one.
+struct IsHeldWhere {
+  U32 attr;
+  std::string_view key;
+  bool operator()(HeldWhere const& w) const noexcept { return w.attr == attr && w.key == key; }
+};
+
 }  // namespace
 
 // What one entity holds, by where: owned children, or shared entities. Most
@@ -262,8 +269,7 @@ class LogWriter::Holdings {
   [[nodiscard]] Held find(U32 attr, std::string_view key) const {
     if (Entry const* e = findFew(attr, key)) return e->held();
     if (many_) {
-      auto const it = locateMany(reversedHashOf(attr, key), attr, key);
-      if (!it.done()) return it.value();
+      if (Held const* h = findMany(reversedHashOf(attr, key), attr, key)) return *h;
     }
     return {};
   }
@@ -279,9 +285,8 @@ class LogWriter::Holdings {
     bool const toList = key.size() <= Entry::kKeyBytes && few_.size() < kFew;
     U32 const rh = many_ || !toList ? reversedHashOf(attr, key) : 0;
     if (many_) {
-      auto const it = locateMany(rh, attr, key);
-      if (!it.done()) {
-        it.value() = held;
+      if (Held* h = findMany(rh, attr, key)) {
+        *h = held;
         return;
       }
     }
@@ -306,15 +311,12 @@ class LogWriter::Holdings {
       return;
     }
     if (!many_) return;
-    auto it = locateMany(reversedHashOf(attr, key), attr, key);
-    if (!it.done()) many_->erase(it);
+    many_->eraseIf(reversedHashOf(attr, key), IsHeldWhere{attr, key});
   }
   template <class F>
   void forEach(F&& f) const {
     for (Entry const& e : few_) f(e.held());
-    if (many_) {
-      for (auto it = many_->begin(); !it.done(); ++it) f(it.value());
-    }
+    if (many_) many_->visit([&](HeldWhere const&, Held const& h) { f(h); });
   }
 
  private:
@@ -344,9 +346,8 @@ class LogWriter::Holdings {
     return bitReverse32(HeldWhere::hashOf(attr, key));
   }
   // In the hash table, given reversedHashOf(attr, key).
-  [[nodiscard]] HashTable<HeldWhere, Held>::Iterator locateMany(U32 rh, U32 attr,
-                                                                std::string_view key) const {
-    return many_->locateIf(rh, [&](HeldWhere const& w) { return w.attr == attr && w.key == key; });
+  [[nodiscard]] Held* findMany(U32 rh, U32 attr, std::string_view key) const {
+    return many_->findIf(rh, IsHeldWhere{attr, key});
   }
 
   std::vector<Entry> few_;

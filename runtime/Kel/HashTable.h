@@ -37,14 +37,15 @@
 //
 // Growth policy: the first insertion makes 8 buckets; the buckets double
 // when the table would hold more keys than buckets. The slots, which the
-// buckets only order, are kept between about 0.8 and 0.9 full for large
-// elements (each growth adds an eighth) and 0.6 and 0.9 for elements of up
-// to 24 bytes and for tables of up to 1024 slots (each adds a half). Past
-// 1024 slots the elements live in
-// segments of 1024 slots; an element's new place is never before its old
-// one, so growth adds segments and moves the elements back to front within
-// them rather than into fresh memory. Erasing never shrinks the table;
-// clear() frees everything.
+// buckets only order, are at most 0.9 full (0.8 for elements of up to 24
+// bytes, whose empty slots cost little: an insertion shifts the run after
+// its place, longer the fuller the table). A growth adds an eighth of the
+// slots for larger elements that move by memcpy in tables past 1024 slots,
+// which so stay 0.8 to 0.9 full, and a half otherwise. Past 1024 slots the
+// elements live in segments of 1024 slots; an element's new place is never
+// before its old one, so growth adds segments and moves the elements back
+// to front within them rather than into fresh memory. Erasing never
+// shrinks the table; clear() frees everything.
 //
 // Iterators stand on a slot and remember their key (a copy, or the entity's
 // address for KeyOfEntity). While one stands on key k, other keys may be
@@ -268,6 +269,36 @@ class HashTable {
     return it;
   }
 
+  // The value of the key of reversed hash `rh` that `same(key)` accepts, or
+  // null: locateIf() without an iterator.
+  template <class Same>
+  [[nodiscard]] V* findIf(U32 rh, Same&& same) const {
+    if (!tags_) return nullptr;
+    U32 const i = where(rh, same);
+    return i & kAbsent ? nullptr : &at(i).value;
+  }
+  // Removes that key; answers whether it was present.
+  template <class Same>
+  bool eraseIf(U32 rh, Same&& same) {
+    if (!tags_) return false;
+    U32 const i = where(rh, same);
+    if (i & kAbsent) return false;
+    removeAt(i);
+    return true;
+  }
+
+  // Calls f(key, value) for each key in iteration order, without an
+  // iterator (which keeps a copy of its key); f must not change the table.
+  template <class F>
+  void visit(F&& f) const {
+    for (U32 i = 0, left = static_cast<U32>(size_); left != 0; ++i) {
+      if (tags_[i] == 0) continue;
+      Element& e = at(i);
+      f(e.keyOf(), e.value);
+      --left;
+    }
+  }
+
   // Inserts `key` with a value made from `args` unless present. Answers the
   // stored value and whether it is new.
   template <class... Args>
@@ -307,8 +338,7 @@ class HashTable {
       U32 const i = place & ~kAbsent;
       // i is the new key's place, after its equal hashes; the run from it
       // moves up to the first empty slot, which must lie before the end.
-      U32 e = i;
-      while (e < end_ && tags_[e] != 0) ++e;
+      U32 const e = firstEmpty(i);
       if (e == end_) {
         rebuild(slotCount_, tail_ * 2);
         place = where(rh, same);
@@ -326,11 +356,7 @@ class HashTable {
 
   // Removes `key`; answers whether it was present.
   bool erase(K const& key) noexcept {
-    if (!tags_) return false;
-    U32 const i = where(reversedHash(key), [&](K const& k) { return k == key; });
-    if (i & kAbsent) return false;
-    removeAt(i);
-    return true;
+    return eraseIf(reversedHash(key), [&](K const& k) { return k == key; });
   }
 
   // Removes the element that `it` stands on and steps `it` on.
@@ -411,11 +437,18 @@ class HashTable {
     return static_cast<U16>(dist | ((p >> 16) & 0xFF00u));
   }
 
-  [[nodiscard]] std::size_t maxSize() const noexcept { return std::size_t{slotCount_} * 9 / 10; }
+  // At most nine tenths of the slots used, or eight for small elements: an
+  // insertion shifts the run after its place, longer the fuller the table,
+  // and small elements' empty slots cost little.
+  [[nodiscard]] std::size_t maxSize() const noexcept {
+    return std::size_t{slotCount_} * (kSmall ? 8 : 9) / 10;
+  }
   [[nodiscard]] U32 grownSlots() const {
-    // By half while the elements fit in one segment: small tables grow
-    // often, and their empty slots cost little.
-    U64 const more = kSmall || end_ < kSegmentSlots ? slotCount_ / 2 : slotCount_ / 8;
+    // By half while the elements fit in one segment (small tables grow
+    // often, and their empty slots cost little) and when elements move one
+    // by one.
+    U64 const more =
+        kSmall || !kRelocatable || end_ < kSegmentSlots ? slotCount_ / 2 : slotCount_ / 8;
     U64 const slots = U64{slotCount_} + std::max<U64>(more, 4);
     if (slots > (U64{1} << 31)) throw std::length_error("Kel::HashTable is full");
     return static_cast<U32>(slots);
@@ -453,8 +486,26 @@ class HashTable {
       for (U32 k = e; k > i; --k) relocate(&at(k), &at(k - 1));
     }
     std::memmove(&tags_[i + 1], &tags_[i], (e - i) * sizeof(U16));
-    for (U32 k = i + 1; k <= e; ++k) {
-      if (distOf(tags_[k]) < 255) ++tags_[k];  // one further from home
+    // One further from home: the displacements, saturating at 255.
+    U32 k = i + 1;
+#if defined(__SSE2__)
+    __m128i const one = _mm_set1_epi16(1);
+    for (; k + 8 <= e + 1; k += 8) {
+      auto* const p = reinterpret_cast<__m128i*>(&tags_[k]);
+      _mm_storeu_si128(p, _mm_adds_epu8(_mm_loadu_si128(p), one));
+    }
+#endif
+    for (; k <= e; ++k) {
+      if (distOf(tags_[k]) < 255) ++tags_[k];
+    }
+  }
+
+  // The first empty slot at or after i, or end_ when there is none before it.
+  [[nodiscard]] U32 firstEmpty(U32 i) const noexcept {
+    for (;; i += 32) {
+      if (i >= end_) return end_;
+      U32 const empty = ~usedMask(&tags_[i]);
+      if (empty != 0) return std::min(i + static_cast<U32>(std::countr_zero(empty)), end_);
     }
   }
 
@@ -524,7 +575,8 @@ class HashTable {
   // filled at random; a table filled in another's iteration order (a copy, a
   // replica) packs the keys seen so far into the front of the slots and
   // makes runs as long as the table until it grows.
-  [[nodiscard]] U32 seek(U32 h, U32 frac, U32 rh) const noexcept {
+  // Inlined: a call here cost the refresh road a few percent.
+  [[nodiscard, gnu::always_inline]] inline U32 seek(U32 h, U32 frac, U32 rh) const noexcept {
 #if defined(__SSE2__)
     __m128i const lane = _mm_setr_epi16(0, 1, 2, 3, 4, 5, 6, 7);
     __m128i const low = _mm_set1_epi16(0xFF);

@@ -21,8 +21,8 @@
 // table filled in another's order makes, is crossed by galloping over the
 // elements' reversed hashes: see seek().) Insertion shifts the run after its
 // place up by one slot; erasure shifts the displaced slots after it back
-// down (no tombstones). Growth re-places the elements in one ordered pass
-// and never hashes a key.
+// down (no tombstones). Growth re-places the elements from their stored
+// reversed hashes and never hashes a key.
 //
 // Elements move: an insertion or erasure shifts a run, and growth moves
 // them all. A pointer that find() or insert() answers is valid until the

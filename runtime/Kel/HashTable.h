@@ -246,9 +246,7 @@ class HashTable {
   [[nodiscard]] V* find(K const& key) const noexcept { return findHashed(reversedHash(key), key); }
   // The same given reversedHash(key).
   [[nodiscard]] V* findHashed(U32 rh, K const& key) const noexcept {
-    if (!tags_) return nullptr;
-    U32 const i = where(rh, [&](K const& k) { return k == key; });
-    return i & kAbsent ? nullptr : &at(i).value;
+    return findIf(rh, [&](K const& k) { return k == key; });
   }
 
   // An iterator standing on `key`, done when it is absent.
@@ -430,12 +428,12 @@ class HashTable {
   static U32 fracOf(U16 tag) noexcept { return tag >> 8; }
 
   [[nodiscard]] U64 position(U32 rh) const noexcept { return U64{rh} * slotCount_; }
-  [[nodiscard]] U32 home(U32 rh) const noexcept { return static_cast<U32>(position(rh) >> 32); }
-  [[nodiscard]] U16 tagFor(U32 slot, U32 rh) const noexcept {
-    U64 const p = position(rh);
-    U32 const dist = std::min<U32>(slot - static_cast<U32>(p >> 32) + 1, 255);
+  // The tag of an element of position `p` in slot `slot`.
+  static U16 tagAt(U64 p, U64 slot) noexcept {
+    U64 const dist = std::min<U64>(slot - (p >> 32) + 1, 255);
     return static_cast<U16>(dist | ((p >> 16) & 0xFF00u));
   }
+  [[nodiscard]] U16 tagFor(U32 slot, U32 rh) const noexcept { return tagAt(position(rh), slot); }
 
   // At most nine tenths of the slots used, or eight for small elements: an
   // insertion shifts the run after its place, longer the fuller the table,
@@ -476,15 +474,30 @@ class HashTable {
     }
   }
 
+  // Moves the `count` elements from slot `from` on to slot `to` on, one
+  // place up or down, the slot left behind raw: in one memmove within a
+  // segment when they move by memcpy.
+  void moveRun(U32 to, U32 from, U32 count) noexcept {
+    if (count == 0) return;
+    if constexpr (kRelocatable) {
+      U32 const last = std::max(to, from) + count - 1;
+      if ((std::min(to, from) >> kSegmentBits) == (last >> kSegmentBits)) {
+        std::memmove(static_cast<void*>(&at(to)), static_cast<void const*>(&at(from)),
+                     count * sizeof(Element));
+        return;
+      }
+    }
+    if (to > from) {
+      for (U32 k = count; k > 0; --k) relocate(&at(to + k - 1), &at(from + k - 1));
+    } else {
+      for (U32 k = 0; k < count; ++k) relocate(&at(to + k), &at(from + k));
+    }
+  }
+
   // Moves slots [i, e) up by one into [i + 1, e + 1), slot e being empty;
   // slot i is left raw.
   void shiftUp(U32 i, U32 e) noexcept {
-    if (kRelocatable && (i >> kSegmentBits) == (e >> kSegmentBits)) {
-      std::memmove(static_cast<void*>(&at(i + 1)), static_cast<void const*>(&at(i)),
-                   (e - i) * sizeof(Element));
-    } else {
-      for (U32 k = e; k > i; --k) relocate(&at(k), &at(k - 1));
-    }
+    moveRun(i + 1, i, e - i);
     std::memmove(&tags_[i + 1], &tags_[i], (e - i) * sizeof(U16));
     // One further from home: the displacements, saturating at 255.
     U32 k = i + 1;
@@ -515,12 +528,7 @@ class HashTable {
     at(i).~Element();
     U32 j = i + 1;
     while (distOf(tags_[j]) > 1) ++j;  // stops at an empty slot, a home or the end
-    if (kRelocatable && (i >> kSegmentBits) == ((j - 1) >> kSegmentBits)) {
-      std::memmove(static_cast<void*>(&at(i)), static_cast<void const*>(&at(i + 1)),
-                   (j - i - 1) * sizeof(Element));
-    } else {
-      for (U32 k = i; k + 1 < j; ++k) relocate(&at(k), &at(k + 1));
-    }
+    moveRun(i, i + 1, j - i - 1);
     for (U32 k = i; k + 1 < j; ++k) {
       U16 const t = tags_[k + 1];
       tags_[k] = distOf(t) < 255 ? static_cast<U16>(t - 1) : tagFor(k, at(k).rhash);
@@ -754,10 +762,9 @@ class HashTable {
     for (U32 i = 0; n < size_; ++i) {
       if (tags_[i] == 0) continue;
       U64 const p = U64{at(i).rhash} * slots;
-      U64 const home = p >> 32;
-      next = std::max(home, next);
-      U64 const dist = std::min<U64>(next - home + 1, 255);
-      placed[n++] = next++ << 16 | dist | ((p >> 16) & 0xFF00u);
+      next = std::max(p >> 32, next);
+      placed[n++] = next << 16 | tagAt(p, next);
+      ++next;
     }
     while (next > U64{slots} + tail) tail *= 2;
     U64 const end = U64{slots} + tail;

@@ -259,68 +259,99 @@ struct IsHeldWhere {
 }  // namespace
 
 // What one entity holds, by where: owned children, or shared entities. Most
-// entities hold a few (the children of slots, the target of a reference, a
-// short queue), kept in a short list with their keys in place; a long key
-// (a member of a keyed collection) or a holder of many goes to a hash table.
-// A snapshot tracks millions of entities: the list's entries are 32 bytes.
+// entities hold nothing or one thing without a key (a block its message, a
+// slot its child), kept in place; the others (the children of several slots,
+// a short queue) go to a short list with their keys in place, and a long key
+// (a member of a keyed collection) or a holder of many to a hash table.
+// A snapshot tracks millions of entities: 24 bytes in each record, and no
+// allocation for one that holds one thing without a key.
 class LogWriter::Holdings {
  public:
   // What (attr, key) holds; a null entity when nothing.
   [[nodiscard]] Held find(U32 attr, std::string_view key) const {
+    if (isOne(attr, key)) return one_.held();
+    if (!more_) return {};
     if (Entry const* e = findFew(attr, key)) return e->held();
-    if (many_) {
+    if (more_->many) {
       if (Held const* h = findMany(reversedHashOf(attr, key), attr, key)) return *h;
     }
     return {};
   }
   // Sets what (attr, key) holds.
   void put(U32 attr, std::string_view key, Held held) {
-    if (Entry* e = findFew(attr, key)) {
-      e->entity = held.entity;
-      e->shared = held.shared;
+    if (isOne(attr, key)) {
+      one_.set(held);
       return;
+    }
+    if (more_) {
+      if (Entry* e = findFew(attr, key)) {
+        e->set(held);
+        return;
+      }
     }
     // Hashed once for the table's lookup and insertion; the short list,
     // where most go, needs no hash.
-    bool const toList = key.size() <= Entry::kKeyBytes && few_.size() < kFew;
-    U32 const rh = many_ || !toList ? reversedHashOf(attr, key) : 0;
-    if (many_) {
+    bool const many = more_ && more_->many;
+    bool const toList = key.size() <= Entry::kKeyBytes && (!more_ || more_->few.size() < kFew);
+    U32 const rh = many || !toList ? reversedHashOf(attr, key) : 0;
+    if (many) {
       if (Held* h = findMany(rh, attr, key)) {
         *h = held;
         return;
       }
     }
+    if (key.empty() && !one_.entity) {
+      one_.attr = attr;
+      one_.set(held);
+      return;
+    }
+    if (!more_) more_ = std::make_unique<More>();
     if (toList) {
-      if (few_.empty()) few_.reserve(1);  // a block holds its one message
-      Entry& e = few_.emplace_back();
-      e.entity = held.entity;
+      Entry& e = more_->few.emplace_back();
       e.attr = attr;
-      e.shared = held.shared;
+      e.set(held);
       e.keySize = static_cast<U8>(key.size());
       // An empty key (a child slot's) may have no bytes at all to copy.
       if (!key.empty()) std::memcpy(e.key, key.data(), key.size());
       return;
     }
-    if (!many_) many_ = std::make_unique<HashTable<HeldWhere, Held>>();
-    *many_->insertHashed(rh, HeldWhere{attr, String(key)}).first = held;
+    if (!more_->many) more_->many = std::make_unique<HashTable<HeldWhere, Held>>();
+    *more_->many->insertHashed(rh, HeldWhere{attr, String(key)}).first = held;
   }
   void erase(U32 attr, std::string_view key) {
-    if (Entry* e = findFew(attr, key)) {
-      *e = few_.back();
-      few_.pop_back();
+    if (isOne(attr, key)) {
+      one_ = One{};
       return;
     }
-    if (!many_) return;
-    many_->eraseIf(reversedHashOf(attr, key), IsHeldWhere{attr, key});
+    if (!more_) return;
+    if (Entry* e = findFew(attr, key)) {
+      *e = more_->few.back();
+      more_->few.pop_back();
+      return;
+    }
+    if (more_->many) more_->many->eraseIf(reversedHashOf(attr, key), IsHeldWhere{attr, key});
   }
   template <class F>
   void forEach(F&& f) const {
-    for (Entry const& e : few_) f(e.held());
-    if (many_) many_->visit([&](HeldWhere const&, Held const& h) { f(h); });
+    if (one_.entity) f(one_.held());
+    if (!more_) return;
+    for (Entry const& e : more_->few) f(e.held());
+    if (more_->many) more_->many->visit([&](HeldWhere const&, Held const& h) { f(h); });
   }
 
  private:
   static constexpr std::size_t kFew = 8;
+  // The one holding without a key kept in place; a null entity when none.
+  struct One {
+    Entity* entity = nullptr;
+    U32 attr = 0;
+    bool shared = false;
+    [[nodiscard]] Held held() const noexcept { return Held{entity, shared}; }
+    void set(Held h) noexcept {
+      entity = h.entity;
+      shared = h.shared;
+    }
+  };
   struct Entry {
     static constexpr std::size_t kKeyBytes = 18;
     Entity* entity;
@@ -329,16 +360,27 @@ class LogWriter::Holdings {
     U8 keySize;
     char key[kKeyBytes];
     [[nodiscard]] Held held() const noexcept { return Held{entity, shared}; }
+    void set(Held h) noexcept {
+      entity = h.entity;
+      shared = h.shared;
+    }
     [[nodiscard]] bool is(U32 a, std::string_view k) const noexcept {
       return attr == a && std::string_view(key, keySize) == k;
     }
   };
   static_assert(sizeof(Entry) == 32);
+  struct More {
+    std::vector<Entry> few;
+    std::unique_ptr<HashTable<HeldWhere, Held>> many;
+  };
 
+  [[nodiscard]] bool isOne(U32 attr, std::string_view key) const noexcept {
+    return key.empty() && one_.entity && one_.attr == attr;
+  }
   [[nodiscard]] Entry* findFew(U32 attr, std::string_view key) const {
     if (key.size() > Entry::kKeyBytes) return nullptr;
-    for (Entry const& e : few_) {
-      if (e.is(attr, key)) return const_cast<Entry*>(&e);
+    for (Entry& e : more_->few) {
+      if (e.is(attr, key)) return &e;
     }
     return nullptr;
   }
@@ -347,11 +389,11 @@ class LogWriter::Holdings {
   }
   // In the hash table, given reversedHashOf(attr, key).
   [[nodiscard]] Held* findMany(U32 rh, U32 attr, std::string_view key) const {
-    return many_->findIf(rh, IsHeldWhere{attr, key});
+    return more_->many->findIf(rh, IsHeldWhere{attr, key});
   }
 
-  std::vector<Entry> few_;
-  std::unique_ptr<HashTable<HeldWhere, Held>> many_;
+  One one_;
+  std::unique_ptr<More> more_;
 };
 
 // What the writer keeps of a tracked entity. The type's state adapter lives
@@ -359,25 +401,27 @@ class LogWriter::Holdings {
 // the adapter's reactor, its last member, and on to this record, whose first
 // members are what a change touches; a flush comes back the same way.
 struct LogWriter::Tracked final : LogDirtySink {
-  // A record with room for an adapter of `adapterBytes` before it.
-  static Tracked* make(std::size_t adapterBytes);
+  // A record of `e` with room for an adapter of `adapterBytes` before it.
+  static Tracked* make(Entity& e, std::size_t adapterBytes);
   // Frees the room before the record with it.
   static void operator delete(Tracked* t, std::destroying_delete_t) noexcept;
   [[nodiscard]] void* adapterRoom() noexcept { return reinterpret_cast<char*>(this) - roomBefore; }
 
+  // What a flush reads comes first: the entity, its reference, the room
+  // before the record, the dirty ids and the flags.
   LogWriter* writer = nullptr;
-  Ptr<Entity> entity;
+  Entity* entity = nullptr;  // holds a reference to the entity
   U32 ref = 0;
+  U32 roomBefore = 0;  // bytes allocated before the record, for the adapter
+  // Attribute log ids changed since the last flush, each once: the first
+  // few here, the others in dirtyMore.
+  static constexpr U8 kFewDirty = 4;
+  U32 dirtyFew[kFewDirty] = {};
+  U8 fewDirty = 0;
   bool queued = false;
   bool dead = false;     // no longer tracked; skipped by the flush that meets it
   bool shared = false;   // held by references or queues, not owned in the tree
   bool adapted = false;  // the type's own adapter lives in adapterRoom()
-  // Attribute log ids changed since the last flush, each once: the first
-  // few here, the others in dirtyMore.
-  static constexpr U8 kFewDirty = 5;
-  U8 fewDirty = 0;
-  U32 dirtyFew[kFewDirty] = {};
-  U32 roomBefore = 0;    // bytes allocated before the record, for the adapter
   int holders = 0;       // of a shared entity: the places that refer to it
   U32 snapshotMark = 0;  // the number of the last snapshot that wrote this shared entity
   // What few entities need, made for those that do: a snapshot tracks
@@ -390,15 +434,25 @@ struct LogWriter::Tracked final : LogDirtySink {
   std::unique_ptr<Rare> rare;
   Holdings children;
 
+  // The key of the writer's table of records: the entity's address.
+  [[nodiscard]] Entity const* const& kelKey() const noexcept {
+    // Entity* and Entity const* are similar types: one may be read as the other.
+    return reinterpret_cast<Entity const* const&>(entity);
+  }
+
   Rare& rareNeeded() {
     if (!rare) rare = std::make_unique<Rare>();
     return *rare;
   }
 
-  Tracked() = default;
+  explicit Tracked(Entity& e) noexcept : entity(&e) { e.newRef(); }
   Tracked(Tracked const&) = delete;
   Tracked& operator=(Tracked const&) = delete;
-  ~Tracked() override { adapterDrop(); }
+  ~Tracked() override {
+    adapterDrop();
+    rare.reset();
+    entity->deleteRef();
+  }
 
   // The type's adapter, or null.
   [[nodiscard]] LogStateAdapter* adapter() noexcept {
@@ -439,7 +493,7 @@ struct LogWriter::Tracked final : LogDirtySink {
   }
 };
 
-LogWriter::Tracked* LogWriter::Tracked::make(std::size_t adapterBytes) {
+LogWriter::Tracked* LogWriter::Tracked::make(Entity& e, std::size_t adapterBytes) {
   // The adapter starts where operator new aligns; the record follows it at
   // its own alignment.
   constexpr std::size_t align = alignof(Tracked);
@@ -447,7 +501,7 @@ LogWriter::Tracked* LogWriter::Tracked::make(std::size_t adapterBytes) {
   auto* const base = static_cast<char*>(::operator new(before + sizeof(Tracked)));
   Tracked* t = nullptr;
   try {
-    t = new (base + before) Tracked();
+    t = new (base + before) Tracked(e);
   } catch (...) {
     ::operator delete(base);
     throw;
@@ -477,39 +531,49 @@ LogWriter::LogWriter(Entity& root) : root_(&root), tracker_(std::make_unique<Tra
   track(root);
 }
 
-LogWriter::~LogWriter() = default;
+LogWriter::~LogWriter() {
+  tracked_.visit([](Entity const*, Tracked* t) { delete t; });
+}
 
-LogWriter::Tracked& LogWriter::track(Entity& e) {
-  auto& slot = *tracked_.insert(&e).first;
-  if (!slot) {
-    // A frozen entity never changes, and may be read by other threads:
-    // nothing to observe.
-    bool const observed = !e.frozen();
-    auto const make = observed ? e.fwkType().logStateAdapter() : nullptr;
-    slot.reset(Tracked::make(make ? e.fwkType().logStateAdapterBytes() : 0));
-    slot->entity = &e;
-    slot->ref = nextRef_++;
-    slot->writer = this;
-    if (make) {
-      // The adapter's base is its first part, so the record finds it at
-      // the start of its room.
-      [[maybe_unused]] LogStateAdapter* const a = make(slot->adapterRoom(), e, slot.get());
-      assert(static_cast<void*>(a) == slot->adapterRoom());
-      slot->adapted = true;
-    } else if (observed) {
-      slot->rareNeeded().notifiee = e.fwkType().genericNotifiee(&e, tracker_.get());
-    }
+LogWriter::Tracked* LogWriter::trackedOf(Entity const* e) const noexcept {
+  Tracked* const* found = tracked_.find(e);
+  return found ? *found : nullptr;
+}
+
+LogWriter::Tracked& LogWriter::track(Entity& e, bool& made) {
+  U32 const rh = decltype(tracked_)::reversedHash(&e);
+  if (Tracked* const* found = tracked_.findHashed(rh, &e)) {
+    made = false;
+    return **found;
   }
-  return *slot;
+  // A frozen entity never changes, and may be read by other threads:
+  // nothing to observe.
+  bool const observed = !e.frozen();
+  auto const make = observed ? e.fwkType().logStateAdapter() : nullptr;
+  std::unique_ptr<Tracked> t(Tracked::make(e, make ? e.fwkType().logStateAdapterBytes() : 0));
+  t->ref = nextRef_;
+  t->writer = this;
+  if (make) {
+    // The adapter's base is its first part, so the record finds it at the
+    // start of its room.
+    [[maybe_unused]] LogStateAdapter* const a = make(t->adapterRoom(), e, t.get());
+    assert(static_cast<void*>(a) == t->adapterRoom());
+    t->adapted = true;
+  } else if (observed) {
+    t->rareNeeded().notifiee = e.fwkType().genericNotifiee(&e, tracker_.get());
+  }
+  tracked_.insertHashed(rh, &e, t.get());
+  ++nextRef_;
+  made = true;
+  return *t.release();
 }
 
 // Stops following `e` and what it holds, and tells the readers to forget
 // it. An entity that left the tree while something still refers to it
 // lives on as a shared entity instead.
 void LogWriter::untrack(Entity& e) {
-  auto it = tracked_.locate(&e);
-  if (it.done()) return;
-  Tracked* const gone = it.value().get();
+  Tracked* const gone = trackedOf(&e);
+  if (!gone) return;
   if (gone->holders > 0) {
     gone->shared = true;
     return;
@@ -518,8 +582,8 @@ void LogWriter::untrack(Entity& e) {
   gone->dead = true;
   if (gone->rare) gone->rare->notifiee.reset();
   gone->adapterDrop();
-  graveyard_.push_back(std::move(it.value()));
-  tracked_.erase(it);
+  graveyard_.emplace_back(gone);
+  tracked_.erase(&e);
   gone->children.forEach([this](Held held) { drop(held); });
 }
 
@@ -546,8 +610,9 @@ void LogWriter::writeCtorArgs(LogOut& out, TypeDesc const& declared, Entity cons
   }
 }
 
-Entity* LogWriter::writeShared(LogOut& out, Tracked& holder, U32 attr, std::string_view key,
-                               TypeDesc const& declared, Entity const* target) {
+LogWriter::Tracked* LogWriter::writeShared(LogOut& out, Tracked& holder, U32 attr,
+                                           std::string_view key, TypeDesc const& declared,
+                                           Entity const* target) {
   Held const old = holder.children.find(attr, key);
   bool const heldAlready = old.entity && old.entity == target;
   if (old.entity && !heldAlready) {
@@ -560,11 +625,10 @@ Entity* LogWriter::writeShared(LogOut& out, Tracked& holder, U32 attr, std::stri
     return nullptr;
   }
   Entity* const e = const_cast<Entity*>(target);
-  Tracked const* const found = trackedOf(e);
-  bool const fresh =
-      !found || (snapshotting_ && found->shared && found->snapshotMark != snapshots_);
-  Tracked& t = track(*e);
-  if (!found) t.shared = true;
+  bool made = false;
+  Tracked& t = track(*e, made);
+  bool const fresh = made || (snapshotting_ && t.shared && t.snapshotMark != snapshots_);
+  if (made) t.shared = true;
   // Entities of the tree count their holders too: one that leaves the tree
   // while referred to lives on as a shared entity.
   if (!heldAlready) {
@@ -583,7 +647,7 @@ Entity* LogWriter::writeShared(LogOut& out, Tracked& holder, U32 attr, std::stri
     kelLogWrite(out, String(actual.name()));
   }
   if (fresh) writeCtorArgs(out, actual, *e, true);
-  return fresh ? e : nullptr;
+  return fresh ? &t : nullptr;
 }
 
 void LogWriter::changed(Entity const& e, KelAttr const& attr, void const* key) {
@@ -641,10 +705,11 @@ void LogWriter::writeAttr(LogOut& out, Tracked& t, KelAttr const& attr, bool ann
         return;
       }
       Entity* const c = const_cast<Entity*>(child.get());
-      bool const fresh = snapshotting_ || !trackedOf(c);
+      bool made = false;
+      Tracked& ct = track(*c, made);
+      bool const fresh = snapshotting_ || made;
       // The readers know this child already.
       if (!fresh && heldAlready) return;
-      Tracked& ct = track(*c);
       t.children.put(attr.index, {}, Held{c, false});
       std::size_t const at = openRecord(out, t.ref, id);
       out.u32(ct.ref);
@@ -665,7 +730,7 @@ void LogWriter::writeAttr(LogOut& out, Tracked& t, KelAttr const& attr, bool ann
       Ptr<Entity const> target;
       type.attributeOp(&target, &e, &attr, attrOpRead);
       std::size_t const at = openRecord(out, t.ref, id);
-      Entity* const fresh = writeShared(out, t, attr.index, {}, *attr.type, target.get());
+      Tracked* const fresh = writeShared(out, t, attr.index, {}, *attr.type, target.get());
       closeRecord(out, at);
       ++records_;
       if (fresh) writeFresh(out, *fresh);
@@ -707,7 +772,7 @@ void LogWriter::writeMember(LogOut& out, Tracked& t, KelAttr const& attr, String
     if (present && holdsShared(attr)) {
       at = openRecord(out, t.ref, id);
       out.bytes(key.data(), key.size());
-      Entity* const fresh = writeShared(out, t, attr.index, key, *attr.type, child.get());
+      Tracked* const fresh = writeShared(out, t, attr.index, key, *attr.type, child.get());
       closeRecord(out, at);
       ++records_;
       if (fresh) writeFresh(out, *fresh);
@@ -737,11 +802,12 @@ void LogWriter::writeMember(LogOut& out, Tracked& t, KelAttr const& attr, String
 // A member of a collection of owned entities, present under `key`.
 void LogWriter::writeOwnedMember(LogOut& out, Tracked& t, KelAttr const& attr, String const& key,
                                  Entity* c) {
-  bool const fresh = snapshotting_ || !trackedOf(c);
+  bool made = false;
+  Tracked& ct = track(*c, made);
+  bool const fresh = snapshotting_ || made;
   if (!fresh) {
     if (t.children.find(attr.index, key).entity == c) return;
   }
-  Tracked& ct = track(*c);
   t.children.put(attr.index, key, Held{c, false});
   std::size_t const at = openRecord(out, t.ref, static_cast<S32>(attr.logId));
   out.bytes(key.data(), key.size());
@@ -789,12 +855,12 @@ void LogWriter::writeEntity(LogOut& out, Tracked& t) {
     }
     // Most collections of a large tree are empty: no iterator for those.
     if (std::size_t members = 1;
-        type.attributeOp(&members, t.entity.get(), &attr, attrOpSize) == attrDone && members == 0) {
+        type.attributeOp(&members, t.entity, &attr, attrOpSize) == attrDone && members == 0) {
       if (attr.kind == AttrKind::queue) writeQueueNext(out, t, attr, false);
       return;
     }
     std::unique_ptr<GenericIter> it;
-    if (type.attributeOp(&it, t.entity.get(), &attr, attrOpIterate) != attrDone) return;
+    if (type.attributeOp(&it, t.entity, &attr, attrOpIterate) != attrDone) return;
     if (attr.type->kind() == TypeKind::entity && snapshotting_ && !holdsShared(attr)) {
       // Owned members, straight from the walk: writing them changes nothing
       // in the collection.
@@ -827,8 +893,7 @@ void LogWriter::writeEntity(LogOut& out, Tracked& t) {
   });
 }
 
-void LogWriter::writeFresh(LogOut& out, Entity& e) {
-  Tracked& t = *trackedOf(&e);
+void LogWriter::writeFresh(LogOut& out, Tracked& t) {
   if (snapshotting_) t.snapshotMark = snapshots_;
   writeEntity(out, t);
 }
@@ -955,13 +1020,13 @@ void LogWriter::flush() {
     for (std::size_t i = 0; i < dirty_.size(); ++i) {
       // The tracking records lie all over the heap: ask for the ones ahead.
       // Both lines of a record: the flush reads its first 80 bytes.
-      if (i + 8 < dirty_.size()) {
-        __builtin_prefetch(dirty_[i + 8]);
-        __builtin_prefetch(reinterpret_cast<char const*>(dirty_[i + 8]) + 64);
+      if (i + 16 < dirty_.size()) {
+        __builtin_prefetch(dirty_[i + 16]);
+        __builtin_prefetch(reinterpret_cast<char const*>(dirty_[i + 16]) + 64);
       }
-      if (i + 4 < dirty_.size()) {
-        __builtin_prefetch(dirty_[i + 4]->entity.get());
-        __builtin_prefetch(dirty_[i + 4]->adapterRoom());
+      if (i + 8 < dirty_.size()) {
+        __builtin_prefetch(dirty_[i + 8]->entity);
+        __builtin_prefetch(dirty_[i + 8]->adapterRoom());
       }
       Tracked& t = *dirty_[i];
       t.queued = false;

@@ -212,7 +212,13 @@ class LogWriter {
   };
   struct SnapshotStream;
 
-  Tracked& track(Entity& e);
+  // The record of `e`, made when the writer did not follow it yet; `made`
+  // says which.
+  Tracked& track(Entity& e, bool& made);
+  Tracked& track(Entity& e) {
+    bool made = false;
+    return track(e, made);
+  }
   void untrack(Entity& e);
   void changed(Entity const& e, KelAttr const& attr, void const* key);
   void writeEntity(LogOut& out, Tracked& t);
@@ -225,19 +231,19 @@ class LogWriter {
   void queue(Tracked& t);
   void drop(Held held);
   void writeCtorArgs(LogOut& out, TypeDesc const& declared, Entity const& e, bool withKey);
-  Entity* writeShared(LogOut& out, Tracked& holder, U32 attr, std::string_view key,
-                      TypeDesc const& declared, Entity const* target);
-  void writeFresh(LogOut& out, Entity& e);
+  Tracked* writeShared(LogOut& out, Tracked& holder, U32 attr, std::string_view key,
+                       TypeDesc const& declared, Entity const* target);
+  void writeFresh(LogOut& out, Tracked& t);
   void streamParts(LogOut& out);
 
   Entity* root_;
   std::unique_ptr<GenericNotifiee> tracker_;
   // The record of each tracked entity; null for one the writer never met.
-  [[nodiscard]] Tracked* trackedOf(Entity const* e) const noexcept {
-    auto const* found = tracked_.find(e);
-    return found ? found->get() : nullptr;
-  }
-  HashTable<Entity const*, std::unique_ptr<Tracked>> tracked_;
+  [[nodiscard]] Tracked* trackedOf(Entity const* e) const noexcept;
+  // The records, which the writer owns, by the entity each follows (its
+  // key): an element is a reversed hash and a pointer, 16 bytes for each of
+  // the millions of entities a snapshot tracks.
+  HashTable<Entity const*, Tracked*, KeyOfEntity> tracked_;
   std::vector<Tracked*> dirty_;
   // Entities no longer tracked, kept until the flush that met them ends.
   std::vector<std::unique_ptr<Tracked>> graveyard_;

@@ -237,26 +237,95 @@ bool FdSink::flush() {
 
 namespace {
 
-// Where a holder keeps an entity: the attribute's index and the member's
-// encoded key (empty for a slot or a reference).
-struct HeldWhere {
-  U32 attr = 0;
-  String key;
+// The key of entity `e` as the log encodes it; empty for an unkeyed type.
+String encodedKeyOf(Entity const& e) {
+  TypeDesc const& type = e.fwkType();
+  if (type.keyAttr() == 0) return {};
+  KelAttr const& key = *type.attr(type.keyAttr());
+  GenericValue v(*key.type);
+  type.attributeOp(v.get(), const_cast<Entity*>(&e), &key, attrOpRead);
+  return encode(*key.type, v.get());
+}
+
+// Where a holder keeps an entity in its hash table: the attribute's index
+// and the member's encoded key. Short keys are kept in place and long ones
+// on the heap, except the key of an owned member that holds it as its own
+// key: that is read from the member when compared (a snapshot tracks
+// hundreds of thousands of such members).
+class HeldWhere {
+ public:
+  HeldWhere(U32 attr, std::string_view key) : attr_(attr), size_(static_cast<U32>(key.size())) {
+    char* const to = size_ <= kInPlace ? inPlace_ : (bytes_ = new char[size_]);
+    if (size_ != 0) std::memcpy(to, key.data(), size_);
+  }
+  HeldWhere(U32 attr, Entity const* member) noexcept : attr_(attr), size_(kOfMember) {
+    member_ = member;
+  }
+  // Where (attr, key) is for `member`, an owned member or null: a long key
+  // that is the member's own is read from it.
+  static HeldWhere of(U32 attr, std::string_view key, Entity const* member) {
+    if (member && key.size() > kInPlace && encodedKeyOf(*member) == key)
+      return HeldWhere(attr, member);
+    return HeldWhere(attr, key);
+  }
+  HeldWhere(HeldWhere const& o) : attr_(o.attr_), size_(o.size_) {
+    if (size_ > kInPlace && size_ != kOfMember) {
+      bytes_ = new char[size_];
+      std::memcpy(bytes_, o.bytes_, size_);
+    } else {
+      std::memcpy(inPlace_, o.inPlace_, kInPlace);
+    }
+  }
+  HeldWhere(HeldWhere&& o) noexcept : attr_(o.attr_), size_(o.size_) {
+    std::memcpy(inPlace_, o.inPlace_, kInPlace);
+    o.size_ = 0;
+  }
+  HeldWhere& operator=(HeldWhere const&) = delete;
+  ~HeldWhere() {
+    if (size_ > kInPlace && size_ != kOfMember) delete[] bytes_;
+  }
+
   [[nodiscard]] static U32 hashOf(U32 attr, std::string_view key) noexcept {
     return static_cast<U32>(std::hash<std::string_view>()(key) * 31 + attr);
   }
-  [[nodiscard]] U32 hash() const noexcept { return hashOf(attr, key); }
-  bool operator==(HeldWhere const&) const = default;
+  // Whether this is where (attr, key) is.
+  [[nodiscard]] bool is(U32 attr, std::string_view key) const {
+    if (attr != attr_) return false;
+    if (size_ != kOfMember) return bytes() == key;
+    return encodedKeyOf(*member_) == key;
+  }
+  bool operator==(HeldWhere const& o) const {
+    if (size_ == kOfMember && o.size_ == kOfMember && member_ == o.member_) return attr_ == o.attr_;
+    return size_ == kOfMember ? o.is(attr_, encodedKeyOf(*member_)) : o.is(attr_, bytes());
+  }
+
+ private:
+  static constexpr std::size_t kInPlace = sizeof(char*);
+  static constexpr U32 kOfMember = ~U32{0};  // size_ of a key read from the member
+  [[nodiscard]] std::string_view bytes() const noexcept {
+    return {size_ <= kInPlace ? inPlace_ : bytes_, size_};
+  }
+  U32 attr_;
+  U32 size_;
+  union {
+    char inPlace_[kInPlace];
+    char* bytes_;
+    Entity const* member_;
+  };
 };
 
 // Accepts the HeldWhere of (attr, key) without making one.
 struct IsHeldWhere {
   U32 attr;
   std::string_view key;
-  bool operator()(HeldWhere const& w) const noexcept { return w.attr == attr && w.key == key; }
+  bool operator()(HeldWhere const& w) const { return w.is(attr, key); }
 };
 
 }  // namespace
+
+// Owns its bytes through a pointer, never into itself.
+template <>
+struct KelRelocatable<HeldWhere> : std::true_type {};
 
 // What one entity holds, by where: owned children, or shared entities. Most
 // entities hold nothing or one thing without a key (a block its message, a
@@ -277,8 +346,9 @@ class LogWriter::Holdings {
     }
     return {};
   }
-  // Sets what (attr, key) holds.
-  void put(U32 attr, std::string_view key, Held held) {
+  // Sets what (attr, key) holds; `member`, when given, is an owned member
+  // that may hold `key` as its own key.
+  void put(U32 attr, std::string_view key, Held held, Entity const* member = nullptr) {
     if (isOne(attr, key)) {
       one_.set(held);
       return;
@@ -296,8 +366,13 @@ class LogWriter::Holdings {
     U32 const rh = many || !toList ? reversedHashOf(attr, key) : 0;
     if (many) {
       if (Held* h = findMany(rh, attr, key)) {
-        *h = held;
-        return;
+        if (h->entity == held.entity) {
+          *h = held;
+          return;
+        }
+        // Another entity under the key: the old one's place may read the
+        // key from it.
+        more_->many->eraseIf(rh, IsHeldWhere{attr, key});
       }
     }
     if (key.empty() && !one_.entity) {
@@ -316,7 +391,7 @@ class LogWriter::Holdings {
       return;
     }
     if (!more_->many) more_->many = std::make_unique<HashTable<HeldWhere, Held>>();
-    *more_->many->insertHashed(rh, HeldWhere{attr, String(key)}).first = held;
+    *more_->many->insertHashed(rh, HeldWhere::of(attr, key, member)).first = held;
   }
   void erase(U32 attr, std::string_view key) {
     if (isOne(attr, key)) {
@@ -808,7 +883,7 @@ void LogWriter::writeOwnedMember(LogOut& out, Tracked& t, KelAttr const& attr, S
   if (!fresh) {
     if (t.children.find(attr.index, key).entity == c) return;
   }
-  t.children.put(attr.index, key, Held{c, false});
+  t.children.put(attr.index, key, Held{c, false}, c);
   std::size_t const at = openRecord(out, t.ref, static_cast<S32>(attr.logId));
   out.bytes(key.data(), key.size());
   out.u32(ct.ref);

@@ -242,11 +242,32 @@ class HashTable {
     return bitReverse32(KeyTraits<K>::hash(key));
   }
 
+  // Where a lookup found a key, or would place it: insertHashed() given it
+  // skips its own search while the table has not changed since.
+  class Place {
+   public:
+    Place() = default;
+
+   private:
+    friend class HashTable;
+    U32 slot_ = kAbsent;  // where() of the key, or kAbsent alone before any slot
+    U32 seen_ = 0;        // the table's change count at the lookup
+  };
+
   // The value stored under `key`, or null.
   [[nodiscard]] V* find(K const& key) const noexcept { return findHashed(reversedHash(key), key); }
   // The same given reversedHash(key).
   [[nodiscard]] V* findHashed(U32 rh, K const& key) const noexcept {
     return findIf(rh, [&](K const& k) { return k == key; });
+  }
+  // The same, noting in `place` where the key is or would go, for an
+  // insertHashed() that follows a miss (a find-or-create).
+  [[nodiscard]] V* findHashed(U32 rh, K const& key, Place& place) const noexcept {
+    place.seen_ = changes_;
+    place.slot_ = kAbsent;
+    if (!tags_) return nullptr;
+    place.slot_ = where(rh, [&](K const& k) { return k == key; });
+    return place.slot_ & kAbsent ? nullptr : &at(place.slot_).value;
   }
 
   // An iterator standing on `key`, done when it is absent.
@@ -307,10 +328,17 @@ class HashTable {
   // missed; the table may have changed since.
   template <class... Args>
   std::pair<V*, bool> insertHashed(U32 rh, K const& key, Args&&... args) {
+    return insertHashed(Place{}, rh, key, std::forward<Args>(args)...);
+  }
+  // The same after findHashed(rh, key, place): the search it made serves
+  // while the table is unchanged, else the key is searched anew.
+  template <class... Args>
+  std::pair<V*, bool> insertHashed(Place const& hint, U32 rh, K const& key, Args&&... args) {
     auto const same = [&](K const& k) { return k == key; };
     U32 place = kAbsent;  // where the key goes, while the table is unchanged
     if (tags_) {
-      place = where(rh, same);
+      bool const fresh = hint.seen_ == changes_ && hint.slot_ != kAbsent;
+      place = fresh ? hint.slot_ : where(rh, same);
       if (!(place & kAbsent)) return {&at(place).value, false};
     }
     // Made before the table changes, so that a throwing constructor leaves

@@ -157,7 +157,25 @@ void runTableModel(TableCase const& c) {
     } else if (op < 50) {
       K const key = pick();
       int const value = static_cast<int>(rng() % 1000);
-      auto const [stored, added] = table.insert(key, value);
+      // Half the insertions follow a lookup that notes the key's place, as
+      // a find-or-create does; some of those places go stale first.
+      std::pair<int*, bool> inserted;
+      if (op % 2 == 0) {
+        inserted = table.insert(key, value);
+      } else {
+        U32 const rh = Kel::HashTable<K, int>::reversedHash(key);
+        typename Kel::HashTable<K, int>::Place place;
+        int* const found = table.findHashed(rh, key, place);
+        if (op % 4 == 1) {
+          K const other = pick();
+          if (!(other == key) && table.erase(other)) model.erase(other);
+        }
+        inserted = table.insertHashed(place, rh, key, value);
+        if (found && op % 4 == 3) {
+          ASSERT_EQ(inserted.first, found);
+        }
+      }
+      auto const [stored, added] = inserted;
       auto const [it, modelAdded] = model.try_emplace(key, Stored{value, stamp++});
       ASSERT_EQ(added, modelAdded) << "insert of " << keyNumber(key);
       ASSERT_NE(stored, nullptr);

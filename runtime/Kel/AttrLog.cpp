@@ -617,7 +617,8 @@ LogWriter::Tracked* LogWriter::trackedOf(Entity const* e) const noexcept {
 
 LogWriter::Tracked& LogWriter::track(Entity& e, bool& made) {
   U32 const rh = decltype(tracked_)::reversedHash(&e);
-  if (Tracked* const* found = tracked_.findHashed(rh, &e)) {
+  decltype(tracked_)::Place place;
+  if (Tracked* const* found = tracked_.findHashed(rh, &e, place)) {
     made = false;
     return **found;
   }
@@ -637,7 +638,7 @@ LogWriter::Tracked& LogWriter::track(Entity& e, bool& made) {
   } else if (observed) {
     t->rareNeeded().notifiee = e.fwkType().genericNotifiee(&e, tracker_.get());
   }
-  tracked_.insertHashed(rh, &e, t.get());
+  tracked_.insertHashed(place, rh, &e, t.get());
   ++nextRef_;
   made = true;
   return *t.release();

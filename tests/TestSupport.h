@@ -1,7 +1,8 @@
 // Helpers that several suites share: the text of the exception a call
 // raises, the trace lines written meanwhile, threads that run at once where
-// reference counts allow it, and an entity tree whose replica follows it
-// through the attribute log and a memory sink.
+// reference counts allow it, generic operations and notifications by
+// attribute name, a value through the log codec, and an entity tree whose
+// replica follows it through the attribute log and a memory sink.
 #ifndef TESTS_TESTSUPPORT_H
 #define TESTS_TESTSUPPORT_H
 
@@ -12,9 +13,12 @@
 #include <Kel/TreeCompare.h>
 #include <Rsvp/RsvpTrace.h>
 
+#include <gtest/gtest.h>
+
 #include <memory>
 #include <string>
 #include <thread>
+#include <type_traits>
 #include <utility>
 #include <vector>
 
@@ -37,6 +41,59 @@ std::string errorOf(F&& f) {
 template <class T>
 std::string parseError(std::string_view text) {
   return errorOf<Kel::RangeException>([&] { (void)Kel::strepToValue<T>(text); });
+}
+
+// The generic operation `code` on the attribute named `attr` (or on the whole
+// value when null) of an entity or a value.
+template <class T>
+int attrOp(T& object, char const* attr, Kel::U32 code, void* result, void const* arg1 = nullptr,
+           void const* arg2 = nullptr) {
+  Kel::TypeDesc const& type = [&]() -> Kel::TypeDesc const& {
+    if constexpr (std::is_base_of_v<Kel::Entity, T>) {
+      return object.fwkType();
+    } else {
+      return T::kelType;
+    }
+  }();
+  Kel::KelAttr const* a = attr ? type.attr(attr) : nullptr;
+  if (attr && !a) ADD_FAILURE() << "no attribute " << attr;
+  return type.attributeOp(result, static_cast<void*>(&object), a, code, arg1, arg2);
+}
+
+// Every notification of the entities given, in the order heard, as "attr" or
+// "attr[key]", through the generic notifiee until this goes.
+struct Heard : Kel::GenericNotifiee {
+  template <class... E>
+  explicit Heard(E const*... entities) {
+    (adapters.push_back(entities->fwkType().genericNotifiee(entities, this)), ...);
+  }
+  void onAttribute(Kel::Entity const&, Kel::KelAttr const& a, void const* key) override {
+    std::string line(a.name);
+    if (key) {
+      Kel::String k;
+      a.keyType->ops()->appendStrep(k, key);
+      line += "[" + k + "]";
+    }
+    log.push_back(line);
+  }
+  std::vector<std::string> log;
+  std::vector<std::unique_ptr<Kel::NotifieeBase>> adapters;
+};
+
+// `v` written by the log codec and read back into a T, which must take every
+// byte.
+template <class T>
+T logRoundTrip(T const& v) {
+  Kel::String bytes;
+  Kel::LogOut out(bytes);
+  using Kel::kelLogWrite;
+  kelLogWrite(out, v);
+  Kel::LogIn in(bytes);
+  T back;
+  using Kel::kelLogRead;
+  kelLogRead(in, &back);
+  EXPECT_TRUE(in.atEnd());
+  return back;
 }
 
 // Runs f(0) .. f(n - 1) on n threads at once where reference counts are

@@ -20,22 +20,8 @@ using namespace Rsvp;
 using Sample::Root;
 
 using SampleIds::spId;
+using TestSupport::attrOp;
 using TestSupport::errorOf;
-
-template <class T>
-int op(T& object, char const* attr, Kel::U32 code, void* result, void const* arg1 = nullptr,
-       void const* arg2 = nullptr) {
-  Kel::TypeDesc const& type = [&]() -> Kel::TypeDesc const& {
-    if constexpr (std::is_base_of_v<Kel::Entity, T>) {
-      return object.fwkType();
-    } else {
-      return T::kelType;
-    }
-  }();
-  Kel::KelAttr const* a = attr ? type.attr(attr) : nullptr;
-  if (attr && !a) ADD_FAILURE() << "no attribute " << attr;
-  return type.attributeOp(result, static_cast<void*>(&object), a, code, arg1, arg2);
-}
 
 // Every type of the model: indices run on from 2 (values) or 258 (entities,
 // after the base's), in declaration order, and names are unique; constants
@@ -73,22 +59,22 @@ TEST(Descriptors, EveryTypeNumbersItsAttributesInOrder) {
 TEST(GenericOp, ConstantsUnknownAndUnsupported) {
   auto special = Sample::specialFactory("s");
   Kel::String mount;
-  EXPECT_EQ(op(*special, "mountPath", Kel::attrOpRead, &mount), Kel::attrDone);
+  EXPECT_EQ(attrOp(*special, "mountPath", Kel::attrOpRead, &mount), Kel::attrDone);
   EXPECT_EQ(mount, "sample/root");
-  EXPECT_EQ(op(*special, "mountPath", Kel::attrOpWrite, nullptr, &mount), Kel::attrUnsupported);
+  EXPECT_EQ(attrOp(*special, "mountPath", Kel::attrOpWrite, nullptr, &mount), Kel::attrUnsupported);
   RsvpPathId p(3);
   Kel::U32 v = 0;
-  EXPECT_EQ(op(p, "maxLspId", Kel::attrOpRead, &v), Kel::attrDone);
+  EXPECT_EQ(attrOp(p, "maxLspId", Kel::attrOpRead, &v), Kel::attrDone);
   EXPECT_EQ(v, 65535u);
-  EXPECT_EQ(op(p, "invalidLspId", Kel::attrOpRead, &v), Kel::attrDone);
+  EXPECT_EQ(attrOp(p, "invalidLspId", Kel::attrOpRead, &v), Kel::attrDone);
   EXPECT_EQ(v, 65536u);
-  EXPECT_EQ(op(p, "maxLspId", Kel::attrOpWrite, nullptr, &v), Kel::attrUnsupported);
+  EXPECT_EQ(attrOp(p, "maxLspId", Kel::attrOpWrite, nullptr, &v), Kel::attrUnsupported);
   Kel::KelAttr const foreign{"x", "U32", 99, Kel::AttrKind::plain, &Kel::typeU32, nullptr};
   EXPECT_EQ(RsvpPathId::kelType.attributeOp(&v, &p, &foreign, Kel::attrOpRead), Kel::attrUnknown);
   auto root = Sample::rootFactory("r");
   EXPECT_EQ(root->fwkType().attributeOp(&v, root.get(), &foreign, Kel::attrOpRead),
             Kel::attrUnknown);
-  EXPECT_EQ(op(*root, "count", Kel::attrOpIterate, &v), Kel::attrUnsupported);
+  EXPECT_EQ(attrOp(*root, "count", Kel::attrOpIterate, &v), Kel::attrUnsupported);
 }
 
 // Generic writes check ranges and immutability as the typed setters do,
@@ -97,20 +83,20 @@ TEST(GenericOp, WritesCheckLikeTheSetters) {
   RsvpPathId p(3);
   Kel::U32 const tooBig = 65537;
   EXPECT_EQ(
-      errorOf<Kel::RangeException>([&] { op(p, "lspId", Kel::attrOpWrite, nullptr, &tooBig); }),
+      errorOf<Kel::RangeException>([&] { attrOp(p, "lspId", Kel::attrOpWrite, nullptr, &tooBig); }),
       "RsvpPathId::lspId < 0 or > RsvpPathId::invalidLspId not allowed");
   EXPECT_EQ(p.lspId(), 3u);
   Kel::U32 const ok = 7;
-  EXPECT_EQ(op(p, "lspId", Kel::attrOpWrite, nullptr, &ok), Kel::attrDone);
+  EXPECT_EQ(attrOp(p, "lspId", Kel::attrOpWrite, nullptr, &ok), Kel::attrDone);
   EXPECT_EQ(p.lspId(), 7u);
 
   auto root = Sample::rootFactory("r");
   Kel::U32 const epoch = 16777217;
-  EXPECT_THROW(op(*root, "epoch", Kel::attrOpWrite, nullptr, &epoch), Kel::RangeException);
+  EXPECT_THROW(attrOp(*root, "epoch", Kel::attrOpWrite, nullptr, &epoch), Kel::RangeException);
   auto path = root->pathIs(spId(1), true);
   bool const flag = false;
   EXPECT_EQ(errorOf<Kel::ImmutableAttributeException>(
-                [&] { op(*path, "isBypass", Kel::attrOpWrite, nullptr, &flag); }),
+                [&] { attrOp(*path, "isBypass", Kel::attrOpWrite, nullptr, &flag); }),
             "Attribute Rsvp::Sample::Path::isBypass is immutable");
 }
 
@@ -176,7 +162,7 @@ TEST(GenericValue, MethodsAgreeWithTheTypedOnes) {
 
 std::vector<std::string> genericKeys(Kel::Entity& e, char const* attr) {
   std::unique_ptr<Kel::GenericIter> it;
-  EXPECT_EQ(op(e, attr, Kel::attrOpIterate, &it), Kel::attrDone);
+  EXPECT_EQ(attrOp(e, attr, Kel::attrOpIterate, &it), Kel::attrDone);
   std::vector<std::string> keys;
   Kel::KelAttr const* a = e.fwkType().attr(attr);
   for (; !it->done(); it->next()) {
@@ -210,12 +196,12 @@ TEST(GenericIteration, VisitsEveryMemberInOrder) {
 
   // Elements: a flag for sets, the value for maps, the entity for children.
   std::unique_ptr<Kel::GenericIter> it;
-  op(*root, "ids", Kel::attrOpIterate, &it);
+  attrOp(*root, "ids", Kel::attrOpIterate, &it);
   EXPECT_TRUE(*static_cast<bool const*>(it->element()));
-  op(*root, "weights", Kel::attrOpIterate, &it);
+  attrOp(*root, "weights", Kel::attrOpIterate, &it);
   EXPECT_EQ(*static_cast<Kel::U32 const*>(it->element()),
             root->weights(*static_cast<RsvpSpId const*>(it->key())));
-  op(*root, "leaf", Kel::attrOpIterate, &it);
+  attrOp(*root, "leaf", Kel::attrOpIterate, &it);
   EXPECT_EQ(it->entity(), root->leaf(*static_cast<Kel::U32 const*>(it->key())).get());
 }
 
@@ -223,14 +209,9 @@ TEST(GenericIteration, VisitsEveryMemberInOrder) {
 TEST(GenericIteration, DeleteCurrentRemovesEachMemberOnce) {
   auto root = Sample::rootFactory("r");
   for (Kel::U32 i = 0; i < 30; ++i) root->leafIs(i);
-  struct Count : Root::NotifieeConst {
-    using NotifieeConst::NotifieeConst;
-    using NotifieeConst::onLeaf;
-    void onLeaf(Kel::U32) override { ++n; }
-    int n = 0;
-  } count(root.get());
+  TestSupport::Heard heard(root.get());
   std::unique_ptr<Kel::GenericIter> it;
-  op(*root, "leaf", Kel::attrOpIterate, &it);
+  attrOp(*root, "leaf", Kel::attrOpIterate, &it);
   int visited = 0;
   while (!it->done()) {
     if (*static_cast<Kel::U32 const*>(it->key()) % 2 == 0) {
@@ -242,7 +223,7 @@ TEST(GenericIteration, DeleteCurrentRemovesEachMemberOnce) {
   }
   EXPECT_EQ(visited, 30);
   EXPECT_EQ(root->leafSize(), 15u);
-  EXPECT_EQ(count.n, 15);
+  EXPECT_EQ(heard.log.size(), 15u);
 }
 
 // Member reads, writes, deletions, sizes, queue operations and references
@@ -251,62 +232,51 @@ TEST(GenericOp, MemberOperations) {
   auto root = Sample::rootFactory("r");
   RsvpSpId const k = spId(2);
   Kel::U32 const w = 9;
-  EXPECT_EQ(op(*root, "weights", Kel::attrOpMemberWrite, nullptr, &k, &w), Kel::attrDone);
+  EXPECT_EQ(attrOp(*root, "weights", Kel::attrOpMemberWrite, nullptr, &k, &w), Kel::attrDone);
   Kel::U32 got = 0;
-  EXPECT_EQ(op(*root, "weights", Kel::attrOpMemberRead, &got, &k), Kel::attrDone);
+  EXPECT_EQ(attrOp(*root, "weights", Kel::attrOpMemberRead, &got, &k), Kel::attrDone);
   EXPECT_EQ(got, 9u);
   std::size_t size = 0;
-  op(*root, "weights", Kel::attrOpSize, &size);
+  attrOp(*root, "weights", Kel::attrOpSize, &size);
   EXPECT_EQ(size, 1u);
   bool was = false;
-  op(*root, "weights", Kel::attrOpMemberDel, &was, &k);
+  attrOp(*root, "weights", Kel::attrOpMemberDel, &was, &k);
   EXPECT_TRUE(was);
-  EXPECT_EQ(op(*root, "weights", Kel::attrOpMemberRead, &got, &k), Kel::attrUnsupported);
+  EXPECT_EQ(attrOp(*root, "weights", Kel::attrOpMemberRead, &got, &k), Kel::attrUnsupported);
   Sample::Point const pt(1, 2);
   Kel::U32 seq = 99;
-  EXPECT_EQ(op(*root, "points", Kel::attrOpEnq, &seq, &pt), Kel::attrDone);
+  EXPECT_EQ(attrOp(*root, "points", Kel::attrOpEnq, &seq, &pt), Kel::attrDone);
   EXPECT_EQ(seq, 0u);
   Sample::Point out;
-  EXPECT_EQ(op(*root, "points", Kel::attrOpDeq, &out), Kel::attrDone);
+  EXPECT_EQ(attrOp(*root, "points", Kel::attrOpDeq, &out), Kel::attrDone);
   EXPECT_EQ(out, pt);
-  EXPECT_EQ(op(*root, "points", Kel::attrOpDeq, &out), Kel::attrUnsupported);
+  EXPECT_EQ(attrOp(*root, "points", Kel::attrOpDeq, &out), Kel::attrUnsupported);
   Kel::U32 const leafKey = 4;
-  EXPECT_EQ(op(*root, "leaf", Kel::attrOpMemberWrite, nullptr, &leafKey), Kel::attrDone);
+  EXPECT_EQ(attrOp(*root, "leaf", Kel::attrOpMemberWrite, nullptr, &leafKey), Kel::attrDone);
   Kel::Ptr<Kel::Entity const> leaf;
-  EXPECT_EQ(op(*root, "leaf", Kel::attrOpMemberRead, &leaf, &leafKey), Kel::attrDone);
+  EXPECT_EQ(attrOp(*root, "leaf", Kel::attrOpMemberRead, &leaf, &leafKey), Kel::attrDone);
   EXPECT_EQ(leaf.get(), root->leaf(4).get());
   Kel::Ptr<Kel::Entity const> wrong = Sample::rootFactory("other");
-  EXPECT_EQ(op(*root, "shared", Kel::attrOpWrite, nullptr, &wrong), Kel::attrUnsupported);
-  EXPECT_EQ(op(*root, "shared", Kel::attrOpWrite, nullptr, &leaf), Kel::attrDone);
+  EXPECT_EQ(attrOp(*root, "shared", Kel::attrOpWrite, nullptr, &wrong), Kel::attrUnsupported);
+  EXPECT_EQ(attrOp(*root, "shared", Kel::attrOpWrite, nullptr, &leaf), Kel::attrDone);
   EXPECT_EQ(root->shared().get(), leaf.get());
 }
 
 // The generic notifiee hears every callback with its attribute and key,
 // until its adapter goes.
 TEST(GenericNotifiee, ForwardsEveryCallbackWithAttributeAndKey) {
-  struct Sink : Kel::GenericNotifiee {
-    void onAttribute(Kel::Entity const&, Kel::KelAttr const& a, void const* key) override {
-      std::string line(a.name);
-      if (key) {
-        Kel::String k;
-        a.keyType->ops()->appendStrep(k, key);
-        line += "[" + k + "]";
-      }
-      log.push_back(line);
-    }
-    std::vector<std::string> log;
-  } sink;
   auto special = Sample::specialFactory("s");
-  auto adapter = special->fwkType().genericNotifiee(special.get(), &sink);
+  TestSupport::Heard heard(special.get());
   special->countIs(2);
   special->extraIs(true);
   special->leafIs(3);
   special->newPoints(1, 1);
   special->slotIs();
-  EXPECT_EQ(sink.log, (std::vector<std::string>{"count", "extra", "leaf[3]", "points[0]", "slot"}));
-  adapter.reset();
+  EXPECT_EQ(heard.log,
+            (std::vector<std::string>{"count", "extra", "leaf[3]", "points[0]", "slot"}));
+  heard.adapters.clear();
   special->countIs(3);
-  EXPECT_EQ(sink.log.size(), 5u);
+  EXPECT_EQ(heard.log.size(), 5u);
 }
 
 // The exact text of a tree, each entity once: shared and cyclic ones by path.

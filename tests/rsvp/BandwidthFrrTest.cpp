@@ -1,7 +1,6 @@
 // Bandwidth policy and fast-reroute data: the metric's unchecked arithmetic
 // and checked text, the reclaim tree's visiting order against a sorted
-// model, the bandwidth status's references, and the FRR table's
-// notifications.
+// model, and the FRR table's notifications.
 #include <Rsvp/Rsvp.h>
 
 #include <gtest/gtest.h>
@@ -105,34 +104,12 @@ TEST(BwReclaimPolicy, VisitsInAscendingOrder) {
   }
 }
 
-// A status made from the traffic-engineering statuses refers to them; its
-// figures for an unknown priority are 0.
-TEST(BwResvStatus, ReferencesAndFigures) {
-  auto const client = TrafficEngineering::bandwidthClientStatusFactory("client");
-  client->reservedBandwidthIs(Lumo::IntfId("Ethernet1"), 1e6);
-  auto const hold = TrafficEngineering::bandwidthHoldStatusFactory("hold");
-  auto const status = BwResvStatus::fromTeStatus("resv", client, hold);
-  EXPECT_EQ(status->clientStatus(), client);
-  EXPECT_EQ(status->holdStatus(), hold);
-  Lumo::IntfId const intf("Ethernet1");
-  TrafficEngineering::BwPriority const prio(0, 0);
-  EXPECT_EQ(status->capacity(intf, prio), 0.0);
-  EXPECT_EQ(status->availableBandwidth(intf, prio), 0.0);
-  EXPECT_EQ(status->reservedBandwidth(intf, prio), 0.0);
-}
-
-struct PathKeyCounter : RsvpFrrSharedData::NotifieeConst {
-  using RsvpFrrSharedData::NotifieeConst::NotifieeConst;
-  using RsvpFrrSharedData::NotifieeConst::onPathKeyToNeighbor;
-  void onPathKeyToNeighbor(Cspf::PathKey const& key) override { keys.push_back(key); }
-  std::vector<Cspf::PathKey> keys;
-};
-
 // The FRR map answers a null entry when absent and notifies once per change.
 TEST(RsvpFrr, SharedDataAnswersDefaultsAndNotifiesOncePerChange) {
   auto const data = rsvpFrrSharedDataFactory("frr");
-  PathKeyCounter counter(data.get());
+  TestSupport::Heard heard(data.get());
   Cspf::PathKey const key(Lumo::IpGenAddr::ipv4(0x0a000001), Lumo::IpGenAddr::ipv4(0x0a000009), 4);
+  std::string const changed = "pathKeyToNeighbor[" + Kel::valueToStrep(key) + "]";
   EXPECT_TRUE(!data->pathKeyToNeighbor(key));
   PathKeyToNeighborAndFrrInfo info(key, RsvpNeighborId(Lumo::IpGenAddr::ipv4(0x0a000002)), false);
   data->pathKeyToNeighborIs(info);
@@ -140,13 +117,13 @@ TEST(RsvpFrr, SharedDataAnswersDefaultsAndNotifiesOncePerChange) {
   info.nodeProtectionReqIs(true);
   data->pathKeyToNeighborIs(info);
   data->pathKeyToNeighborIs(info);  // the same entry again: no change
-  EXPECT_EQ(counter.keys, (std::vector<Cspf::PathKey>{key, key}));
+  EXPECT_EQ(heard.log, (std::vector<std::string>{changed, changed}));
   EXPECT_EQ(data->pathKeyToNeighborSize(), 1u);
   EXPECT_EQ(data->pathKeyToNeighbor(key), info);
   EXPECT_FALSE(!data->pathKeyToNeighbor(key));
   EXPECT_TRUE(data->pathKeyToNeighborDel(key));
   EXPECT_TRUE(!data->pathKeyToNeighbor(key));
-  EXPECT_EQ(counter.keys.size(), 3u);
+  EXPECT_EQ(heard.log.size(), 3u);
 }
 
 }  // namespace

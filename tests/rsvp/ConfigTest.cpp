@@ -36,32 +36,6 @@ TEST(Config, AuthSeqWindowSizeRange) {
   EXPECT_EQ(run->authSeqWindowSize(), 1u);
 }
 
-// Every notification of the operator's tree and of its static requests, in
-// the order heard.
-struct Heard : RsvpCliConfig::NotifieeConst, RsvpCliTunnelRequestColl::NotifieeConst {
-  explicit Heard(RsvpCliConfig const* cli)
-      : RsvpCliConfig::NotifieeConst(cli),
-        RsvpCliTunnelRequestColl::NotifieeConst(cli->staticTunnelRequestColl().get()) {}
-  void onRefreshInterval() override { names.push_back("refreshInterval"); }
-  void onRefreshMethod() override { names.push_back("refreshMethod"); }
-  void onHelloInterval() override { names.push_back("helloInterval"); }
-  void onHelloMultiplier() override { names.push_back("helloMultiplier"); }
-  void onAuthType() override { names.push_back("authType"); }
-  void onAuthSeqWindowSize() override { names.push_back("authSeqWindowSize"); }
-  void onEncodedPassword(Kel::U32 i) override {
-    names.push_back("encodedPassword" + std::to_string(i));
-  }
-  void onActivePasswordIndex() override { names.push_back("activePasswordIndex"); }
-  void onStaticTunnelRequestColl() override { names.push_back("staticTunnelRequestColl"); }
-  void onFrrMode() override { names.push_back("frrMode"); }
-  void onReversionMode() override { names.push_back("reversionMode"); }
-  void onEnabled() override { names.push_back("enabled"); }
-  void onStaticTunnelReq(RsvpTunnelRequestId const& id) override {
-    names.push_back("staticTunnelReq" + std::to_string(id.reqId()));
-  }
-  std::vector<std::string> names;
-};
-
 // One change of each kind the operator can make, each away from the default.
 std::vector<std::pair<char const*, void (*)(RsvpCliConfig&)>> operatorChanges() {
   return {
@@ -91,18 +65,19 @@ TEST(CliConfig, ResetRestoresDefaultsInItsOrder) {
   cli->encodedPasswordIs(3, "ck1:y");
   ASSERT_FALSE(cli->isDefault());
   auto const requests = cli->staticTunnelRequestColl();
-  Heard heard(cli.get());
+  TestSupport::Heard heard(cli.get(), requests.get());
   cli->reset();
-  EXPECT_EQ(heard.names,
-            (std::vector<std::string>{
-                "enabled", "refreshInterval", "refreshMethod", "helloInterval", "helloMultiplier",
-                "authType", "authSeqWindowSize", "encodedPassword1", "encodedPassword3",
-                "activePasswordIndex", "staticTunnelReq4", "frrMode", "reversionMode"}));
+  EXPECT_EQ(heard.log, (std::vector<std::string>{
+                           "enabled", "refreshInterval", "refreshMethod", "helloInterval",
+                           "helloMultiplier", "authType", "authSeqWindowSize", "encodedPassword[1]",
+                           "encodedPassword[3]", "activePasswordIndex",
+                           "staticTunnelReq[" + valueToStrep(RsvpTunnelRequestId(4, 1)) + "]",
+                           "frrMode", "reversionMode"}));
   EXPECT_TRUE(cli->isDefault());
   EXPECT_EQ(cli->staticTunnelRequestColl(), requests) << "the collection stays, emptied";
-  heard.names.clear();
+  heard.log.clear();
   cli->reset();
-  EXPECT_TRUE(heard.names.empty()) << "a second reset changes nothing and tells nobody";
+  EXPECT_TRUE(heard.log.empty()) << "a second reset changes nothing and tells nobody";
 }
 
 // isDefault() sees each kind of change, and reset() undoes each alone.

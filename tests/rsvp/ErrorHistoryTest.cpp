@@ -16,18 +16,6 @@ namespace {
 using namespace Rsvp;
 using TestSupport::errorOf;
 
-// Records the name of each attribute that notifies, in order.
-struct ErrorStateLog : RsvpErrorState::NotifieeConst {
-  std::vector<std::string> calls;
-  using NotifieeConst::NotifieeConst;
-  void onError() override { calls.emplace_back("error"); }
-  void onErrorDetectedTime() override { calls.emplace_back("errorDetectedTime"); }
-  void onErrorProcessedTime() override { calls.emplace_back("errorProcessedTime"); }
-  void onOffendingMsg() override { calls.emplace_back("offendingMsg"); }
-};
-
-using Captured = TestSupport::TraceCapture;
-
 bool isDefault(RsvpErrorState const& s) {
   return s.error().errorCode() == rsvpErrorCodeUnknown && s.error().errorValue() == 0 &&
          s.errorDetectedTime() == 0 && s.errorProcessedTime() == 0 && !s.offendingMsg();
@@ -70,20 +58,20 @@ TEST(ErrorState, ResetNotifiesEachChangedAttributeInOrder) {
     SCOPED_TRACE(c.name);
     auto state = rsvpErrorStateFactory();
     c.set(*state);
-    ErrorStateLog log(state.get());
+    TestSupport::Heard heard(state.get());
     state->reset();
-    EXPECT_EQ(log.calls, c.expected);
+    EXPECT_EQ(heard.log, c.expected);
     EXPECT_TRUE(isDefault(*state));
-    log.calls.clear();
+    heard.log.clear();
     state->reset();
-    EXPECT_TRUE(log.calls.empty()) << "a second reset changes nothing";
+    EXPECT_TRUE(heard.log.empty()) << "a second reset changes nothing";
   }
 }
 
 // reset() traces its entry at level 8 only.
 TEST(ErrorState, ResetTracesItsEntryAtLevel8) {
   auto state = rsvpErrorStateFactory();
-  Captured c;
+  TestSupport::TraceCapture c;
   state->reset();
   EXPECT_TRUE(c.lines.empty()) << "entry lines are off by default";
   errorTrace().levelIs(8);
@@ -136,14 +124,8 @@ std::vector<Leaf> const& leaves() {
   return all;
 }
 
-int writeAttr(Kel::Entity& e, char const* attr, Kel::U32 op, void const* value) {
-  Kel::KelAttr const* a = e.fwkType().attr(attr);
-  EXPECT_NE(a, nullptr) << attr;
-  return e.fwkType().attributeOp(nullptr, &e, a, op, value);
-}
-
 // Each leaf is made with its timestamp, fixes its type, and refuses a
-// generic write to either with the exact text.
+// generic write to either with the exact text; the bases are unknown entries.
 TEST(HistoryEntry, EachLeafFixesItsTypeAndRefusesAWriteToIt) {
   for (Leaf const& leaf : leaves()) {
     SCOPED_TRACE(leaf.name);
@@ -155,25 +137,19 @@ TEST(HistoryEntry, EachLeafFixesItsTypeAndRefusesAWriteToIt) {
     RsvpHistoryEntryType const other = rsvpUnknownEntry;
     for (Kel::U32 op : {Kel::attrOpWrite, Kel::attrOpCheck}) {
       EXPECT_EQ(errorOf<Kel::ImmutableAttributeException>(
-                    [&] { writeAttr(*entry, "historyEntryType", op, &other); }),
+                    [&] { TestSupport::attrOp(*entry, "historyEntryType", op, nullptr, &other); }),
                 std::string("Attribute Rsvp::") + leaf.name + "::historyEntryType is immutable")
           << "op " << op;
     }
     EXPECT_EQ(entry->historyEntryType(), leaf.type) << "unchanged";
     Kel::Seconds const later = 99;
-    EXPECT_THROW(writeAttr(*entry, "timestamp", Kel::attrOpWrite, &later),
+    EXPECT_THROW(TestSupport::attrOp(*entry, "timestamp", Kel::attrOpWrite, nullptr, &later),
                  Kel::ImmutableAttributeException);
     EXPECT_EQ(entry->timestamp(), 12.25);
   }
-}
-
-// The bases, made by their factories without a type, are unknown entries.
-TEST(HistoryEntry, BasesAreUnknownEntries) {
   Kel::Ptr<RsvpHistoryEntry> const bases[] = {
       rsvpHistoryEntryFactory(1), rsvpSessionHistoryEntryFactory(2), rsvpSpHistoryEntryFactory(3)};
-  for (auto const& b : bases) {
-    EXPECT_EQ(b->historyEntryType(), rsvpUnknownEntry) << b->fwkType().name();
-  }
+  for (auto const& b : bases) EXPECT_EQ(b->historyEntryType(), rsvpUnknownEntry);
 }
 
 }  // namespace

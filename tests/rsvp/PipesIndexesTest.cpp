@@ -129,16 +129,12 @@ TEST(LocalIntfMap, TriesAnswerTheLongestMatchNotifyAndReplicate) {
   link.connect();
   auto const v4 = link.source->ipTrieIs();
   auto const v6 = link.source->ip6TrieIs();
-  struct Seen : Lumo::IntfIpTrie::NotifieeConst {
-    using NotifieeConst::NotifieeConst;
-    std::vector<std::string> keys;
-    void onIntfId(IpGenPrefix const& p) override { keys.push_back(p.stringValue()); }
-  } seen(v4.get());
+  TestSupport::Heard seen(v4.get());
   v4->intfIdIs(IpGenPrefix(IpGenAddr("10.0.0.0"), 8), Lumo::IntfId("eth1"));
   v4->intfIdIs(IpGenPrefix(IpGenAddr("10.1.0.0"), 16), Lumo::IntfId("eth2"));
   v4->intfIdIs(IpGenPrefix(IpGenAddr("10.1.0.0"), 16), Lumo::IntfId("eth2"));  // equal: silent
   v6->intfIdIs(IpGenPrefix(IpGenAddr("2001:db8::"), 32), Lumo::IntfId("eth3"));
-  EXPECT_EQ(seen.keys, (std::vector<std::string>{"10.0.0.0/8", "10.1.0.0/16"}));
+  EXPECT_EQ(seen.log, (std::vector<std::string>{"intfId[10.0.0.0/8]", "intfId[10.1.0.0/16]"}));
 
   // The trie itself is TrieTest's, against a model.
   EXPECT_EQ(v4->longestMatch(IpGenAddr("10.1.2.3")).key().stringValue(), "10.1.0.0/16");
@@ -150,7 +146,7 @@ TEST(LocalIntfMap, TriesAnswerTheLongestMatchNotifyAndReplicate) {
             "Ip6Trie key 10.0.0.0/8 is not an IPv6 prefix");
   EXPECT_EQ(v4->intfIdSize(), 2u);
   EXPECT_EQ(v6->intfIdSize(), 1u);
-  EXPECT_EQ(seen.keys.size(), 2u) << "a refused key notified";
+  EXPECT_EQ(seen.log.size(), 2u) << "a refused key notified";
 
   link.source->intfIdIs(IpGenAddr("10.1.0.1"), Lumo::IntfId("eth2"));
   link.sync();

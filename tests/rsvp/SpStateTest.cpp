@@ -45,19 +45,16 @@ TEST(SpOperState, EveryCellOfTheTable) {
         auto state = rsvpSpStateFactory(sp(1), false);
         auto const start = static_cast<RsvpSpOperState>(from);
         path ? state->spOperPathStateIs(start) : state->spOperResvStateIs(start);
-        struct Heard : RsvpSpState::NotifieeConst {
-          using NotifieeConst::NotifieeConst;
-          void onSpOperPathState() override { ++count; }
-          void onSpOperResvState() override { ++count; }
-          int count = 0;
-        } heard(state.get());
+        TestSupport::Heard heard(state.get());
         TestSupport::TraceCapture trace("RsvpSp", 9);
         auto const act = static_cast<RsvpSpOperStateAction>(action);
         path ? state->updateOperPathState(act) : state->updateOperResvState(act);
         Kel::U32 const to = table[from][action];
         EXPECT_EQ(path ? state->spOperPathState() : state->spOperResvState(), to)
             << stateName(from) << " " << actions[action];
-        EXPECT_EQ(heard.count, to == from ? 0 : 1);
+        EXPECT_EQ(heard.log, to == from ? std::vector<std::string>{}
+                                        : std::vector<std::string>{path ? "spOperPathState"
+                                                                        : "spOperResvState"});
         std::string const kind = path ? "PATH" : "RESV";
         std::string const decision =
             to == from ? "RsvpSp[9] Keeping " + kind + " state " + stateName(from) + " (action " +

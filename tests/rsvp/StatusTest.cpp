@@ -119,13 +119,7 @@ struct ElementNotices : Kel::GenericNotifiee {
 // again, it keeps the children it finds.
 TEST(Status, InitMakesEveryChildInOrder) {
   auto const root = rsvpStatusFactory("status");
-  struct Order : Kel::GenericNotifiee {
-    std::vector<std::string> heard;
-    void onAttribute(Kel::Entity const&, Kel::KelAttr const& a, void const*) override {
-      heard.emplace_back(a.name);
-    }
-  } order;
-  auto const notifiee = RsvpStatus::kelType.genericNotifiee(root.get(), &order);
+  TestSupport::Heard order(root.get());
   root->doInit();
 
   std::vector<std::string> want;
@@ -136,7 +130,7 @@ TEST(Status, InitMakesEveryChildInOrder) {
     ASSERT_TRUE(child) << a.name;
     EXPECT_EQ(child->parent(), root.get()) << a.name;
   });
-  EXPECT_EQ(order.heard, want);
+  EXPECT_EQ(order.log, want);
   EXPECT_GE(want.size(), 39u);
   EXPECT_EQ(root->frrSharedData()->name(), "sacls") << "not the attribute's initials";
   ASSERT_TRUE(root->neighborStateColl()->sharedState());
@@ -145,7 +139,7 @@ TEST(Status, InitMakesEveryChildInOrder) {
   auto const spsc = root->spStateColl();
   root->doInit();
   EXPECT_EQ(root->spStateColl(), spsc);
-  EXPECT_EQ(order.heard.size(), want.size());
+  EXPECT_EQ(order.log.size(), want.size());
 }
 
 // reset() empties every collection of the tree in place, telling each

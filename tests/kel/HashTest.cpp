@@ -32,16 +32,14 @@ TEST(OneAtATime, MatchesHandComputedValues) {
   for (auto const& c : cases) EXPECT_EQ(hashBytes(c.bytes), c.expected) << c.what;
 }
 
-TEST(OneAtATime, WordsMixLowByteFirst) {
+// Words mix low byte first; -0.0 hashes like 0.0.
+TEST(OneAtATime, WordsMixLowByteFirstAndSignedZeroLikeZero) {
   Kel::OneAtATime words;
   words.addU16(0x0102);
   words.addU32(0x03040506);
   words.addU64(0x0708090a0b0c0d0eull);
   EXPECT_EQ(words.finish(), hashBytes({0x02, 0x01, 0x06, 0x05, 0x04, 0x03, 0x0e, 0x0d, 0x0c, 0x0b,
                                        0x0a, 0x09, 0x08, 0x07}));
-}
-
-TEST(OneAtATime, SignedZeroHashesLikeZero) {
   Kel::OneAtATime a;
   Kel::OneAtATime b;
   a.addF64(0.0);
@@ -49,7 +47,9 @@ TEST(OneAtATime, SignedZeroHashesLikeZero) {
   EXPECT_EQ(a.finish(), b.finish());
 }
 
-TEST(BitReverse, Table) {
+// Bits reverse both ways; with 2^b buckets the bucket is the top b bits of
+// the reversed hash.
+TEST(BitReverse, TableAndBuckets) {
   struct {
     U32 in, out;
   } const cases[] = {{0u, 0u},
@@ -62,10 +62,6 @@ TEST(BitReverse, Table) {
     EXPECT_EQ(Kel::bitReverse32(c.in), c.out) << std::hex << c.in;
     EXPECT_EQ(Kel::bitReverse32(c.out), c.in) << std::hex << c.out;
   }
-}
-
-TEST(BucketOf, TakesLowHashBitsReversed) {
-  // With 2^b buckets the bucket is the top b bits of the reversed hash.
   EXPECT_EQ(Kel::bucketOf(0xdeadbeefu, 0), 0u);
   EXPECT_EQ(Kel::bucketOf(0x1u, 1), 1u);
   EXPECT_EQ(Kel::bucketOf(0x2u, 1), 0u);

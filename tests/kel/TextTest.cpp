@@ -17,6 +17,7 @@ namespace {
 using namespace Kel;
 
 using TestSupport::errorOf;
+using TestSupport::logRoundTrip;
 using TestSupport::parseError;
 
 // Scalars print and parse at their bounds; booleans as true and false.
@@ -109,26 +110,19 @@ TEST(Floats, NanIsRefusedInEverySpellingInfinityIsKept) {
   EXPECT_EQ(it, text.data());
 }
 
-// The attribute log refuses a NaN bit pattern as the text does, and keeps
-// the target; infinities pass.
+// The attribute log refuses a NaN bit pattern as the text does; infinities
+// pass.
 TEST(Floats, NanIsRefusedFromTheLog) {
-  auto read = [](auto bits, auto target) {
-    String bytes;
-    LogOut out(bytes);
-    kelLogWrite(out, bits);
-    LogIn in(bytes);
-    kelLogRead(in, &target);
-    return target;
-  };
   F64 const nan64 = std::numeric_limits<F64>::quiet_NaN();
   F32 const nan32 = std::numeric_limits<F32>::quiet_NaN();
-  EXPECT_EQ(errorOf<RangeException>([&] { (void)read(nan64, F64{2.5}); }), "Invalid F64 'nan'");
-  EXPECT_EQ(errorOf<RangeException>([&] { (void)read(-nan32, F32{2.5f}); }), "Invalid F32 'nan'");
+  EXPECT_EQ(errorOf<RangeException>([&] { (void)logRoundTrip(nan64); }), "Invalid F64 'nan'");
+  EXPECT_EQ(errorOf<RangeException>([&] { (void)logRoundTrip(-nan32); }), "Invalid F32 'nan'");
   F64 const inf = std::numeric_limits<F64>::infinity();
-  EXPECT_EQ(read(-inf, F64{0}), -inf);
+  EXPECT_EQ(logRoundTrip(-inf), -inf);
 }
 
-// Strings are quoted with escapes; bad quoting raises the exact error.
+// Strings are quoted with escapes, and any bytes read back; bad quoting
+// raises the exact error.
 TEST(Strings, QuotingAndEscapes) {
   EXPECT_EQ(valueToStrep(String("Ethernet1")), "\"Ethernet1\"");
   EXPECT_EQ(valueToStrep(String("a\"b\\c\n\t\x01\xff", 9)), R"("a\"b\\c\n\t\x01\xff")");
@@ -139,15 +133,11 @@ TEST(Strings, QuotingAndEscapes) {
   EXPECT_EQ(parseError<String>(R"("\q")"), "Bad escape \\q in string");
   EXPECT_EQ(parseError<String>(R"("\x4")"), "Bad \\x escape in string");
   EXPECT_EQ(parseError<String>("abc"), "Expected a quoted string but found 'abc'");
-}
-
-// Any bytes read back from the quoted form.
-TEST(Strings, RandomBytesRoundTrip) {
   std::mt19937 rng(11);
   for (int i = 0; i < 500; ++i) {
-    String s(rng() % 40, '\0');
-    for (char& c : s) c = static_cast<char>(rng());
-    EXPECT_EQ(strepToValue<String>(valueToStrep(s)), s);
+    String bytes(rng() % 40, '\0');
+    for (char& c : bytes) c = static_cast<char>(rng());
+    EXPECT_EQ(strepToValue<String>(valueToStrep(bytes)), bytes);
   }
 }
 

@@ -123,18 +123,9 @@ TEST(PlatformSeams, OrderHashAndLogFollowATupleModel) {
     }
   }
   for (Kel::U64 id : {Kel::U64{0}, Kel::U64{1} << 40 | 9, ~Kel::U64{0}}) {
-    Kel::String bytes;
-    Kel::LogOut out(bytes);
-    Kel::kelLogWrite(out, LfibViaSetKey(id));
-    Kel::kelLogWrite(out, TunnelId(static_cast<Kel::U32>(id)));
-    Kel::LogIn in(bytes);
-    LfibViaSetKey via;
-    TunnelId tunnel;
-    Kel::kelLogRead(in, &via);
-    Kel::kelLogRead(in, &tunnel);
-    EXPECT_TRUE(in.atEnd());
-    EXPECT_EQ(via.id(), id);
-    EXPECT_EQ(tunnel.index(), static_cast<Kel::U32>(id));
+    EXPECT_EQ(TestSupport::logRoundTrip(LfibViaSetKey(id)).id(), id);
+    EXPECT_EQ(TestSupport::logRoundTrip(TunnelId(static_cast<Kel::U32>(id))).index(),
+              static_cast<Kel::U32>(id));
   }
 }
 

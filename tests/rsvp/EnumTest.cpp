@@ -24,8 +24,10 @@ TEST(Enum, DeclarationOrderIsKept) {
                                                                         {"resvStyleSe", 18}}));
 }
 
-// Lookups by value and by exact name; misses answer null.
-TEST(Enum, InstanceLookups) {
+// Lookups by value and by exact name, misses answering null; text both ways,
+// also of plain enumerators in their namespaces; a number without a name
+// prints as the number and reads back.
+TEST(Enum, ParseAndPrint) {
   ASSERT_NE(Bandwidth::StateInstance(2u), nullptr);
   EXPECT_EQ(Bandwidth::StateInstance(2u)->name, "reserved");
   EXPECT_EQ(Bandwidth::StateInstance("pending")->value, 1u);
@@ -33,11 +35,6 @@ TEST(Enum, InstanceLookups) {
   EXPECT_EQ(Bandwidth::StateInstance(4u), nullptr);
   EXPECT_EQ(Bandwidth::StateInstance("Pending"), nullptr);
   EXPECT_EQ(RsvpResvStyleInstance(10u)->index, 2u);
-}
-
-// Text both ways, also of plain enumerators in their namespaces; a number
-// without a name prints as the number and reads back.
-TEST(Enum, ParseAndPrint) {
   static_assert(sizeof(RsvpMsgType) == 4);
   EXPECT_EQ(strepToValue<RsvpResvStyle>("resvStyleFf"), 10u);
   EXPECT_EQ(valueToStrep(resvStyleFf), "resvStyleFf");
@@ -47,7 +44,6 @@ TEST(Enum, ParseAndPrint) {
   std::ostringstream os;
   os << rsvpSrefreshMsg;
   EXPECT_EQ(os.str(), "rsvpSrefreshMsg");
-  // A number without a name prints as the number and reads back.
   auto const odd = static_cast<RsvpResvStyle>(5);
   EXPECT_EQ(valueToStrep(odd), "5");
   EXPECT_EQ(strepToValue<RsvpResvStyle>("5"), odd);

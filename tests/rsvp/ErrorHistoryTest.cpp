@@ -125,7 +125,7 @@ std::vector<Leaf> const& leaves() {
 }
 
 // Each leaf is made with its timestamp, fixes its type, and refuses a
-// generic write to either with the exact text; the bases are unknown entries.
+// generic write to either with the exact text.
 TEST(HistoryEntry, EachLeafFixesItsTypeAndRefusesAWriteToIt) {
   for (Leaf const& leaf : leaves()) {
     SCOPED_TRACE(leaf.name);
@@ -147,6 +147,10 @@ TEST(HistoryEntry, EachLeafFixesItsTypeAndRefusesAWriteToIt) {
                  Kel::ImmutableAttributeException);
     EXPECT_EQ(entry->timestamp(), 12.25);
   }
+}
+
+// The bases, made by their factories without a type, are unknown entries.
+TEST(HistoryEntry, BasesAreUnknownEntries) {
   Kel::Ptr<RsvpHistoryEntry> const bases[] = {
       rsvpHistoryEntryFactory(1), rsvpSessionHistoryEntryFactory(2), rsvpSpHistoryEntryFactory(3)};
   for (auto const& b : bases) EXPECT_EQ(b->historyEntryType(), rsvpUnknownEntry);

@@ -69,16 +69,13 @@ TEST(Repr, RejectedText) {
 }
 
 // A value is null when every attribute holds its default; a range takes its
-// upper bound, a constant of another type, and nothing beyond.
-TEST(Frame, NullTestAndRangeBound) {
+// upper bound, a constant of another type, and nothing beyond; order is
+// lexicographic in declaration order; hashes as worked out by hand.
+TEST(Frame, NullTestRangeBoundOrderAndHash) {
   EXPECT_TRUE(!RsvpError());
   EXPECT_FALSE(!RsvpError(rsvpErrorCodeUnknown, 1));
   EXPECT_NO_THROW(RsvpRefreshId(RsvpMsgIdObj::invalidMsgIdEpochValue(), 0));
   EXPECT_THROW(RsvpMsgIdObj(false, 16777217, 0), Kel::RangeException);
-}
-
-// Order is lexicographic in declaration order; hashes as worked out by hand.
-TEST(Frame, OrderAndHash) {
   EXPECT_TRUE(RsvpRefreshId(1, 5) < RsvpRefreshId(2, 0));
   EXPECT_TRUE(RsvpRefreshId(1, 5) < RsvpRefreshId(1, 6));
   EXPECT_FALSE(RsvpRefreshId(1, 6) < RsvpRefreshId(1, 5));

@@ -61,10 +61,7 @@ TEST(IdentifierForms, PrintAndParseBack) {
   std::ostringstream os;
   os << sp.pathId();
   EXPECT_EQ(os.str(), "<lspId=3>");
-}
-
-// An LSP id's text keeps the low sixteen bits of the number, sign and all.
-TEST(IdentifierForms, LspIdKeepsLowSixteenBits) {
+  // An LSP id's text keeps the low sixteen bits of the number, sign and all.
   struct {
     char const* text;
     Kel::U32 lspId;
@@ -115,8 +112,9 @@ TEST(IdentifierForms, RejectedText) {
 
 // The default path id is the invalid one, 65536: null, last in order, and
 // the bound that the setter and the constructor take (the range text is
-// ReflectTest's and the dedup tests').
-TEST(PathId, InvalidIsTheDefaultAndTheBound) {
+// ReflectTest's and the dedup tests'); a state-path id is null only when all
+// of it is the default.
+TEST(SpId, NullTest) {
   RsvpPathId p(5);
   EXPECT_EQ(RsvpPathId().lspId(), RsvpPathId::invalidLspId());
   EXPECT_TRUE(!RsvpPathId());
@@ -127,10 +125,6 @@ TEST(PathId, InvalidIsTheDefaultAndTheBound) {
   EXPECT_EQ(p.lspId(), 5u);
   p.lspIdIs(65536);
   EXPECT_TRUE(!p);
-}
-
-// A state-path id is null only when all of it is the default.
-TEST(SpId, NullTest) {
   EXPECT_TRUE(!RsvpSpId());
   RsvpSpId sp;
   sp.pathIdIs(RsvpPathId(0));
@@ -142,7 +136,8 @@ TEST(SpId, NullTest) {
       << "0.0.0.0 is not the unspecified address";
 }
 
-// Hashes worked out by hand from the one-at-a-time steps.
+// Hashes worked out by hand from the one-at-a-time steps; addresses with the
+// same bytes in either family hash alike, yet differ.
 TEST(IdentifierHash, HandComputedValues) {
   EXPECT_EQ(RsvpTunnelId(7).hash(), 0x24f2c201u);
   EXPECT_EQ(RsvpPathId(3).hash(), 0x359a7badu);
@@ -151,11 +146,8 @@ TEST(IdentifierHash, HandComputedValues) {
   EXPECT_EQ(session("10.0.0.2", 7, "10.0.0.1").hash(), 0x56096558u);
   EXPECT_EQ(spId("10.0.0.2", 7, "10.0.0.1", 3).hash(), 0xad695a2au);
   EXPECT_EQ(RsvpSpId().hash(), 0x59779954u);
-}
-
-// Addresses with the same bytes in either family hash alike, yet differ.
-TEST(IdentifierHash, FamilyNeverEntersTheHash) {
-  // 10.0.0.2 sits in the first four of the sixteen address bytes.
+  // The family never enters the hash: 10.0.0.2 sits in the first four of the
+  // sixteen address bytes, so these hash alike, yet differ.
   RsvpSessionId const v4 = session("10.0.0.2", 7, "10.0.0.1");
   RsvpSessionId const v6 = session("a00:2::", 7, "a00:1::");
   EXPECT_EQ(v4.hash(), v6.hash());

@@ -905,6 +905,11 @@ void LogWriter::writeQueueNext(LogOut& out, Tracked& t, KelAttr const& attr, boo
   if (e.fwkType().attributeOp(&next, &e, &attr, attrOpNextSeq) != attrDone) return;
   e.fwkType().attributeOp(&size, &e, &attr, attrOpSize);
   if (!evenIfZero && next == 0 && size == 0) return;
+  if (holdsShared(attr) && !writingRefs_) {
+    // After the entries, which wait for the references.
+    deferredMembers_.push_back({&t, &attr, {}, true});
+    return;
+  }
   std::size_t const at = openRecord(out, t.ref, -static_cast<S32>(attr.logId));
   out.u32(next);
   out.u8(1);
@@ -987,8 +992,14 @@ void LogWriter::writeDeferredRefs(LogOut& out) {
     }
     for (; members < deferredMembers_.size(); ++members) {
       if (stream_) streamParts(out);
+      // A copy: writing may defer more members.
       DeferredMember const m = deferredMembers_[members];
-      if (!m.holder->dead) writeMember(out, *m.holder, *m.attr, m.key);
+      if (m.holder->dead) continue;
+      if (m.queueNext) {
+        writeQueueNext(out, *m.holder, *m.attr, true);
+      } else {
+        writeMember(out, *m.holder, *m.attr, m.key);
+      }
     }
   }
   writingRefs_ = false;

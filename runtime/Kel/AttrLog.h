@@ -252,11 +252,13 @@ class LogWriter {
   bool writingRefs_ = false;
   U32 snapshots_ = 0;  // snapshots written: marks the shared entities each has written
   std::vector<std::pair<Tracked*, KelAttr const*>> deferredRefs_;
-  // Members of shared maps, written with the references.
+  // Members of shared maps and queues, written with the references; a
+  // queue's next number follows its entries.
   struct DeferredMember {
     Tracked* holder;
     KelAttr const* attr;
     String key;
+    bool queueNext = false;  // the queue's next number, not a member
   };
   std::vector<DeferredMember> deferredMembers_;
   // References forgotten since the last frame, announced in the next one.

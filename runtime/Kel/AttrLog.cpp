@@ -846,12 +846,7 @@ void LogWriter::writeMember(LogOut& out, Tracked& t, KelAttr const& attr, String
       return;
     }
     if (present && holdsShared(attr)) {
-      at = openRecord(out, t.ref, id);
-      out.bytes(key.data(), key.size());
-      Tracked* const fresh = writeShared(out, t, attr.index, key, *attr.type, child.get());
-      closeRecord(out, at);
-      ++records_;
-      if (fresh) writeFresh(out, *fresh);
+      writeSharedMember(out, t, attr, key, child.get());
       return;
     }
     if (present) {
@@ -873,6 +868,18 @@ void LogWriter::writeMember(LogOut& out, Tracked& t, KelAttr const& attr, String
   }
   closeRecord(out, at);
   ++records_;
+}
+
+// A member of a map of shared entities, present under `key`, written with
+// the references.
+void LogWriter::writeSharedMember(LogOut& out, Tracked& t, KelAttr const& attr,
+                                  std::string_view key, Entity const* member) {
+  std::size_t const at = openRecord(out, t.ref, static_cast<S32>(attr.logId));
+  out.bytes(key.data(), key.size());
+  Tracked* const fresh = writeShared(out, t, attr.index, key, *attr.type, member);
+  closeRecord(out, at);
+  ++records_;
+  if (fresh) writeFresh(out, *fresh);
 }
 
 // A member of a collection of owned entities, present under `key`.
@@ -907,7 +914,7 @@ void LogWriter::writeQueueNext(LogOut& out, Tracked& t, KelAttr const& attr, boo
   if (!evenIfZero && next == 0 && size == 0) return;
   if (holdsShared(attr) && !writingRefs_) {
     // After the entries, which wait for the references.
-    deferredMembers_.push_back({&t, &attr, {}, true});
+    deferredMembers_.push_back({&t, &attr, {}, nullptr, true});
     return;
   }
   std::size_t const at = openRecord(out, t.ref, -static_cast<S32>(attr.logId));
@@ -948,6 +955,15 @@ void LogWriter::writeEntity(LogOut& out, Tracked& t) {
       for (; !it->done(); it->next()) {
         writeOwnedMember(out, t, attr, encode(*attr.keyType, it->key()),
                          const_cast<Entity*>(it->entity()));
+      }
+      if (attr.kind == AttrKind::queue) writeQueueNext(out, t, attr, false);
+      return;
+    }
+    if (attr.type->kind() == TypeKind::entity && snapshotting_) {
+      // Shared members, noted as the walk meets them and written with the
+      // references: nothing changes the tree before the snapshot ends.
+      for (; !it->done(); it->next()) {
+        deferredMembers_.push_back({&t, &attr, encode(*attr.keyType, it->key()), it->entity()});
       }
       if (attr.kind == AttrKind::queue) writeQueueNext(out, t, attr, false);
       return;
@@ -997,6 +1013,8 @@ void LogWriter::writeDeferredRefs(LogOut& out) {
       if (m.holder->dead) continue;
       if (m.queueNext) {
         writeQueueNext(out, *m.holder, *m.attr, true);
+      } else if (m.member) {
+        writeSharedMember(out, *m.holder, *m.attr, m.key, m.member);
       } else {
         writeMember(out, *m.holder, *m.attr, m.key);
       }

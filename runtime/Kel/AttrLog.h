@@ -225,6 +225,8 @@ class LogWriter {
   // `announcing`: the entity is new to the readers, which make it anew.
   void writeAttr(LogOut& out, Tracked& t, KelAttr const& attr, bool announcing = false);
   void writeMember(LogOut& out, Tracked& t, KelAttr const& attr, String const& key);
+  void writeSharedMember(LogOut& out, Tracked& t, KelAttr const& attr, std::string_view key,
+                         Entity const* member);
   void writeOwnedMember(LogOut& out, Tracked& t, KelAttr const& attr, String const& key, Entity* c);
   void writeQueueNext(LogOut& out, Tracked& t, KelAttr const& attr, bool evenIfZero);
   void writeDeferredRefs(LogOut& out);
@@ -252,12 +254,15 @@ class LogWriter {
   bool writingRefs_ = false;
   U32 snapshots_ = 0;  // snapshots written: marks the shared entities each has written
   std::vector<std::pair<Tracked*, KelAttr const*>> deferredRefs_;
-  // Members of shared maps and queues, written with the references; a
-  // queue's next number follows its entries.
+  // Members of shared maps and queues, written with the references. A
+  // snapshot notes the member its walk met, as nothing changes the tree
+  // until the snapshot's end; a change frame looks the key up when it
+  // writes. A queue's next number follows its entries.
   struct DeferredMember {
     Tracked* holder;
     KelAttr const* attr;
     String key;
+    Entity const* member = nullptr;
     bool queueNext = false;  // the queue's next number, not a member
   };
   std::vector<DeferredMember> deferredMembers_;

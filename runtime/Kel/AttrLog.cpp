@@ -904,13 +904,15 @@ void LogWriter::writeOwnedMember(LogOut& out, Tracked& t, KelAttr const& attr, S
 // The number the queue's next enqueue starts from, after its entries: a
 // replica that saw the entries only (a snapshot, or changes that cancelled
 // out within one frame) would not know it. A new, never used queue says
-// nothing unless asked to.
-void LogWriter::writeQueueNext(LogOut& out, Tracked& t, KelAttr const& attr, bool evenIfZero) {
+// nothing unless asked to. `knownEmpty`: the caller has just found the
+// queue empty, so its size is not asked again.
+void LogWriter::writeQueueNext(LogOut& out, Tracked& t, KelAttr const& attr, bool evenIfZero,
+                               bool knownEmpty) {
   Entity& e = *t.entity;
   U32 next = 0;
   std::size_t size = 0;
   if (e.fwkType().attributeOp(&next, &e, &attr, attrOpNextSeq) != attrDone) return;
-  e.fwkType().attributeOp(&size, &e, &attr, attrOpSize);
+  if (!knownEmpty) e.fwkType().attributeOp(&size, &e, &attr, attrOpSize);
   if (!evenIfZero && next == 0 && size == 0) return;
   if (holdsShared(attr) && !writingRefs_) {
     // After the entries, which wait for the references.
@@ -944,7 +946,7 @@ void LogWriter::writeEntity(LogOut& out, Tracked& t) {
     // Most collections of a large tree are empty: no iterator for those.
     if (std::size_t members = 1;
         type.attributeOp(&members, t.entity, &attr, attrOpSize) == attrDone && members == 0) {
-      if (attr.kind == AttrKind::queue) writeQueueNext(out, t, attr, false);
+      if (attr.kind == AttrKind::queue) writeQueueNext(out, t, attr, false, true);
       return;
     }
     std::unique_ptr<GenericIter> it;

@@ -228,7 +228,8 @@ class LogWriter {
   void writeSharedMember(LogOut& out, Tracked& t, KelAttr const& attr, std::string_view key,
                          Entity const* member);
   void writeOwnedMember(LogOut& out, Tracked& t, KelAttr const& attr, String const& key, Entity* c);
-  void writeQueueNext(LogOut& out, Tracked& t, KelAttr const& attr, bool evenIfZero);
+  void writeQueueNext(LogOut& out, Tracked& t, KelAttr const& attr, bool evenIfZero,
+                      bool knownEmpty = false);
   void writeDeferredRefs(LogOut& out);
   void queue(Tracked& t);
   void drop(Held held);

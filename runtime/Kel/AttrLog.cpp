@@ -1010,8 +1010,8 @@ void LogWriter::writeDeferredRefs(LogOut& out) {
     }
     for (; members < deferredMembers_.size(); ++members) {
       if (stream_) streamParts(out);
-      // A copy: writing may defer more members.
-      DeferredMember const m = deferredMembers_[members];
+      // Taken out, as writing may defer more members and move the rest.
+      DeferredMember const m = std::move(deferredMembers_[members]);
       if (m.holder->dead) continue;
       if (m.queueNext) {
         writeQueueNext(out, *m.holder, *m.attr, true);

@@ -13,6 +13,7 @@
 #include <utility>
 
 #include <sys/socket.h>
+#include <sys/uio.h>
 #include <unistd.h>
 
 #if defined(__x86_64__)
@@ -200,35 +201,101 @@ String MemorySink::take() { return std::exchange(bytes_, String()); }
 
 FdSink::FdSink(int fd) : fd_(fd) {}
 
+void FdSink::append(std::string_view bytes) {
+  if (broken_ || bytes.empty()) return;
+  backlog_ += bytes.size();
+  if (!parts_.empty() && bytes.size() < kPartBytes &&
+      parts_.back().size() + bytes.size() <= parts_.back().capacity()) {
+    parts_.back().append(bytes);
+    return;
+  }
+  std::size_t const room = std::max(bytes.size(), kPartBytes);
+  auto const spare = std::find_if(spares_.begin(), spares_.end(),
+                                  [&](String const& p) { return p.capacity() >= room; });
+  if (spare != spares_.end()) {
+    parts_.push_back(std::move(*spare));
+    spares_.erase(spare);
+    parts_.back().clear();
+  } else {
+    parts_.emplace_back();
+    parts_.back().reserve(room);
+  }
+  parts_.back().append(bytes);
+}
+
 bool FdSink::write(std::string_view bytes) {
   if (broken_) return false;
-  buffer_.append(bytes);
+  if (parts_.empty()) {
+    // Nothing waits: the descriptor takes what it can straight from the
+    // caller's bytes, and only the rest is copied.
+    while (!bytes.empty()) {
+      ssize_t n = ::send(fd_, bytes.data(), bytes.size(), MSG_NOSIGNAL);
+      if (n < 0 && errno == ENOTSOCK) n = ::write(fd_, bytes.data(), bytes.size());
+      if (n > 0) {
+        bytes.remove_prefix(static_cast<std::size_t>(n));
+      } else if (n < 0 && errno == EINTR) {
+        continue;
+      } else if (n < 0 && (errno == EAGAIN || errno == EWOULDBLOCK)) {
+        break;
+      } else {
+        broken_ = true;
+        return false;
+      }
+    }
+    append(bytes);
+    return true;
+  }
+  append(bytes);
   return flush();
 }
 
 bool FdSink::flush() {
-  while (!broken_ && sent_ < buffer_.size()) {
-    char const* const at = buffer_.data() + sent_;
-    std::size_t const left = buffer_.size() - sent_;
+  while (!broken_ && !parts_.empty()) {
+    // Several parts in one call: a snapshot's frames, or envelope heads and
+    // the bytes they announce.
+    constexpr std::size_t kMaxIov = 16;
+    iovec iov[kMaxIov];
+    std::size_t count = 0;
+    for (String const& p : parts_) {
+      std::size_t const skip = count == 0 ? sent_ : 0;
+      iov[count].iov_base = const_cast<char*>(p.data() + skip);
+      iov[count].iov_len = p.size() - skip;
+      if (++count == kMaxIov) break;
+    }
+    msghdr msg{};
+    msg.msg_iov = iov;
+    msg.msg_iovlen = count;
     // A socket whose reader has gone must not kill the process with SIGPIPE.
-    ssize_t n = ::send(fd_, at, left, MSG_NOSIGNAL);
-    if (n < 0 && errno == ENOTSOCK) n = ::write(fd_, at, left);
-    if (n > 0) {
-      sent_ += static_cast<std::size_t>(n);
-    } else if (n < 0 && errno == EINTR) {
-      continue;
-    } else if (n < 0 && (errno == EAGAIN || errno == EWOULDBLOCK)) {
-      break;
-    } else {
+    ssize_t n = ::sendmsg(fd_, &msg, MSG_NOSIGNAL);
+    if (n < 0 && errno == ENOTSOCK) n = ::writev(fd_, iov, static_cast<int>(count));
+    if (n < 0 && errno == EINTR) continue;
+    if (n < 0 && (errno == EAGAIN || errno == EWOULDBLOCK)) break;
+    if (n <= 0) {
       broken_ = true;
+      break;
+    }
+    auto taken = static_cast<std::size_t>(n);
+    while (taken != 0) {
+      String& front = parts_.front();
+      std::size_t const left = front.size() - sent_;
+      if (taken < left) {
+        sent_ += taken;
+        break;
+      }
+      taken -= left;
+      backlog_ -= front.size();
+      sent_ = 0;
+      if (spares_.size() < kSpares) spares_.push_back(std::move(front));
+      parts_.pop_front();
     }
   }
-  if (sent_ == buffer_.size()) {
-    buffer_.clear();
-    sent_ = 0;
-  } else if (sent_ > buffer_.size() / 2) {
-    buffer_.erase(0, sent_);
-    sent_ = 0;
+  if (broken_) {
+    parts_.clear();
+    spares_.clear();
+    backlog_ = sent_ = 0;
+  } else if (parts_.empty()) {
+    // Caught up: large parts are not kept for a backlog that may not come.
+    std::erase_if(spares_, [](String const& p) { return p.capacity() > kPartBytes; });
   }
   return !broken_;
 }

@@ -106,26 +106,36 @@ class MemorySink : public LogSink {
 // Writes to a file descriptor (a Unix or TCP socket, a pipe) without
 // blocking; what the descriptor does not take waits for the next flush().
 // Does not close the descriptor.
+//
+// The backlog is a chain of parts sent in order: a snapshot that outruns
+// its replica by hundreds of megabytes is never copied to grow, and each
+// part is let go once sent. Small writes share a part; a write of a
+// megabyte or more keeps its own.
 class FdSink : public LogSink {
  public:
   explicit FdSink(int fd);
   bool write(std::string_view bytes) override;
   bool flush() override;
-  [[nodiscard]] bool pending() const override { return sent_ < buffer_.size(); }
+  [[nodiscard]] bool pending() const override { return !parts_.empty(); }
   [[nodiscard]] int fd() const noexcept { return fd_; }
   // Whether the descriptor refused bytes for good (its reader went away).
   [[nodiscard]] bool broken() const noexcept { return broken_; }
+  // Bytes waiting for the descriptor.
+  [[nodiscard]] std::size_t backlog() const noexcept { return backlog_ - sent_; }
   // Queues bytes without sending them: the next write() or flush() sends
   // them first.
-  void append(std::string_view bytes) {
-    if (!broken_) buffer_.append(bytes);
-  }
+  void append(std::string_view bytes);
 
  private:
+  static constexpr std::size_t kPartBytes = 1u << 20;
+  static constexpr std::size_t kSpares = 2;
   int fd_;
-  String buffer_;
-  std::size_t sent_ = 0;  // bytes of buffer_ already sent: a large snapshot
-                          // is not moved each time the socket takes a little
+  std::deque<String> parts_;
+  std::size_t sent_ = 0;     // bytes of parts_.front() already sent
+  std::size_t backlog_ = 0;  // bytes in parts_, sent_ included
+  // Sent parts kept for the next ones while a backlog lasts, so that it
+  // does not ask for fresh memory at each part.
+  std::vector<String> spares_;
   bool broken_ = false;
 };
 

@@ -771,6 +771,54 @@ TEST(AttrLog, SnapshotFeedsABackloggedSinkAsItGoes) {
   EXPECT_GE(seen.retries, static_cast<int>((seen.held - (512u << 10)) / (64u << 10) * 3 / 4));
 }
 
+// A descriptor that takes little at a time: whatever mix of small writes,
+// queued bytes and parts of a megabyte or more, the reader gets exactly
+// the bytes written, in order, and the sink's backlog says what waits.
+TEST(AttrLog, FdSinkBacklogKeepsEveryByteInOrder) {
+  int fds[2];
+  ASSERT_EQ(::socketpair(AF_UNIX, SOCK_STREAM | SOCK_NONBLOCK, 0, fds), 0);
+  std::mt19937 rng(7);
+  Kel::FdSink sink(fds[0]);
+  std::string sent;
+  std::string received;
+  auto drain = [&](std::size_t most) {
+    char buf[65536];
+    while (most != 0) {
+      ssize_t const n = ::read(fds[1], buf, std::min(most, sizeof buf));
+      if (n <= 0) break;
+      received.append(buf, static_cast<std::size_t>(n));
+      most -= static_cast<std::size_t>(n);
+    }
+  };
+  for (int step = 0; step < 200; ++step) {
+    std::size_t const size = rng() % 8 == 0 ? (1u << 20) + rng() % (1u << 20) : rng() % 3000;
+    std::string bytes(size, '\0');
+    for (std::size_t i = 0; i < size; ++i)
+      bytes[i] = static_cast<char>('a' + (sent.size() + i) % 23);
+    sent += bytes;
+    if (rng() % 4 == 0) {
+      sink.append(bytes);
+    } else {
+      ASSERT_TRUE(sink.write(bytes));
+    }
+    if (rng() % 3 == 0) drain(rng() % (2u << 20));
+    if (rng() % 5 == 0) {
+      ASSERT_TRUE(sink.flush());
+    }
+    // The rest of what was sent sits in the socket's buffer.
+    ASSERT_LE(received.size() + sink.backlog(), sent.size());
+    ASSERT_EQ(sink.pending(), sink.backlog() != 0);
+  }
+  while (sink.pending()) {
+    drain(~std::size_t{0});
+    ASSERT_TRUE(sink.flush());
+  }
+  drain(~std::size_t{0});
+  EXPECT_EQ(received.size(), sent.size());
+  EXPECT_TRUE(received == sent) << "the bytes arrived out of order";
+  ::close(fds[0]);
+  ::close(fds[1]);
+}
 // A socket path of this test process, removed before and after.
 struct SocketPath {
   explicit SocketPath(char const* name)

@@ -6,7 +6,8 @@
 // - bytes per LSP: heap by the counting allocator, and the resident size;
 //   entity counts and sizes by type, largest first;
 // - a snapshot of the tree into a replica process over a Unix socket, end
-//   to end, and bytes per LSP on the wire;
+//   to end, bytes per LSP on the wire, and how much each side's resident
+//   memory grew (fresh pages, which some virtual machines make slow);
 // - the same state in a Redis state table (one hash per state path, its
 //   fields as strings, pipelined), loaded and one round of refresh updates,
 //   against ours, with memory per LSP; skipped, with the reason, when the
@@ -306,6 +307,7 @@ BENCHMARK(BM_MemoryPerLsp)->Iterations(1)->Unit(benchmark::kMillisecond);
 // The replica: reads the snapshot from `fd` and answers one byte once in
 // sync ('!' when it holds every LSP). Runs in its own process.
 [[noreturn]] void replicaProcess(int fd) {
+  long const residentBefore = residentBytes();
   auto replica = rsvpStatusFactory("status");
   Kel::LogReader reader(*replica);
   // One snapshot frame carries the whole tree: over 64 MiB at this size.
@@ -321,8 +323,14 @@ BENCHMARK(BM_MemoryPerLsp)->Iterations(1)->Unit(benchmark::kMillisecond);
     std::fprintf(stderr, "replica: %s\n", e.what());
     ::_exit(3);
   }
-  char const ok = replica->spStateColl()->spStateSize() == kLsps ? '!' : '?';
-  if (::write(fd, &ok, 1) != 1) ::_exit(1);
+  // The answer, then how much the replica's resident memory grew: the pages
+  // the kernel cleared for it (pages inherited at the fork, from a heap the
+  // parent had freed, do not count).
+  char answer[1 + sizeof(long)];
+  answer[0] = replica->spStateColl()->spStateSize() == kLsps ? '!' : '?';
+  long const grown = residentBytes() - residentBefore;
+  std::memcpy(answer + 1, &grown, sizeof grown);
+  if (::write(fd, answer, sizeof answer) != static_cast<ssize_t>(sizeof answer)) ::_exit(1);
   ::_exit(0);
 }
 
@@ -365,6 +373,7 @@ void BM_Snapshot100k(benchmark::State& state) {
     // while the replica applies a part, and the sink keeps what the socket
     // has not taken yet.
     ::fcntl(sv[0], F_SETFL, ::fcntl(sv[0], F_GETFL) | O_NONBLOCK);
+    long const writerBefore = residentBytes();
     auto const start = Clock::now();
     if (!writer) writer.emplace(*r.status);
     // Counts what goes on the wire on its way to the socket.
@@ -384,19 +393,22 @@ void BM_Snapshot100k(benchmark::State& state) {
     writer->flush();
     // The writer's part; the replica applies the last parts after it.
     double const written = since(start);
-    char answer = 0;
     while (writer->pending()) {
       pollfd p{sv[0], POLLOUT, 0};
       ::poll(&p, 1, 10000);
       writer->flush();
     }
+    long const writerGrown = residentBytes() - writerBefore;
     pollfd answered{sv[0], POLLIN, 0};
     ::poll(&answered, 1, 60000);
-    if (::read(sv[0], &answer, 1) != 1 || answer != '!') {
+    char reply[1 + sizeof(long)] = {};
+    ::fcntl(sv[0], F_SETFL, ::fcntl(sv[0], F_GETFL) & ~O_NONBLOCK);
+    if (::recv(sv[0], reply, sizeof reply, MSG_WAITALL) != static_cast<ssize_t>(sizeof reply) ||
+        reply[0] != '!') {
       ::close(sv[0]);
       int status = 0;
       ::waitpid(pid, &status, 0);
-      std::fprintf(stderr, "replica: answer %d, exit %d\n", answer, WEXITSTATUS(status));
+      std::fprintf(stderr, "replica: answer %d, exit %d\n", reply[0], WEXITSTATUS(status));
       state.SkipWithError("the replica failed");
       return;
     }
@@ -405,6 +417,10 @@ void BM_Snapshot100k(benchmark::State& state) {
         static_cast<double>(writer->records() - recordsBefore) / kLsps;
     state.counters["wireBytesPerLsp"] = static_cast<double>(wire) / kLsps;
     state.counters["writtenS"] = written;
+    long replicaGrown = 0;
+    std::memcpy(&replicaGrown, reply + 1, sizeof replicaGrown);
+    state.counters["writerFreshMiB"] = static_cast<double>(writerGrown) / (1 << 20);
+    state.counters["replicaFreshMiB"] = static_cast<double>(replicaGrown) / (1 << 20);
   }
   ::close(sv[0]);
   ::waitpid(pid, nullptr, 0);

@@ -1296,6 +1296,23 @@ struct LogReader::Decoded {
   std::vector<std::unique_ptr<GenericValue>> args;  // constructor arguments of a new entity
   String childName;                                 // a slot's child: its name at the source
 
+  // Back to a fresh record's state, keeping the memory of its lists: a
+  // frame decodes millions of records into one.
+  // Every field above goes back to its initial value.
+  void clear() noexcept {
+    ref = 0;
+    id = 0;
+    raw = key = element = {};
+    attr = nullptr;
+    del = release = fresh = queueNext = false;
+    keyValue.reset();
+    value.reset();
+    childRef = 0;
+    freshType = nullptr;
+    args.clear();
+    childName.clear();
+  }
+
   [[nodiscard]] std::vector<void const*> argPointers() const {
     std::vector<void const*> out;
     out.reserve(args.size());
@@ -1524,8 +1541,9 @@ void LogReader::frameIs(U8 kind, U64 seq, LogIn payload) {
     check.snapshotStart = kind == frameSnapshot;
     LogIn in = payload;
     try {
+      Decoded d;
       while (!in.atEnd()) {
-        Decoded d;
+        d.clear();
         decode(in, d, &check);
         ++count;
       }
@@ -1563,8 +1581,9 @@ void LogReader::frameIs(U8 kind, U64 seq, LogIn payload) {
     // The records of one entity come together: the last one looked up.
     U32 lastRef = 0;
     Entity* last = nullptr;
+    Decoded d;
     while (!in.atEnd()) {
-      Decoded d;
+      d.clear();
       decode(in, d, nullptr);
       if (d.release) {
         if (Ptr<Entity> known = refs_.take(d.ref)) released.push_back(std::move(known));

@@ -1,3 +1,4 @@
+#include <Kel/LogCodec.h>
 #include <Kel/RangeException.h>
 
 #include <utility>
@@ -33,5 +34,7 @@ void throwOutOfRange(std::string_view type, std::string_view attr, std::string_v
   text.append(max).append(" not allowed");
   throw RangeException(std::move(text));
 }
+
+void LogIn::truncated() { throw RangeException("Truncated attribute log record"); }
 
 }  // namespace Kel

@@ -1578,24 +1578,18 @@ void LogReader::frameIs(U8 kind, U64 seq, LogIn payload) {
   std::vector<Ptr<Entity>> released;
   try {
     LogIn in = payload;
-    // The records of one entity come together: the last one looked up.
-    U32 lastRef = 0;
-    Entity* last = nullptr;
+    Last last;
     Decoded d;
     while (!in.atEnd()) {
       d.clear();
-      decode(in, d, nullptr);
+      decode(in, d, nullptr, &last);
       if (d.release) {
         if (Ptr<Entity> known = refs_.take(d.ref)) released.push_back(std::move(known));
-        lastRef = 0;
+        last = Last{};
         continue;
       }
-      if (d.ref != lastRef) {
-        last = namedBy(d.ref);
-        if (!last) throw LogException("Bad reference in the attribute log");
-        lastRef = d.ref;
-      }
-      Entity* const e = last;
+      if (!last.entity) throw LogException("Bad reference in the attribute log");
+      Entity* const e = last.entity;
       apply(*e, d);
       if (!e->fwkType().logTransactionSettles()) continue;
       auto const id = static_cast<S32>(d.attr->logId);
@@ -1643,7 +1637,7 @@ LogAttrIndex::Table const& LogAttrIndex::tableOf(TypeDesc const& type) {
 // Reads one record. With `check` (the first pass) it also checks the record
 // against the replica's types, ranges, references and queues, and records
 // what the record announces; without, it only decodes.
-void LogReader::decode(LogIn& in, Decoded& d, Check* check) {
+void LogReader::decode(LogIn& in, Decoded& d, Check* check, Last* last) {
   auto typeOf = [&](U32 ref) -> TypeDesc const* {
     if (check) {
       if (auto const* const known = check->types.find(ref)) return *known;
@@ -1660,6 +1654,13 @@ void LogReader::decode(LogIn& in, Decoded& d, Check* check) {
       }
       if (type) check->types.set(ref, type);
       return type;
+    }
+    if (last) {
+      if (ref != last->ref || !last->entity) {
+        Entity* const named = namedBy(ref);
+        *last = Last{ref, named, named ? &named->fwkType() : nullptr};
+      }
+      return last->type;
     }
     Entity const* const named = namedBy(ref);
     return named ? &named->fwkType() : nullptr;

@@ -488,7 +488,14 @@ class LogReader {
   struct Decoded;
   struct Check;
   void frameIs(U8 kind, U64 seq, LogIn payload);
-  void decode(LogIn& in, Decoded& d, Check* check);
+  // The entity the apply pass met last: the records of one entity come
+  // together, so each is looked up once.
+  struct Last {
+    U32 ref = 0;
+    Entity* entity = nullptr;
+    TypeDesc const* type = nullptr;
+  };
+  void decode(LogIn& in, Decoded& d, Check* check, Last* last = nullptr);
   void checkQueue(Check& check, Decoded const& d);
   void checkQueue(Check& check, Decoded const& d, std::size_t recordNo);
   void apply(Entity& e, Decoded& d);

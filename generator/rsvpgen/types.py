@@ -422,6 +422,13 @@ class EntityAttr:
         return self.kind in ("hashed-map", "hashed-set", "ordered-map", "queue") and not self.of_entities
 
     @property
+    def typed_announce(self):
+        """Whether the state adapter writes this attribute when the readers
+        make its entity anew: the plain values it writes, boxed ones aside
+        (every such value raises notifications, so the adapter has it)."""
+        return self.kind == "plain" and self.logged and self.typed_log and not self.boxed
+
+    @property
     def dirty_map(self):
         """The typed map of dirty keys of a collection of values."""
         if self.kind in ("hashed-map", "hashed-set"):

@@ -996,16 +996,11 @@ void LogWriter::writeQueueNext(LogOut& out, Tracked& t, KelAttr const& attr, boo
 void LogWriter::writeEntity(LogOut& out, Tracked& t) {
   if (stream_) streamParts(out);
   TypeDesc const& type = t.entity->fwkType();
+  // The plain values first, through the type's typed dispatch, which takes
+  // no generic value; the loop below skips them.
+  if (t.adapted) records_ += static_cast<U64>(t.adapter()->handleAnnounceValues(out, t.ref));
   type.forEachAttr([&](KelAttr const& attr) {
-    if (attr.logId == 0) return;
-    if (attr.kind == AttrKind::plain && t.adapted) {
-      // Through the type's typed dispatch, which takes no generic value.
-      int const written = t.adapter()->handleAttrAnnounce(static_cast<S32>(attr.logId), out, t.ref);
-      if (written >= 0) {
-        records_ += static_cast<U64>(written);
-        return;
-      }
-    }
+    if (attr.logId == 0 || (attr.typedAnnounce && t.adapted)) return;
     if (!isCollection(attr.kind)) {
       writeAttr(out, t, attr, true);
       return;

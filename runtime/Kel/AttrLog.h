@@ -73,10 +73,10 @@ class LogStateAdapter {
   // Writes the records of attribute `id` that changed since the last call
   // and answers how many; -1 for an attribute it leaves to the writer.
   virtual int handleAttrFlowOut(S32 id, LogOut& out, U32 ref) = 0;
-  // The record of plain attribute `id` of an entity the readers make anew:
-  // none (0) when it holds what a new entity holds; -1 for an attribute it
-  // leaves to the writer.
-  virtual int handleAttrAnnounce(S32 id, LogOut& out, U32 ref) = 0;
+  // The records of the plain attributes marked typedAnnounce, of an entity
+  // the readers make anew, in declaration order; a value equal to what a new
+  // entity holds is left out. Answers how many.
+  virtual int handleAnnounceValues(LogOut& out, U32 ref) = 0;
 };
 
 // Where a writer's bytes go.

@@ -67,6 +67,9 @@ struct KelAttr {
   // A map whose members are pointers to constant entities it does not own
   // (queues of entities and references always are).
   bool shared = false;
+  // A plain value that the type's state adapter writes itself when the
+  // readers make the entity anew (LogStateAdapter::handleAnnounceValues).
+  bool typedAnnounce = false;
 };
 
 // Whether the members or target of `a` are entities held without being

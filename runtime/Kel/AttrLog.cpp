@@ -1291,9 +1291,8 @@ struct LogReader::Decoded {
   std::vector<std::unique_ptr<GenericValue>> args;  // constructor arguments of a new entity
   String childName;                                 // a slot's child: its name at the source
 
-  // Back to a fresh record's state, keeping the memory of its lists: a
-  // frame decodes millions of records into one.
-  // Every field above goes back to its initial value.
+  // Every field above back to its initial value, keeping the memory of the
+  // lists: a frame decodes millions of records into one.
   void clear() noexcept {
     ref = 0;
     id = 0;

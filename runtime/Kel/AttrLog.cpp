@@ -1285,11 +1285,13 @@ struct LogReader::Decoded {
   std::optional<GenericValue> keyValue;
   std::optional<GenericValue> value;
   U32 childRef = 0;
-  bool fresh = false;                               // a shared entity announced by this record
-  TypeDesc const* freshType = nullptr;              // and its type
-  bool queueNext = false;                           // the key is a queue's next number
-  std::vector<std::unique_ptr<GenericValue>> args;  // constructor arguments of a new entity
-  String childName;                                 // a slot's child: its name at the source
+  bool fresh = false;                   // a shared entity announced by this record
+  TypeDesc const* freshType = nullptr;  // and its type
+  bool queueNext = false;               // the key is a queue's next number
+  // Constructor arguments of a new entity, in place: a deque neither moves
+  // them nor, cleared, gives back its first block.
+  std::deque<GenericValue> args;
+  String childName;  // a slot's child: its name at the source
 
   // Every field above back to its initial value, keeping the memory of the
   // lists: a frame decodes millions of records into one.
@@ -1303,16 +1305,17 @@ struct LogReader::Decoded {
     value.reset();
     childRef = 0;
     freshType = nullptr;
-    args.clear();
+    if (!args.empty()) args.clear();  // a deque's clear() costs even when empty
     childName.clear();
   }
 
-  [[nodiscard]] std::vector<void const*> argPointers() const {
-    std::vector<void const*> out;
-    out.reserve(args.size());
-    for (auto const& a : args) out.push_back(a->get());
-    return out;
+  // The arguments as a creator takes them: null when there are none.
+  [[nodiscard]] void const* const* argPointers() const {
+    argAt.clear();
+    for (GenericValue const& a : args) argAt.push_back(a.get());
+    return argAt.empty() ? nullptr : argAt.data();
   }
+  mutable std::vector<void const*> argAt;  // argPointers()'s, kept for the next
 };
 
 // What the first pass over a frame knows: the entities the frame announces
@@ -1381,14 +1384,14 @@ void breakReferences(Entity& e) {
 
 // Whether the constructor arguments of `e` equal those a record carries.
 bool sameCtorArgs(Entity const& e, TypeDesc const& declared, bool withKey,
-                  std::vector<std::unique_ptr<GenericValue>> const& args) {
+                  std::deque<GenericValue> const& args) {
   std::size_t i = 0;
   for (U32 index : declared.ctorAttrs()) {
     if (!withKey && index == declared.keyAttr()) continue;
     KelAttr const& a = *declared.attr(index);
     GenericValue v(*a.type);
     e.fwkType().attributeOp(v.get(), const_cast<Entity*>(&e), &a, attrOpRead);
-    if (i >= args.size() || !a.type->ops()->equal(v.get(), args[i]->get())) return false;
+    if (i >= args.size() || !a.type->ops()->equal(v.get(), args[i].get())) return false;
     ++i;
   }
   return true;
@@ -1665,8 +1668,7 @@ void LogReader::decode(LogIn& in, Decoded& d, Check* check, Last* last) {
     for (U32 index : declared.ctorAttrs()) {
       if (!withKey && index == declared.keyAttr()) continue;
       KelAttr const* arg = declared.attr(index);
-      d.args.push_back(std::make_unique<GenericValue>(*arg->type));
-      arg->type->ops()->logRead(value, d.args.back()->get());
+      arg->type->ops()->logRead(value, d.args.emplace_back(*arg->type).get());
     }
   };
   // A reference to a shared entity: known already, or announced here.
@@ -2034,8 +2036,7 @@ void LogReader::applyChild(Entity& e, Decoded& d) {
     }
   }
   existing = nullptr;
-  std::vector<void const*> const args = d.argPointers();
-  void const* const packed = args.empty() ? nullptr : args.data();
+  void const* const* const packed = d.argPointers();
   Ptr<Entity> child;
   if (slot) {
     if (type.attributeOp(&child, &e, &a, attrOpCreate, packed) != attrDone || !child) refuse();
@@ -2054,8 +2055,7 @@ void LogReader::applyChild(Entity& e, Decoded& d) {
 Ptr<Entity const> LogReader::shared(Decoded const& d) {
   if (d.childRef == 0) return nullptr;
   if (d.fresh) {
-    std::vector<void const*> const args = d.argPointers();
-    Ptr<Entity> made = d.freshType->createWithArgs()(args.empty() ? nullptr : args.data());
+    Ptr<Entity> made = d.freshType->createWithArgs()(d.argPointers());
     nameIs(d.childRef, made);
     return made;
   }

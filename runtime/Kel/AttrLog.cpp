@@ -460,6 +460,14 @@ class LogWriter::Holdings {
     if (!more_->many) more_->many = std::make_unique<HashTable<HeldWhere, Held>>();
     *more_->many->insertHashed(rh, HeldWhere::of(attr, key, member)).first = held;
   }
+  // Room for `n` more keyed entries: a snapshot meets a collection's
+  // members all at once, and knows how many.
+  void reserve(std::size_t n) {
+    if (n <= kFew) return;
+    if (!more_) more_ = std::make_unique<More>();
+    if (!more_->many) more_->many = std::make_unique<HashTable<HeldWhere, Held>>();
+    more_->many->reserve(more_->many->size() + n);
+  }
   void erase(U32 attr, std::string_view key) {
     if (isOne(attr, key)) {
       one_ = One{};
@@ -1006,8 +1014,9 @@ void LogWriter::writeEntity(LogOut& out, Tracked& t) {
       return;
     }
     // Most collections of a large tree are empty: no iterator for those.
-    if (std::size_t members = 1;
-        type.attributeOp(&members, t.entity, &attr, attrOpSize) == attrDone && members == 0) {
+    std::size_t members = 1;
+    bool const sized = type.attributeOp(&members, t.entity, &attr, attrOpSize) == attrDone;
+    if (sized && members == 0) {
       if (attr.kind == AttrKind::queue) writeQueueNext(out, t, attr, false, true);
       return;
     }
@@ -1016,6 +1025,7 @@ void LogWriter::writeEntity(LogOut& out, Tracked& t) {
     if (attr.type->kind() == TypeKind::entity && snapshotting_ && !holdsShared(attr)) {
       // Owned members, straight from the walk: writing them changes nothing
       // in the collection.
+      if (sized) t.children.reserve(members);
       for (; !it->done(); it->next()) {
         writeOwnedMember(out, t, attr, encode(*attr.keyType, it->key()),
                          const_cast<Entity*>(it->entity()));

@@ -316,10 +316,17 @@ TEST(HashTable, IteratorFollowsOrderWhileTableChanges) {
 // of reversed hashes and insertion (erasures are the model's). `asCopied`
 // inserts the keys in iteration order, as a copy of another table does,
 // which crowds them into the front of the slots until the table grows.
+// `reserved`: room for half the keys is asked for first.
 template <class K>
-void growAcrossDoublings(U32 count, bool asCopied = false) {
-  SCOPED_TRACE(testing::Message() << count << " keys" << (asCopied ? ", in order" : ""));
+void growAcrossDoublings(U32 count, bool asCopied = false, bool reserved = false) {
+  SCOPED_TRACE(testing::Message() << count << " keys" << (asCopied ? ", in order" : "")
+                                  << (reserved ? ", half reserved" : ""));
   Kel::HashTable<K, int> table;
+  if (reserved) {
+    table.reserve(count / 2);
+    ASSERT_EQ(table.size(), 0u);
+    ASSERT_TRUE(table.begin().done());
+  }
   std::map<K, Stored> model;
   U64 stamp = 0;
   std::vector<U32> keys(count);
@@ -353,6 +360,9 @@ TEST(HashTable, GrowthAcrossManyDoublings) {
   growAcrossDoublings<U32>(U32{1} << 17, true);
   growAcrossDoublings<HighBitsKey>(4000, true);
   growAcrossDoublings<NamedKey>(5000);
+  growAcrossDoublings<U32>(U32{1} << 17, false, true);
+  growAcrossDoublings<HighBitsKey>(4000, true, true);
+  growAcrossDoublings<NamedKey>(5000, false, true);
 }
 
 // ---- Queue

@@ -199,6 +199,28 @@ bool MemorySink::write(std::string_view bytes) {
 
 String MemorySink::take() { return std::exchange(bytes_, String()); }
 
+namespace {
+
+// Sends what `iov` holds to `fd`, a socket or (writev) anything else.
+// Answers the bytes taken, 0 when the descriptor would block; sets `broken`
+// when it refuses for good. A socket whose reader has gone must not kill the
+// process with SIGPIPE.
+std::size_t sendSome(int fd, iovec* iov, std::size_t count, bool& broken) {
+  msghdr msg{};
+  msg.msg_iov = iov;
+  msg.msg_iovlen = count;
+  for (;;) {
+    ssize_t n = ::sendmsg(fd, &msg, MSG_NOSIGNAL);
+    if (n < 0 && errno == ENOTSOCK) n = ::writev(fd, iov, static_cast<int>(count));
+    if (n > 0) return static_cast<std::size_t>(n);
+    if (n < 0 && errno == EINTR) continue;
+    if (n == 0 || (errno != EAGAIN && errno != EWOULDBLOCK)) broken = true;
+    return 0;
+  }
+}
+
+}  // namespace
+
 FdSink::FdSink(int fd) : fd_(fd) {}
 
 void FdSink::append(std::string_view bytes) {
@@ -225,28 +247,20 @@ void FdSink::append(std::string_view bytes) {
 
 bool FdSink::write(std::string_view bytes) {
   if (broken_) return false;
-  if (parts_.empty()) {
-    // Nothing waits: the descriptor takes what it can straight from the
-    // caller's bytes, and only the rest is copied.
-    while (!bytes.empty()) {
-      ssize_t n = ::send(fd_, bytes.data(), bytes.size(), MSG_NOSIGNAL);
-      if (n < 0 && errno == ENOTSOCK) n = ::write(fd_, bytes.data(), bytes.size());
-      if (n > 0) {
-        bytes.remove_prefix(static_cast<std::size_t>(n));
-      } else if (n < 0 && errno == EINTR) {
-        continue;
-      } else if (n < 0 && (errno == EAGAIN || errno == EWOULDBLOCK)) {
-        break;
-      } else {
-        broken_ = true;
-        return false;
-      }
-    }
+  if (!parts_.empty()) {
     append(bytes);
-    return true;
+    return flush();
+  }
+  // Nothing waits: the descriptor takes what it can straight from the
+  // caller's bytes, and only the rest is copied.
+  while (!bytes.empty()) {
+    iovec iov{const_cast<char*>(bytes.data()), bytes.size()};
+    std::size_t const n = sendSome(fd_, &iov, 1, broken_);
+    if (n == 0) break;
+    bytes.remove_prefix(n);
   }
   append(bytes);
-  return flush();
+  return !broken_;
 }
 
 bool FdSink::flush() {
@@ -262,19 +276,8 @@ bool FdSink::flush() {
       iov[count].iov_len = p.size() - skip;
       if (++count == kMaxIov) break;
     }
-    msghdr msg{};
-    msg.msg_iov = iov;
-    msg.msg_iovlen = count;
-    // A socket whose reader has gone must not kill the process with SIGPIPE.
-    ssize_t n = ::sendmsg(fd_, &msg, MSG_NOSIGNAL);
-    if (n < 0 && errno == ENOTSOCK) n = ::writev(fd_, iov, static_cast<int>(count));
-    if (n < 0 && errno == EINTR) continue;
-    if (n < 0 && (errno == EAGAIN || errno == EWOULDBLOCK)) break;
-    if (n <= 0) {
-      broken_ = true;
-      break;
-    }
-    auto taken = static_cast<std::size_t>(n);
+    std::size_t taken = sendSome(fd_, iov, count, broken_);
+    if (taken == 0) break;
     while (taken != 0) {
       String& front = parts_.front();
       std::size_t const left = front.size() - sent_;

@@ -387,7 +387,6 @@ class HashTable {
     if (tags_ && n <= maxSize()) return;
     U64 const slots = U64{n} * 10 / (kSmall ? 8 : 9) + 1;
     if (slots > (U64{1} << 31)) throw std::length_error("Kel::HashTable is full");
-    if (tags_ && slots <= slotCount_) return;
     rebuild(std::max(static_cast<U32>(slots), kInitialSlots), tags_ ? tail_ : kInitialTail);
   }
 

@@ -81,7 +81,9 @@ class LogIn {
     if (remaining() < n) [[unlikely]]
       truncated();
   }
-  [[noreturn]] static void truncated();
+  [[noreturn, gnu::cold, gnu::noinline]] static void truncated() {
+    throw RangeException("Truncated attribute log record");
+  }
 
  private:
   template <class T>

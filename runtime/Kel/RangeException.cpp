@@ -1,4 +1,3 @@
-#include <Kel/LogCodec.h>
 #include <Kel/RangeException.h>
 
 #include <utility>
@@ -34,7 +33,5 @@ void throwOutOfRange(std::string_view type, std::string_view attr, std::string_v
   text.append(max).append(" not allowed");
   throw RangeException(std::move(text));
 }
-
-void LogIn::truncated() { throw RangeException("Truncated attribute log record"); }
 
 }  // namespace Kel

@@ -11,7 +11,7 @@ from .types import (ALIASES, ATTR_KINDS, Attr, Bound, Enum, Enumerator, EntityAt
                     Model, Unit, ValueType, View)
 
 IDENT = re.compile(r"^[A-Za-z_][A-Za-z0-9_]*$")
-TRAITS = {"hash", "hash-custom", "less"}
+TRAITS = {"hash", "hash-custom", "hash-memo", "less"}
 
 UNIT_KEYS = {"unit", "doc", "types", "includes"}
 ENUM_KEYS = {"enum", "doc", "values"}
@@ -194,7 +194,11 @@ def _define_value(model, type_, body, where):
     type_.traits = set(traits)
     # hash-custom: hash() is declared here and written by hand in the unit's .cpp.
     type_.custom_hash = "hash-custom" in type_.traits
-    type_.has_hash = "hash" in type_.traits or type_.custom_hash
+    # hash-memo: the generated hash(), remembering the thread's last key.
+    type_.hash_memo = "hash-memo" in type_.traits
+    if type_.hash_memo and type_.custom_hash:
+        _fail(where, "hash-memo and hash-custom do not go together: a hand-written hash keeps its own")
+    type_.has_hash = "hash" in type_.traits or type_.custom_hash or type_.hash_memo
     type_.has_less = "less" in type_.traits
     type_.methods = list(body.get("methods", []) or [])
     # Constants first, so that a default or a bound may name one declared later.

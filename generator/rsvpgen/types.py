@@ -270,6 +270,7 @@ class ValueType(Type):
         self.traits = set()    # hash, less
         self.has_hash = False
         self.custom_hash = False  # hash() written by hand
+        self.hash_memo = False  # hash() remembers the thread's last key
         self.has_less = False
         self.methods = []      # declarations of hand-written members
 

@@ -4,6 +4,7 @@
 
 #include <gtest/gtest.h>
 
+#include <random>
 #include <vector>
 
 namespace {
@@ -68,6 +69,40 @@ TEST(BitReverse, TableAndBuckets) {
   EXPECT_EQ(Kel::bucketOf(0x1u, 4), 8u);  // bit 0 becomes the bucket's top bit
   EXPECT_EQ(Kel::bucketOf(0x6u, 4), 6u);  // 0110 reversed is 0110
   EXPECT_EQ(Kel::bucketOf(0xfffffffeu, 32), 0x7fffffffu);
+}
+
+// A memo answers every key with its own hash, and computes only when the
+// key differs from the one before: repeats, alternations and keys whose
+// bytes differ in one field only.
+TEST(HashMemo, ComputesOnlyForAKeyUnlikeTheLast) {
+  struct Key {
+    U32 a;
+    Kel::U16 b;
+    bool operator==(Key const&) const = default;
+  };
+  auto const reference = [](Key const& k) {
+    Kel::OneAtATime h;
+    h.addU32(k.a);
+    h.addU16(k.b);
+    return h.finish();
+  };
+  Key const pool[] = {{0, 0}, {0, 1}, {1, 0}, {0xffffffffu, 0xffff}};
+  Kel::HashMemo<Key> memo;
+  std::mt19937 rng(7);
+  int computed = 0;
+  int expected = 0;
+  Key const* previous = nullptr;
+  for (int i = 0; i < 2000; ++i) {
+    Key const& k = pool[rng() % 4];
+    if (!previous || !(*previous == k)) ++expected;
+    previous = &k;
+    U32 const h = memo.hashOf(k, [&] {
+      ++computed;
+      return reference(k);
+    });
+    ASSERT_EQ(h, reference(k)) << i;
+  }
+  EXPECT_EQ(computed, expected);
 }
 
 }  // namespace

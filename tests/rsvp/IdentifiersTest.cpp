@@ -207,6 +207,18 @@ TEST(IdentifierProperties, RandomRoundTripsAndStrictOrder) {
     if (a == b) {
       ASSERT_EQ(a.hash(), b.hash());
     }
+    // The id remembers the thread's last hash: asked in turns, each still
+    // answers its own.
+    auto const unremembered = [](RsvpSpId const& x) {
+      Kel::OneAtATime h;
+      h.addU32(x.sessionId().hash());
+      h.addU32(x.pathId().hash());
+      return h.finish();
+    };
+    ASSERT_EQ(b.hash(), unremembered(b));
+    ASSERT_EQ(a.hash(), unremembered(a));
+    ASSERT_EQ(a.hash(), unremembered(a));
+    ASSERT_EQ(b.hash(), unremembered(b));
   }
 }
 

@@ -1195,7 +1195,8 @@ void LogWriter::subscriberDel(LogSink const* sink) {
 
 void LogWriter::flush() {
   if (!dirty_.empty() || !released_.empty()) {
-    String payload;
+    String& payload = payload_;
+    payload.clear();
     LogOut out(payload);
     // Entities announced while writing join the end of the list.
     std::vector<U32> attrs;
@@ -1252,11 +1253,15 @@ void LogWriter::flush() {
       for (Subscriber& s : sinks_) {
         forEachPart(payload, partBytes_, frameChanges, frameChanges,
                     [&](U8 kind, std::string_view part) {
-                      String bytes;
-                      logFrame(bytes, kind, ++s.seq, part);
-                      if (s.sink && !s.sink->write(bytes)) s.sink.reset();
+                      frame_.clear();
+                      logFrame(frame_, kind, ++s.seq, part);
+                      if (s.sink && !s.sink->write(frame_)) s.sink.reset();
                     });
       }
+    }
+    // What one part needs stays; a larger flush's buffers go.
+    for (String* kept : {&payload_, &frame_}) {
+      if (kept->capacity() > partBytes_ + kHeader + kTrailer) String().swap(*kept);
     }
   }
   for (Subscriber& s : sinks_) {

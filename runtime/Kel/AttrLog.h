@@ -284,6 +284,12 @@ class LogWriter {
   U64 records_ = 0;
   std::size_t partBytes_ = logFramePartBytes;
   LogAttrIndex attrs_;
+  // A flush's payload and the frame around it, kept for the next flush: a
+  // flush every 10k refreshes makes half a megabyte, which a fresh string
+  // would grow to by doubling, copying each time, on memory malloc may have
+  // to map anew. Up to one part's worth is kept.
+  String payload_;
+  String frame_;
 };
 
 // What a few recent references stood for, by reference (0 is none): a small

@@ -16,7 +16,6 @@
 
 #include <bit>
 #include <cstring>
-#include <new>
 #include <type_traits>
 
 namespace Kel {
@@ -67,40 +66,34 @@ class OneAtATime {
 
 // The last key of type K hashed on this thread, with its hash. A road hashes
 // one key into many tables in a row (a state path's id goes into a dozen on
-// the way in); with a memo each of those after the first costs an equality
-// test instead of a walk over the key's bytes. Equal keys hash alike, so the
-// answer is the same whether the memo held the key or not.
+// the way in); with a memo each of those after the first costs a comparison
+// instead of a walk over the key's bytes.
 //
-// Meant for a `static thread_local` inside the key type's hash(): it is
-// constant-initialized, so a thread pays no guard for it, and K must be
-// trivially copyable and destructible, so that keeping a copy is a plain
-// store.
+// The memo keeps and compares the key's bytes: a hash is a function of the
+// key's members, so the same bytes have the same hash. Equal keys with
+// different bytes (padding, say) merely miss the memo, and the answer is the
+// same whether the memo held the key or not. Meant for a `static
+// thread_local` inside the key type's hash(): it is constant-initialized,
+// so a thread pays no guard for it.
 template <class K>
 class HashMemo {
-  static_assert(std::is_trivially_copyable_v<K> && std::is_trivially_destructible_v<K>,
-                "a hash memo keeps keys that are trivially copyable and destructible");
+  static_assert(std::is_trivially_copyable_v<K>,
+                "a hash memo keeps the bytes of keys that are trivially copyable");
 
  public:
   constexpr HashMemo() noexcept = default;
 
   template <class Compute>
   [[nodiscard]] U32 hashOf(K const& key, Compute&& compute) noexcept {
-    if (held_ && *last() == key) return hash_;
-    U32 const h = compute();
-    if (held_) {
-      *last() = key;
-    } else {
-      ::new (static_cast<void*>(bytes_)) K(key);
-      held_ = true;
-    }
-    hash_ = h;
-    return h;
+    if (held_ && std::memcmp(bytes_, &key, sizeof(K)) == 0) return hash_;
+    hash_ = compute();
+    std::memcpy(bytes_, &key, sizeof(K));
+    held_ = true;
+    return hash_;
   }
 
  private:
-  K* last() noexcept { return std::launder(reinterpret_cast<K*>(bytes_)); }
-
-  alignas(K) unsigned char bytes_[sizeof(K)] = {};
+  unsigned char bytes_[sizeof(K)] = {};
   U32 hash_ = 0;
   bool held_ = false;
 };

@@ -1010,8 +1010,7 @@ void LogWriter::writeEntity(LogOut& out, Tracked& t) {
   // The plain values first, through the type's typed dispatch, which takes
   // no generic value; the loop below skips them.
   if (t.adapted) records_ += static_cast<U64>(t.adapter()->handleAnnounceValues(out, t.ref));
-  type.forEachAttr([&](KelAttr const& attr) {
-    if (attr.logId == 0 || (attr.typedAnnounce && t.adapted)) return;
+  auto const visit = [&](KelAttr const& attr) {
     if (!isCollection(attr.kind)) {
       writeAttr(out, t, attr, true);
       return;
@@ -1064,7 +1063,8 @@ void LogWriter::writeEntity(LogOut& out, Tracked& t) {
       ++records_;
     }
     if (attr.kind == AttrKind::queue) writeQueueNext(out, t, attr, false);
-  });
+  };
+  for (KelAttr const* attr : attrs_.walk(type, t.adapted)) visit(*attr);
 }
 
 void LogWriter::writeFresh(LogOut& out, Tracked& t) {
@@ -1635,15 +1635,18 @@ void LogReader::frameIs(U8 kind, U64 seq, LogIn payload) {
   records_ += count;
 }
 
-// The index of `type` by log id, made the first time the type is met.
-LogAttrIndex::Table const& LogAttrIndex::tableOf(TypeDesc const& type) {
+// The indexes of `type`, made the first time the type is met.
+LogAttrIndex::Table const& LogAttrIndex::make(TypeDesc const& type) {
   auto const [found, fresh] = tables_.try_emplace(&type);
   Table& table = found->second;
   if (fresh) {
     type.forEachAttr([&](KelAttr const& a) {
-      if (a.logId == 0 || a.logId > kTableIds) return;
-      if (table.size() <= a.logId) table.resize(a.logId + 1, nullptr);
-      table[a.logId] = &a;
+      if (a.logId == 0) return;
+      table.walk.push_back(&a);
+      if (!a.typedAnnounce) table.walkAdapted.push_back(&a);
+      if (a.logId > kTableIds) return;
+      if (table.byId.size() <= a.logId) table.byId.resize(a.logId + 1, nullptr);
+      table.byId[a.logId] = &a;
     });
   }
   return table;

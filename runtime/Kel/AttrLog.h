@@ -157,18 +157,33 @@ class LogAttrIndex {
  public:
   // The attribute of `type` with `logId`, or null.
   [[nodiscard]] KelAttr const* find(TypeDesc const& type, U32 logId) {
-    auto const key = reinterpret_cast<std::uintptr_t>(&type);
-    Cached& c = cache_[static_cast<std::size_t>((key * 0x9E3779B97F4A7C15ULL) >> 58)];
-    if (c.type != &type) c = Cached{&type, &tableOf(type)};
-    if (logId < c.table->size()) return (*c.table)[logId];
+    Table const& table = tableOf(type);
+    if (logId < table.byId.size()) return table.byId[logId];
     return logId > kTableIds ? type.attrByLogId(logId) : nullptr;
+  }
+  // The logged attributes of `type` in declaration order, without those its
+  // state adapter writes in one typed call when `adapted`: what a walk
+  // over an entity of the type visits.
+  [[nodiscard]] std::vector<KelAttr const*> const& walk(TypeDesc const& type, bool adapted) {
+    Table const& table = tableOf(type);
+    return adapted ? table.walkAdapted : table.walk;
   }
 
  private:
   // Ids are the schema's (from 256 up) or the index: a table either way.
   static constexpr U32 kTableIds = 65535;
-  using Table = std::vector<KelAttr const*>;
-  Table const& tableOf(TypeDesc const& type);
+  struct Table {
+    std::vector<KelAttr const*> byId;
+    std::vector<KelAttr const*> walk;
+    std::vector<KelAttr const*> walkAdapted;
+  };
+  Table const& tableOf(TypeDesc const& type) {
+    auto const key = reinterpret_cast<std::uintptr_t>(&type);
+    Cached& c = cache_[static_cast<std::size_t>((key * 0x9E3779B97F4A7C15ULL) >> 58)];
+    if (c.type != &type) c = Cached{&type, &make(type)};
+    return *c.table;
+  }
+  Table const& make(TypeDesc const& type);
   struct Cached {
     TypeDesc const* type = nullptr;
     Table const* table = nullptr;

@@ -92,10 +92,14 @@ std::size_t openRecord(LogOut& out, U32 ref, S32 id) { return openLogRecord(out,
 void closeRecord(LogOut& out, std::size_t lengthAt) { closeLogRecord(out, lengthAt); }
 
 String encode(TypeDesc const& type, void const* v) {
-  String s;
-  LogOut out(s);
+  // Written where there is room, then copied at its size: a state-path id
+  // would grow a fresh string twice on the way, and a short key fits in
+  // the string itself.
+  thread_local String scratch;
+  scratch.clear();
+  LogOut out(scratch);
   type.ops()->logWrite(out, v);
-  return s;
+  return scratch;
 }
 
 #if defined(__x86_64__)

@@ -1032,10 +1032,21 @@ void LogWriter::writeEntity(LogOut& out, Tracked& t) {
       // Owned members, straight from the walk: writing them changes nothing
       // in the collection.
       if (sized) t.children.reserve(members);
+      // One member behind the walk: the next member and its place among the
+      // tracking records lie anywhere in a large heap, and are asked for
+      // while the one before is written, subtree and all.
+      String key;
+      Entity* member = nullptr;
       for (; !it->done(); it->next()) {
-        writeOwnedMember(out, t, attr, encode(*attr.keyType, it->key()),
-                         const_cast<Entity*>(it->entity()));
+        Entity* const next = const_cast<Entity*>(it->entity());
+        __builtin_prefetch(next);
+        tracked_.prefetch(decltype(tracked_)::reversedHash(next));
+        String nextKey = encode(*attr.keyType, it->key());
+        if (member) writeOwnedMember(out, t, attr, key, member);
+        key = std::move(nextKey);
+        member = next;
       }
+      if (member) writeOwnedMember(out, t, attr, key, member);
       if (attr.kind == AttrKind::queue) writeQueueNext(out, t, attr, false);
       return;
     }

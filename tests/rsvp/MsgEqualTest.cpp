@@ -96,20 +96,6 @@ TEST(MsgEqual, SelfEmptyAndUnknownObjects) {
   EXPECT_FALSE(a->equal(b)) << "same bytes, another c-type";
 }
 
-// A RESV compares its style but not its flow descriptors.
-TEST(MsgEqual, ResvIgnoresFlowDescriptors) {
-  auto a = rsvpResvMsgFactory();
-  auto b = rsvpResvMsgFactory();
-  a->flowDescriptorIs(0);
-  a->flowDescriptorIs(1);
-  b->flowDescriptorIs(0);
-  b->flowDescriptorIs(1)->labelObjIs(RsvpLabelObj(Lumo::MplsLabel(99)));
-  b->componentIndexIs(3);
-  EXPECT_TRUE(a->equal(b));
-  b->styleObjIs(RsvpStyleObj(0, 0, 10));
-  EXPECT_FALSE(a->equal(b));
-}
-
 // The message type, the transmitted id, the router alert by class and its
 // override, the hop address and the state-path id a message names.
 TEST(Msg, OverridableFacts) {

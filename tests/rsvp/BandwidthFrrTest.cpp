@@ -1,7 +1,6 @@
 // Bandwidth policy and fast-reroute data: the metric's unchecked arithmetic
 // and checked text, the reclaim tree's visiting order against a sorted
-// model, the bandwidth status's references, and the FRR table's
-// notifications.
+// model, and the FRR table's notifications.
 #include <Rsvp/Rsvp.h>
 
 #include <gtest/gtest.h>
@@ -103,22 +102,6 @@ TEST(BwReclaimPolicy, VisitsInAscendingOrder) {
     EXPECT_EQ(visitedPriorities,
               std::vector<TrafficEngineering::BwPriority>(priorities.begin(), priorities.end()));
   }
-}
-
-// A status made from the traffic-engineering statuses refers to them; its
-// figures for an unknown priority are 0.
-TEST(BwResvStatus, ReferencesAndFigures) {
-  auto const client = TrafficEngineering::bandwidthClientStatusFactory("client");
-  client->reservedBandwidthIs(Lumo::IntfId("Ethernet1"), 1e6);
-  auto const hold = TrafficEngineering::bandwidthHoldStatusFactory("hold");
-  auto const status = BwResvStatus::fromTeStatus("resv", client, hold);
-  EXPECT_EQ(status->clientStatus(), client);
-  EXPECT_EQ(status->holdStatus(), hold);
-  Lumo::IntfId const intf("Ethernet1");
-  TrafficEngineering::BwPriority const prio(0, 0);
-  EXPECT_EQ(status->capacity(intf, prio), 0.0);
-  EXPECT_EQ(status->availableBandwidth(intf, prio), 0.0);
-  EXPECT_EQ(status->reservedBandwidth(intf, prio), 0.0);
 }
 
 // The FRR map answers a null entry when absent and notifies once per change.

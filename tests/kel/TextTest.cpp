@@ -35,12 +35,18 @@ TEST(Scalars, PrintAndParseBoundsAndBothWords) {
   EXPECT_FALSE(strepToValue<bool>("false"));
 }
 
-// Bad numbers raise the exact error.
-TEST(Integers, RejectedText) {
+// Bad text raises the exact error: numbers, words, every spelling of NaN
+// (which never equals itself, so setters and comparisons could not treat it
+// as a value), and however long the input, at most 24 of its characters
+// (the excerpt of an expected literal is the identifiers' RejectedText).
+TEST(ParseErrors, ExactTexts) {
+  String const ones(10'000'000, '1');
+  String const xs(10'000'000, 'x');
+  String const cut = "111111111111111111111111...";
   struct {
     String (*parse)(std::string_view);
-    char const* text;
-    char const* error;
+    String text;
+    String error;
   } const cases[] = {
       {parseError<U16>, "65536", "Number 65536 out of range for U16"},
       {parseError<U8>, "256", "Number 256 out of range for U8"},
@@ -54,8 +60,29 @@ TEST(Integers, RejectedText) {
       {parseError<bool>, "True", "Expected true or false but found 'True'"},
       {parseError<F64>, "x1", "Expected a number but found 'x1'"},
       {parseError<F32>, "1e40", "Number 1e40 out of range for F32"},
+      {parseError<F64>, "nan", "Invalid F64 'nan'"},
+      {parseError<F64>, "-nan", "Invalid F64 '-nan'"},
+      {parseError<F64>, "nan(123)", "Invalid F64 'nan(123)'"},
+      {parseError<F64>, "NAN", "Invalid F64 'NAN'"},
+      {parseError<F64>, "NaN(", "Invalid F64 'NaN'"},
+      {parseError<F64>, "nan(0123456789abcdefghijklmnopq)",
+       "Invalid F64 'nan(0123456789abcdefghij...'"},
+      {parseError<F32>, "nan", "Invalid F32 'nan'"},
+      {parseError<F32>, "-NaN(7)", "Invalid F32 '-NaN(7)'"},
+      {parseError<U32>, ones, "Number " + cut + " out of range for U32"},
+      {parseError<S64>, "-" + ones, "Number -11111111111111111111111... out of range for S64"},
+      {parseError<F64>, ones, "Number " + cut + " out of range for F64"},
+      {parseError<F32>, "-" + ones, "Number -11111111111111111111111... out of range for F32"},
+      {parseError<bool>, xs, "Expected true or false but found 'xxxxxxxxxxxxxxxxxxxxxxxx...'"},
+      {parseError<String>, xs, "Expected a quoted string but found 'xxxxxxxxxxxxxxxxxxxxxxxx...'"},
+      {parseError<F64>, "nan(" + xs + ")", "Invalid F64 'nan(xxxxxxxxxxxxxxxxxxxx...'"},
   };
-  for (auto const& c : cases) EXPECT_EQ(c.parse(c.text), c.error) << c.text;
+  for (auto const& c : cases) EXPECT_EQ(c.parse(c.text), c.error) << c.text.substr(0, 40);
+  EXPECT_EQ(excerpt(String("a\x01"
+                           "b\x7f\xff",
+                           5)),
+            "a?b??");
+  EXPECT_EQ(excerpt(String(24, 'z')), String(24, 'z'));
 }
 
 // Floats print in the shortest form that reads back, for random bit patterns.
@@ -75,26 +102,10 @@ TEST(Floats, ShortestFormReadsBack) {
   }
 }
 
-// NaN never equals itself, so setters and comparisons could not treat it as
-// a value; every spelling is refused, the infinities are kept.
-TEST(Floats, NanIsRefusedInEverySpellingInfinityIsKept) {
+// The infinities are kept in every spelling (NaN's refusals are
+// ParseErrors').
+TEST(Floats, InfinityIsKeptInEverySpelling) {
   F64 const inf = std::numeric_limits<F64>::infinity();
-  struct {
-    String (*parse)(std::string_view);
-    char const* text;
-    char const* error;
-  } const refused[] = {
-      {parseError<F64>, "nan", "Invalid F64 'nan'"},
-      {parseError<F64>, "-nan", "Invalid F64 '-nan'"},
-      {parseError<F64>, "nan(123)", "Invalid F64 'nan(123)'"},
-      {parseError<F64>, "NAN", "Invalid F64 'NAN'"},
-      {parseError<F64>, "NaN(", "Invalid F64 'NaN'"},
-      {parseError<F64>, "nan(0123456789abcdefghijklmnopq)",
-       "Invalid F64 'nan(0123456789abcdefghij...'"},
-      {parseError<F32>, "nan", "Invalid F32 'nan'"},
-      {parseError<F32>, "-NaN(7)", "Invalid F32 '-NaN(7)'"},
-  };
-  for (auto const& c : refused) EXPECT_EQ(c.parse(c.text), c.error) << c.text;
   std::pair<char const*, F64> const kept[] = {
       {"inf", inf}, {"-inf", -inf}, {"INF", inf}, {"infinity", inf}, {"-Infinity", -inf}};
   for (auto const& [text, value] : kept) {
@@ -102,12 +113,6 @@ TEST(Floats, NanIsRefusedInEverySpellingInfinityIsKept) {
     EXPECT_EQ(strepToValue<F32>(text), static_cast<F32>(value)) << text;
     EXPECT_EQ(strepToValue<F64>(valueToStrep(value)), value);
   }
-  F64 d = 2.5;
-  String const text = "nan, 1";
-  TextIt it = text.data();
-  EXPECT_THROW(sequenceToValue(it, text.data() + text.size(), &d), RangeException);
-  EXPECT_EQ(d, 2.5);
-  EXPECT_EQ(it, text.data());
 }
 
 // The attribute log refuses a NaN bit pattern as the text does; infinities
@@ -141,50 +146,25 @@ TEST(Strings, QuotingAndEscapes) {
   }
 }
 
-// A parse stops behind its value, or fails leaving the target unchanged.
-TEST(Parsers, StopBehindTheValueOrLeaveTargetUnchanged) {
-  String text = "123, 'next'";
+// A parse stops behind its value, or fails moving neither the position nor
+// the target (a NaN's refusal too).
+TEST(Parsers, StopBehindTheValueOrMoveNothing) {
+  String const text = "123, 'next'";
   TextIt it = text.data();
   U32 n = 0;
   sequenceToValue(it, text.data() + text.size(), &n);
   EXPECT_EQ(n, 123u);
   EXPECT_EQ(String(it), ", 'next'");
-  text = "99999999999";
-  it = text.data();
-  EXPECT_THROW(sequenceToValue(it, text.data() + text.size(), &n), RangeException);
-  EXPECT_EQ(n, 123u);
-  String s = "kept";
-  text = "\"unterminated";
-  it = text.data();
-  EXPECT_THROW(sequenceToValue(it, text.data() + text.size(), &s), RangeException);
-  EXPECT_EQ(s, "kept");
-}
-
-// However long the input, an error quotes at most 24 of its characters
-// (the excerpt of an expected literal is the identifiers' RejectedText).
-TEST(ErrorTexts, TenMegabytesOfInputGiveAShortMessage) {
-  String const ones(10'000'000, '1');
-  String const xs(10'000'000, 'x');
-  String const cut = "111111111111111111111111...";
-  struct {
-    String (*parse)(std::string_view);
-    String text;
-    String error;
-  } const cases[] = {
-      {parseError<U32>, ones, "Number " + cut + " out of range for U32"},
-      {parseError<S64>, "-" + ones, "Number -11111111111111111111111... out of range for S64"},
-      {parseError<F64>, ones, "Number " + cut + " out of range for F64"},
-      {parseError<F32>, "-" + ones, "Number -11111111111111111111111... out of range for F32"},
-      {parseError<bool>, xs, "Expected true or false but found 'xxxxxxxxxxxxxxxxxxxxxxxx...'"},
-      {parseError<String>, xs, "Expected a quoted string but found 'xxxxxxxxxxxxxxxxxxxxxxxx...'"},
-      {parseError<F64>, "nan(" + xs + ")", "Invalid F64 'nan(xxxxxxxxxxxxxxxxxxxx...'"},
+  auto const refused = [](std::string_view bad, auto const kept) {
+    auto v = kept;
+    TextIt at = bad.data();
+    EXPECT_THROW(sequenceToValue(at, bad.data() + bad.size(), &v), RangeException) << bad;
+    EXPECT_EQ(v, kept) << bad;
+    EXPECT_EQ(at, bad.data()) << bad;
   };
-  for (auto const& c : cases) EXPECT_EQ(c.parse(c.text), c.error) << c.text.substr(0, 30);
-  EXPECT_EQ(excerpt(String("a\x01"
-                           "b\x7f\xff",
-                           5)),
-            "a?b??");
-  EXPECT_EQ(excerpt(String(24, 'z')), String(24, 'z'));
+  refused("99999999999", U32{123});
+  refused("\"unterminated", String("kept"));
+  refused("nan, 1", F64{2.5});
 }
 
 // A rethrown range error names its attribute path, outermost first; the

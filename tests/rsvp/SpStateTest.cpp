@@ -168,7 +168,8 @@ TEST(SpStateColl, CountsAgreeWithAWalk) {
 }
 
 // The latest of primary and backup message, ties to the primary; the head
-// end's views of its tunnel configuration; a made message's kind and parent.
+// end's views of its tunnel configuration, with none or beyond its hops (the
+// other views only forward); a made message's kind and parent.
 TEST(StateBlocks, LatestMessageAndHeadEndViews) {
   auto in = rsvpInPathStateFactory();
   EXPECT_EQ(in->latestMsg(), nullptr) << "a tie at 0 goes to the empty primary";
@@ -189,12 +190,9 @@ TEST(StateBlocks, LatestMessageAndHeadEndViews) {
       rsvpTunnelConfigFactory(RsvpTunnelConfigId(1, 2, staticReqType), Lumo::IpGenAddr("10.0.0.1"),
                               Lumo::IpGenAddr("10.0.0.9"), sp(4));
   config->hopIs(1, Lumo::IpGenAddr("10.0.1.1"));
-  config->sessionNameIs("t1");
   head->tunnelConfigIs(config);
   EXPECT_EQ(head->hop(1), Lumo::IpGenAddr("10.0.1.1"));
   EXPECT_EQ(head->hop(2), Lumo::IpGenAddr()) << "beyond the configured hops";
-  EXPECT_EQ(head->sessionName(), "t1");
-  EXPECT_EQ(head->tunnelConfigId(), RsvpTunnelConfigId(1, 2, staticReqType));
 
   auto out = rsvpOutPathStateFactory();
   auto made = out->msgIs();
@@ -210,78 +208,51 @@ struct HistoryCase {
   char const* full;
   char const* adding;
   char const* assertion;
-  std::size_t (*add)(double timestamp);  // answers the queue's size after adding
-  void (*overfill)();
-  double (*head)();
+  // Over a fresh owner, `n` entries by the raw queue, then one stamped `t`
+  // the checked way: answers the queue's size and its head's stamp.
+  std::pair<std::size_t, double> (*addAfter)(int n, double t);
 };
 
-Kel::Ptr<RsvpSpState> historySp;
-Kel::Ptr<RsvpSessionState> historySession;
+template <class It>
+double headStamp(It const& it) {
+  return it.done() ? -1.0 : it.value()->timestamp();
+}
 
 HistoryCase const historyCases[] = {
     {"state path", "RsvpSp", "RsvpSp[9] SP event queue full, dequeuing entry at the head",
      "RsvpSp[9] Adding entry to the SP event queue",
      "spHistoryEntrys\\(\\) <= RsvpConstants::maxHistoryQueueSize\\(\\)",
-     [](double t) {
-       historySp->addSpHistoryEntry(rsvpSpUsFrrInUseHistoryEntryFactory(t, true));
-       return historySp->spHistoryEntrys();
-     },
-     [] {
-       for (int i = 0; i < 11; ++i) historySp->spHistoryEntryEnq(rsvpSpHistoryEntryFactory(i));
-       historySp->addSpHistoryEntry(rsvpSpHistoryEntryFactory(99));
-     },
-     [] {
-       auto const it = historySp->spHistoryEntryIter();
-       return it.done() ? -1.0 : it.value()->timestamp();
+     [](int n, double t) {
+       auto const s = rsvpSpStateFactory(sp(1), false);
+       for (int i = 0; i < n; ++i) s->spHistoryEntryEnq(rsvpSpHistoryEntryFactory(i));
+       s->addSpHistoryEntry(rsvpSpUsFrrInUseHistoryEntryFactory(t, true));
+       return std::pair(s->spHistoryEntrys(), headStamp(s->spHistoryEntryIter()));
      }},
     {"session", "RsvpSession",
      "RsvpSession[9] Session event queue full, dequeuing entry at the head",
      "RsvpSession[9] Adding entry to the session event queue",
      "sessionHistoryEntrys\\(\\) <= RsvpConstants::maxHistoryQueueSize\\(\\)",
-     [](double t) {
-       historySession->addSessionHistoryEntry(rsvpSessionCreationHistoryEntryFactory(t));
-       return historySession->sessionHistoryEntrys();
-     },
-     [] {
-       for (int i = 0; i < 11; ++i)
-         historySession->sessionHistoryEntryEnq(rsvpSessionHistoryEntryFactory(i));
-       historySession->addSessionHistoryEntry(rsvpSessionHistoryEntryFactory(99));
-     },
-     [] {
-       auto const it = historySession->sessionHistoryEntryIter();
-       return it.done() ? -1.0 : it.value()->timestamp();
+     [](int n, double t) {
+       auto const s = rsvpSessionStateFactory(RsvpSessionId());
+       for (int i = 0; i < n; ++i) s->sessionHistoryEntryEnq(rsvpSessionHistoryEntryFactory(i));
+       s->addSessionHistoryEntry(rsvpSessionCreationHistoryEntryFactory(t));
+       return std::pair(s->sessionHistoryEntrys(), headStamp(s->sessionHistoryEntryIter()));
      }},
 };
 
 // The eleventh entry drops the first, with both trace lines.
 TEST(History, TheEleventhEntryDropsTheFirst) {
   for (HistoryCase const& c : historyCases) {
-    historySp = rsvpSpStateFactory(sp(1), false);
-    historySession = rsvpSessionStateFactory(RsvpSessionId());
-    for (int i = 0; i < 10; ++i) EXPECT_EQ(c.add(i), static_cast<std::size_t>(i + 1)) << c.what;
-    {
-      TestSupport::TraceCapture trace(c.facility, 9);
-      EXPECT_EQ(c.add(10), 10u) << c.what;
-      EXPECT_EQ(trace.lines, (std::vector<std::string>{c.full, c.adding})) << c.what;
-    }
-    EXPECT_EQ(c.head(), 1.0) << c.what << ": the first entry went";
+    for (int n = 0; n < 10; ++n) EXPECT_EQ(c.addAfter(n, n).first, n + 1u) << c.what;
+    TestSupport::TraceCapture trace(c.facility, 9);
+    EXPECT_EQ(c.addAfter(10, 10), std::pair(std::size_t{10}, 1.0)) << c.what << ": the first went";
+    EXPECT_EQ(trace.lines, (std::vector<std::string>{c.full, c.adding})) << c.what;
   }
-  historySp = nullptr;
-  historySession = nullptr;
 }
 
 // More entries than the bound, put there by the raw queue, is fatal.
 TEST(HistoryDeathTest, MoreThanTheBoundIsFatal) {
-  for (HistoryCase const& c : historyCases) {
-    EXPECT_DEATH(
-        {
-          historySp = rsvpSpStateFactory(sp(1), false);
-          historySession = rsvpSessionStateFactory(RsvpSessionId());
-          c.overfill();
-        },
-        c.assertion)
-        << c.what;
-  }
+  for (HistoryCase const& c : historyCases) EXPECT_DEATH(c.addAfter(11, 99), c.assertion) << c.what;
 }
 
 }  // namespace

@@ -84,7 +84,9 @@ TEST(MsgLog, EveryEntityTypeInitialState) {
 
 // A neighbor reaches the replica with everything but its receive security
 // associations, which stay out of its log; an association logged on its own
-// brings its queue's record along.
+// brings its queue's record along, by changes and by snapshot. (A value
+// queue's record emptied or churned within a frame is AttrLogTest's random
+// walk.)
 TEST(MsgLog, NeighborWithoutItsSecurityAssociations) {
   auto const source = rsvpNeighborStateCollFactory("neighbors");
   Mirror<RsvpNeighborStateColl> m(source, rsvpNeighborStateCollFactory("neighbors"));
@@ -121,15 +123,6 @@ TEST(MsgLog, NeighborWithoutItsSecurityAssociations) {
   a.sync();
   EXPECT_TRUE(a.same()) << Kel::browseText(*a.replica);
   EXPECT_EQ(a.replica->rxQueuedSeqNoMetadata(), sa->rxQueuedSeqNoMetadata());
-  while (sa->rxQueuedSeqNoSize() > 0) sa->rxQueuedSeqNoDeq();
-  a.sync();
-  EXPECT_EQ(a.replica->rxQueuedSeqNoMetadata(), sa->rxQueuedSeqNoMetadata());
-  sa->rxQueuedSeqNoEnq(1);
-  sa->rxQueuedSeqNoEnq(2);
-  sa->rxQueuedSeqNoDeq();
-  sa->rxQueuedSeqNoDeq();
-  a.sync();
-  EXPECT_EQ(a.replica->rxQueuedSeqNoMetadata(), sa->rxQueuedSeqNoMetadata()) << "within a frame";
   Mirror<RsvpSecAssociation> late(sa, rsvpSecAssociationFactory(sa->key()));
   EXPECT_EQ(late.replica->rxQueuedSeqNoMetadata(), sa->rxQueuedSeqNoMetadata())
       << "from a snapshot";

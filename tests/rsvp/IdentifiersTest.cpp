@@ -46,31 +46,30 @@ TEST(IdentifierForms, PrintAndParseBack) {
   RsvpSpId const sp = spId("10.0.0.2", 7, "10.0.0.1", 3);
   std::string const spText =
       "<sessionId=<dstIp=10.0.0.2>_<tunnelId=7>_<extTunnelId=10.0.0.1>>_<pathId=<lspId=3>>";
-  EXPECT_EQ(sp.stringValue(), spText);
-  EXPECT_EQ(valueToStrep(sp), spText);
-  EXPECT_EQ(strepToValue<RsvpSpId>(spText), sp);
-  EXPECT_EQ(RsvpTunnelId(7).stringValue(), "7");
-  EXPECT_EQ(RsvpPathId(3).stringValue(), "<lspId=3>");
-  EXPECT_EQ(RsvpNeighborId(ip("10.0.0.2")).stringValue(), "10.0.0.2");
-  EXPECT_EQ(RsvpNeighborId(ip("2001:db8::1")).stringValue(), "2001:db8::1");
-  EXPECT_EQ(session("10.0.0.2", 7, "10.0.0.1").stringValue(),
-            "<dstIp=10.0.0.2>_<tunnelId=7>_<extTunnelId=10.0.0.1>");
-  // The unspecified address prints as nothing and reads back as itself.
-  EXPECT_EQ(RsvpSpId().stringValue(),
-            "<sessionId=<dstIp=>_<tunnelId=0>_<extTunnelId=>>_<pathId=<lspId=65536>>");
   std::ostringstream os;
   os << sp.pathId();
-  EXPECT_EQ(os.str(), "<lspId=3>");
+  std::pair<std::string, std::string> const forms[] = {
+      {sp.stringValue(), spText},
+      {valueToStrep(sp), spText},
+      {RsvpTunnelId(7).stringValue(), "7"},
+      {os.str(), "<lspId=3>"},
+      {RsvpNeighborId(ip("10.0.0.2")).stringValue(), "10.0.0.2"},
+      {RsvpNeighborId(ip("2001:db8::1")).stringValue(), "2001:db8::1"},
+      {session("10.0.0.2", 7, "10.0.0.1").stringValue(),
+       "<dstIp=10.0.0.2>_<tunnelId=7>_<extTunnelId=10.0.0.1>"},
+      // The unspecified address prints as nothing.
+      {RsvpSpId().stringValue(),
+       "<sessionId=<dstIp=>_<tunnelId=0>_<extTunnelId=>>_<pathId=<lspId=65536>>"}};
+  for (auto const& [got, want] : forms) EXPECT_EQ(got, want);
+  EXPECT_EQ(strepToValue<RsvpSpId>(spText), sp);
   // An LSP id's text keeps the low sixteen bits of the number, sign and all.
-  struct {
-    char const* text;
-    Kel::U32 lspId;
-  } const cases[] = {{"<lspId=65536>", 0},  {"<lspId=-1>", 65535}, {"<lspId=65535>", 65535},
-                     {"<lspId=131075>", 3}, {"<lspId=-65536>", 0}, {"<lspId=007>", 7}};
-  for (auto const& c : cases) {
+  std::pair<char const*, Kel::U32> const lspIds[] = {
+      {"<lspId=65536>", 0},  {"<lspId=-1>", 65535}, {"<lspId=65535>", 65535},
+      {"<lspId=131075>", 3}, {"<lspId=-65536>", 0}, {"<lspId=007>", 7}};
+  for (auto const& [text, lspId] : lspIds) {
     RsvpPathId p;
-    p.stringValueIs(c.text);
-    EXPECT_EQ(p.lspId(), c.lspId) << c.text;
+    p.stringValueIs(text);
+    EXPECT_EQ(p.lspId(), lspId) << text;
   }
 }
 

@@ -141,7 +141,6 @@ TEST(Notification, DerivedEntityNotifiesBaseAndOwnAttributes) {
   special->extraIs(true);
   EXPECT_EQ(derived.log, (Log{"count", "extra"}));
   EXPECT_EQ(base.log, Log{"count"}) << "a base notifiee never hears derived attributes";
-  EXPECT_EQ(special->fwkType().name(), "Rsvp::Sample::Special");
   EXPECT_TRUE(special->fwkType().isA(Root::kelType));
 }
 

@@ -20,7 +20,8 @@ U32 hashBytes(std::vector<U8> const& bytes) {
   return h.finish();
 }
 
-// Worked out by hand from the algorithm's steps.
+// Worked out by hand from the algorithm's steps (more, fed by identifiers,
+// in IdentifiersTest).
 TEST(OneAtATime, MatchesHandComputedValues) {
   struct {
     char const* what;
@@ -28,8 +29,6 @@ TEST(OneAtATime, MatchesHandComputedValues) {
     U32 expected;
   } const cases[] = {{"nothing mixed", {}, 0u},
                      {"the letter a", {0x61}, 0xca2e9442u},
-                     {"U16 7, low byte first", {0x07, 0x00}, 0x24f2c201u},
-                     {"U32 3", {3, 0, 0, 0}, 0x359a7badu},
                      {"U32 65536", {0, 0, 1, 0}, 0x20e9c0b3u},
                      {"sixteen zero bytes", std::vector<U8>(16, 0), 0u}};
   for (auto const& c : cases) EXPECT_EQ(hashBytes(c.bytes), c.expected) << c.what;

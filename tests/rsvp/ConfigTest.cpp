@@ -132,10 +132,14 @@ TEST_F(Passwords, DecodedOnDemandNeverStoredAndCodecErrorsPassUnchanged) {
 }
 
 // The tunnel tables key requests by their own id without owning them, and
-// keep origins apart. (The null-pointer text of such maps is EntityTest's.)
+// keep origins apart. The request table's null-pointer text, stray quote
+// and all, is checked here by name; the mechanism is EntityTest's.
 TEST(TunnelTables, KeysAndOrigins) {
   auto table = rsvpTunnelRequestTableFactory(staticReqType);
   auto configs = rsvpTunnelConfigCollFactory("configs");
+  EXPECT_EQ(errorOf<Kel::NullPointerException>([&] { table->tunnelReqIs(nullptr); }),
+            "null _tunnelReq parameter to mutator for Rsvp::RsvpTunnelRequestTable::tunnelReq not "
+            "allowed\"");
   Lumo::IpGenAddr const a("10.0.0.1");
   Lumo::IpGenAddr const b("10.0.0.9");
   auto const request = rsvpTunnelRequestFactory({7, 1}, a, b);

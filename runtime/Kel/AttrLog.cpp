@@ -2252,7 +2252,13 @@ void LogReader::sweep() {
         if (named != seen_.end() && named->second.keys.count(encode(*a.keyType, it->key()))) {
           it->next();
         } else {
+          // A member the snapshot left out may hold itself or its holders
+          // in a cycle the stream made: once out of the tree, it is
+          // forgotten as a released entity is, and collected if nothing
+          // else holds it.
+          Ptr<Entity> const gone(const_cast<Entity*>(it->entity()));
           it->delCurrent();
+          forget(gone);
         }
       }
     });

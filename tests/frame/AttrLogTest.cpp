@@ -588,45 +588,66 @@ TEST(AttrLog, SnapshotPutsBackDefaultsTheReplicaMissed) {
   EXPECT_TRUE(link.same()) << Kel::browseText(*link.replica);
 }
 
-// A stream that makes a shared entity refer to itself cannot keep it alive:
-// the reader breaks the cycle once nothing else holds it.
-TEST(AttrLog, SharedEntityCycleFromTheStreamIsFreed) {
+// A stream that makes an entity refer to itself cannot keep it alive, held
+// in the tree as a shared entity or as an owned member: the reader breaks
+// the cycle once nothing else holds it, whether the stream releases it, a
+// new snapshot leaves it out, or replica and reader let go.
+TEST(AttrLog, EntityCycleFromTheStreamIsFreed) {
+  struct Holder {
+    char const* what;
+    std::string announce;  // the record that puts leaf 50 in the tree
+    std::string drop;      // the record that takes it out
+    Kel::Ptr<Sample::Leaf const> (*leaf)(Root const&);
+  };
+  Holder const holders[] = {
+      {"shared",
+       Hand().record(1, logId("shared"), enc(Kel::U32{50}, Kel::U8{1}, Kel::U32{6})).payload,
+       Hand().record(1, logId("shared"), enc(Kel::U32{0}, Kel::U8{0})).payload,
+       [](Root const& r) { return r.shared(); }},
+      {"owned", Hand().record(1, logId("leaf"), enc(Kel::U32{6}, Kel::U32{50})).payload,
+       Hand().record(1, -logId("leaf"), enc(Kel::U32{6})).payload,
+       [](Root const& r) { return Kel::Ptr<Sample::Leaf const>(r.leaf(6)); }},
+  };
   struct Ending {
     char const* what;
-    void (*end)(std::unique_ptr<Link>&);
+    void (*end)(std::unique_ptr<Link>&, Holder const&);
   } const endings[] = {
       {"released by the stream",
-       [](std::unique_ptr<Link>& l) {
+       [](std::unique_ptr<Link>& l, Holder const& holder) {
          Hand h;
-         h.record(1, logId("shared"), enc(Kel::U32{0}, Kel::U8{0})).record(50, 0, "");
+         h.payload = holder.drop;
+         h.record(50, 0, "");
          l->reader.bytesIs(h.frame(4));
          l->reader.reset();
        }},
-      {"forgotten by a new snapshot",
-       [](std::unique_ptr<Link>& l) {
+      {"left out of a new snapshot",
+       [](std::unique_ptr<Link>& l, Holder const&) {
          l->source->countIs(1);
          l->connect();
        }},
       {"the replica and the reader let go",
-       [](std::unique_ptr<Link>& l) {
+       [](std::unique_ptr<Link>& l, Holder const&) {
          l->replica = nullptr;
          l.reset();
        }},
   };
-  for (auto const& ending : endings) {
-    auto link = std::make_unique<Link>();
-    link->connect();
-    Hand h;
-    h.record(1, logId("shared"), enc(Kel::U32{50}, Kel::U8{1}, Kel::U32{6}))
-        .record(50, logId("next", Sample::Leaf::kelType), enc(Kel::U32{50}, Kel::U8{0}));
-    link->reader.bytesIs(h.frame(3));
-    Kel::Ptr<Sample::Leaf const> leaf = link->replica->shared();
-    ASSERT_TRUE(leaf);
-    ASSERT_EQ(leaf.get(), leaf->next().get()) << "the leaf refers to itself";
-    Sample::Leaf::NotifieeConst watch(leaf.get());
-    leaf = nullptr;
-    ending.end(link);
-    EXPECT_EQ(watch.notifierBase(), nullptr) << ending.what << ": the leaf was not freed";
+  for (auto const& holder : holders) {
+    for (auto const& ending : endings) {
+      auto link = std::make_unique<Link>();
+      link->connect();
+      Hand h;
+      h.payload = holder.announce;
+      h.record(50, logId("next", Sample::Leaf::kelType), enc(Kel::U32{50}, Kel::U8{0}));
+      link->reader.bytesIs(h.frame(3));
+      Kel::Ptr<Sample::Leaf const> leaf = holder.leaf(*link->replica);
+      ASSERT_TRUE(leaf) << holder.what;
+      ASSERT_EQ(leaf.get(), leaf->next().get()) << holder.what << ": the leaf refers to itself";
+      Sample::Leaf::NotifieeConst watch(leaf.get());
+      leaf = nullptr;
+      ending.end(link, holder);
+      EXPECT_EQ(watch.notifierBase(), nullptr)
+          << holder.what << ", " << ending.what << ": the leaf was not freed";
+    }
   }
 }
 

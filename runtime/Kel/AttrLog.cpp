@@ -1821,11 +1821,14 @@ void LogReader::decode(LogIn& in, Decoded& d, Check* check, Last* last) {
   if (!value.atEnd()) throw LogException("Bad record length in the attribute log");
   if (!check) return;
 
-  if (a.kind == AttrKind::queue) checkQueue(*check, d);
   bool const shared = holdsShared(a);
+  // A shared map and a queue of entities hold no null (a reference may be
+  // null): refused here, before the apply pass takes out the entry it
+  // would replace.
+  if (shared && a.kind != AttrKind::ref && !d.del && d.childRef == 0)
+    throw LogException("Bad reference in the attribute log");
+  if (a.kind == AttrKind::queue) checkQueue(*check, d);
   bool const child = a.kind == AttrKind::child || (entities && !shared);
-  if (a.shared && !d.del && d.childRef == 0)
-    throw LogException("Bad reference in the attribute log");  // a shared map holds no null
   if (child && !d.del && d.childRef < 2) throw LogException("Bad reference in the attribute log");
   if (d.childRef != 0 && (!shared || d.fresh)) {
     // A new entity: its reference must be new to the stream (a snapshot

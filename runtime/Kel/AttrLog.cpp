@@ -1331,7 +1331,11 @@ struct LogReader::Decoded {
   void clear() noexcept {
     ref = 0;
     id = 0;
-    raw = key = element = {};
+    // One by one: a chained assignment reads back what it just stored in
+    // halves, which the processor cannot forward (a stall per record).
+    raw = {};
+    key = {};
+    element = {};
     attr = nullptr;
     del = release = fresh = queueNext = false;
     keyValue.reset();
@@ -1740,7 +1744,10 @@ void LogReader::decode(LogIn& in, Decoded& d, Check* check, Last* last) {
   U8 const* const rawAt = in.bytes(length);
   value = LogIn(rawAt, length);
   d.id = id;
-  d.raw = std::string_view(reinterpret_cast<char const*>(rawAt), length);
+  // Kept in registers for the copies below: reading d.raw back just after
+  // storing it stalls, as above.
+  std::string_view const raw(reinterpret_cast<char const*>(rawAt), length);
+  d.raw = raw;
   if (id == 0) {
     // The writer has forgotten this reference: no value. Forgetting one the
     // reader does not know changes nothing.
@@ -1801,7 +1808,7 @@ void LogReader::decode(LogIn& in, Decoded& d, Check* check, Last* last) {
       }
     }
   } else if (a.kind == AttrKind::plain && !d.del) {
-    d.element = d.raw;
+    d.element = raw;
     if (typedLater) {
       (void)value.bytes(value.remaining());
     } else {

@@ -6,7 +6,7 @@
 #include <Rsvp/FrameTestModel.h>
 #include <Rsvp/Rsvp.h>
 
-#include <Kel/AttrLog.h>
+#include "LogFuzz.h"
 
 #include <memory>
 
@@ -29,14 +29,6 @@ inline Kel::Ptr<Rsvp::Sample::Root> fixtureRoot() {
   source->weightsIs(id, 7);
   source->pathIs(id, true);
   return source;
-}
-
-// Subscribes to `writer` and answers what the subscription starts with.
-inline Kel::String snapshotOf(Kel::LogWriter& writer) {
-  auto sink = std::make_unique<Kel::MemorySink>();
-  Kel::MemorySink* const s = sink.get();
-  writer.subscriberNew(std::move(sink));
-  return s->take();
 }
 
 }  // namespace fuzzing

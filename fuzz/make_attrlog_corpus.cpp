@@ -1,10 +1,12 @@
-// Writes the seed corpus of the attribute-log fuzz target: for each kind of
-// record, the change frame that a real writer sends after the fixture's
-// snapshot, once as the records of a change frame (first byte 1) and once as
-// a raw stream (first byte 0).
+// Writes the seed corpus of an attribute-log fuzz target: for each change,
+// the change frame that a real writer sends after the source's snapshot, once
+// as the records of a change frame (first byte 1) and once as a raw stream
+// (first byte 0). The changes of the attribute-log target's tree make every
+// kind of record; those of the status tree are steps of the agent's road.
 //
-//   make_attrlog_corpus <directory>
+//   make_attrlog_corpus attrlog|statuslog <directory>
 #include "AttrLogFixture.h"
+#include "StatusLogFixture.h"
 
 #include <fstream>
 #include <functional>
@@ -22,11 +24,39 @@ void write(std::string const& path, char first, std::string_view bytes) {
   out.write(bytes.data(), static_cast<std::streamsize>(bytes.size()));
 }
 
+// For each named change: a fresh source, subscribed to, then changed and
+// flushed; the flush's frame goes to `dir`.
+template <class Source>
+using Changes = std::vector<std::pair<char const*, std::function<void(Source&)>>>;
+
+template <class Source, class RootOf>
+void writeSeeds(std::string const& dir, RootOf&& rootOf, Changes<Source> const& changes) {
+  for (auto const& [name, change] : changes) {
+    Source source;
+    Kel::LogWriter writer(rootOf(source));
+    auto sink = std::make_unique<Kel::MemorySink>();
+    Kel::MemorySink* const s = sink.get();
+    writer.subscriberNew(std::move(sink));
+    (void)s->take();
+    change(source);
+    writer.flush();
+    std::string const frame = s->take();
+    write(dir + "/frame-" + name, 0, frame);
+    if (frame.size() >= 28)
+      write(dir + "/records-" + name, 1, std::string_view(frame).substr(24, frame.size() - 28));
+  }
+}
+
+struct Fixture {
+  Kel::Ptr<Root> root = fuzzing::fixtureRoot();
+};
+
 }  // namespace
 
 int main(int argc, char** argv) {
-  if (argc != 2) {
-    std::cerr << "usage: make_attrlog_corpus <directory>\n";
+  std::string const which = argc == 3 ? argv[1] : "";
+  if (which != "attrlog" && which != "statuslog") {
+    std::cerr << "usage: make_attrlog_corpus attrlog|statuslog <directory>\n";
     return 2;
   }
   Rsvp::RsvpSpId id;
@@ -57,20 +87,30 @@ int main(int argc, char** argv) {
        }},
       {"release", [](Root& r) { r.sharedIs(nullptr); }},
   };
-  for (auto const& [name, change] : changes) {
-    Kel::Ptr<Root> const root = fuzzing::fixtureRoot();
-    Kel::LogWriter writer(*root);
-    auto sink = std::make_unique<Kel::MemorySink>();
-    Kel::MemorySink* const s = sink.get();
-    writer.subscriberNew(std::move(sink));
-    (void)s->take();
-    change(*root);
-    writer.flush();
-    std::string const frame = s->take();
-    std::string const dir = argv[1];
-    write(dir + "/frame-" + name, 0, frame);
-    if (frame.size() >= 28)
-      write(dir + "/records-" + name, 1, std::string_view(frame).substr(24, frame.size() - 28));
+  std::string const dir = argv[2];
+  if (which == "attrlog") {
+    Changes<Fixture> wrapped;
+    for (auto const& named : changes)
+      wrapped.emplace_back(named.first, [&change = named.second](Fixture& f) { change(*f.root); });
+    writeSeeds<Fixture>(
+        dir, [](Fixture& f) -> Kel::Entity& { return *f.root; }, wrapped);
+    return 0;
   }
+  using fuzzing::StatusRoad;
+  writeSeeds<StatusRoad>(dir, [](StatusRoad& r) -> Kel::Entity& { return *r.status; },
+                         {
+                             {"refresh",
+                              [](StatusRoad& r) {
+                                r.agent->nowIs(60);
+                                r.up(0, 0);
+                              }},
+                             {"change", [](StatusRoad& r) { r.up(0, 2); }},
+                             {"new-path", [](StatusRoad& r) { r.up(3, 0); }},
+                             {"tear", [](StatusRoad& r) { r.tear(0); }},
+                             {"label",
+                              [](StatusRoad& r) {
+                                r.agent->received(r.packets.downstreamOf(2), r.packets.resv(2, 77));
+                              }},
+                         });
   return 0;
 }

@@ -589,13 +589,31 @@ class HashTable {
   // The slot of the key of reversed hash `rh` that `same` accepts, or its
   // place (where it would go, after its equal hashes) | kAbsent.
   template <class Same>
-  [[nodiscard]] U32 where(U32 rh, Same&& same) const {
+  [[nodiscard, gnu::always_inline]] inline U32 where(U32 rh, Same&& same) const {
     U64 const p = position(rh);
     U32 const h = static_cast<U32>(p >> 32);
     U32 const frac = static_cast<U32>(p >> 24) & 0xFFu;
     // The element at home is the likely match: asked for while the tags
     // are read.
     __builtin_prefetch(&at(h));
+#if defined(__SSE2__)
+    // Most lookups end within the eight slots from home, where the tags
+    // alone tell a miss and one element a hit: in line. The rest (a long
+    // run, keys that share position bits or hashes) goes out of line.
+    // (h + k | kAbsent is h + (k | kAbsent): slots stay below kAbsent.)
+    if (U32 const k = tagBlock(h, 0, frac); k != kAllBelow) {
+      if (k & kAbsent) return h + k;
+      Element const& e = at(h + k);
+      if (e.rhash == rh && same(e.keyOf())) return h + k;
+    }
+#endif
+    return whereFrom(rh, same, h, frac);
+  }
+
+  // The rest of where(), out of line: the tags from home h on, then the
+  // elements while their tags may be the key's.
+  template <class Same>
+  [[nodiscard, gnu::noinline]] U32 whereFrom(U32 rh, Same& same, U32 h, U32 frac) const {
     U32 i = seek(h, frac, rh);
     if (i & kAbsent) return i;
     // From i on the slots are not below the key: while their tags are the
@@ -621,6 +639,35 @@ class HashTable {
     return i + 1 - d == h && fracOf(t) == frac && d != 0;
   }
 
+#if defined(__SSE2__)
+  // What the tags of the eight slots from h + 8m say of a key of home h and
+  // position bits `frac`: kAllBelow when every slot holds a key below it,
+  // else the first slot k that does not, | kAbsent unless its tag is the
+  // key's (its home and bits), in which case the key may be there. Slot
+  // h + k is below when (its home, its bits) < (h, frac), that is when
+  // (k + 1) * 256 + its bits < its distance * 256 + frac; both sides fit
+  // sixteen bits, and with their top bits flipped a signed comparison
+  // orders them. (A saturated distance is below, as its home is more than
+  // 32 slots back; an empty slot or an end tag is not.)
+  static constexpr U32 kAllBelow = 8;
+  [[nodiscard, gnu::always_inline]] inline U32 tagBlock(U32 h, U32 m, U32 frac) const noexcept {
+    __m128i const t = _mm_loadu_si128(reinterpret_cast<__m128i const*>(&tags_[h + 8 * m]));
+    __m128i const slots = _mm_setr_epi16(static_cast<short>(0x8100), static_cast<short>(0x8200),
+                                         static_cast<short>(0x8300), static_cast<short>(0x8400),
+                                         static_cast<short>(0x8500), static_cast<short>(0x8600),
+                                         static_cast<short>(0x8700), static_cast<short>(0x8800));
+    __m128i const lhs = _mm_add_epi16(
+        _mm_add_epi16(slots, _mm_set1_epi16(static_cast<short>(m << 11))), _mm_srli_epi16(t, 8));
+    __m128i const rhs =
+        _mm_xor_si128(_mm_slli_epi16(t, 8), _mm_set1_epi16(static_cast<short>(0x8000u | frac)));
+    auto const below = static_cast<U32>(_mm_movemask_epi8(_mm_cmplt_epi16(lhs, rhs)));
+    if (below == 0xFFFFu) return kAllBelow;
+    auto const k = static_cast<U32>(std::countr_one(below));
+    auto const same = static_cast<U32>(_mm_movemask_epi8(_mm_cmpeq_epi16(lhs, rhs)));
+    return k / 2 | ((same >> k) & 1 ? 0 : kAbsent);
+  }
+#endif
+
   // The first slot at or after h, the home of `rh`, whose element is not
   // known to be below rh from its tag: (home, position bits) below (h,
   // frac). With kAbsent set when its tag alone shows that the key is not
@@ -634,28 +681,8 @@ class HashTable {
   // Inlined: a call here cost the refresh road a few percent.
   [[nodiscard, gnu::always_inline]] inline U32 seek(U32 h, U32 frac, U32 rh) const noexcept {
 #if defined(__SSE2__)
-    __m128i const lane = _mm_setr_epi16(0, 1, 2, 3, 4, 5, 6, 7);
-    __m128i const low = _mm_set1_epi16(0xFF);
-    __m128i const key = _mm_set1_epi16(static_cast<short>(frac));
-    for (U32 j = h; j < h + 32; j += 8) {
-      __m128i const t = _mm_loadu_si128(reinterpret_cast<__m128i const*>(&tags_[j]));
-      // home - h = (j - h + lane) - (dist - 1); an empty slot's is positive.
-      __m128i const rel =
-          _mm_sub_epi16(_mm_add_epi16(_mm_set1_epi16(static_cast<short>(j - h + 1)), lane),
-                        _mm_and_si128(t, low));
-      __m128i const below = _mm_or_si128(_mm_cmplt_epi16(rel, _mm_setzero_si128()),
-                                         _mm_and_si128(_mm_cmpeq_epi16(rel, _mm_setzero_si128()),
-                                                       _mm_cmplt_epi16(_mm_srli_epi16(t, 8), key)));
-      auto const mask = static_cast<U32>(_mm_movemask_epi8(below));
-      if (mask != 0xFFFFu) {
-        U32 const k = static_cast<U32>(std::countr_one(mask));
-        // A slot whose tag is not the key's is empty or past it: the key
-        // is absent, known without reading an element.
-        __m128i const same = _mm_and_si128(_mm_cmpeq_epi16(rel, _mm_setzero_si128()),
-                                           _mm_cmpeq_epi16(_mm_srli_epi16(t, 8), key));
-        bool const candidate = (static_cast<U32>(_mm_movemask_epi8(same)) >> k) & 1;
-        return (j + k / 2) | (candidate ? 0 : kAbsent);
-      }
+    for (U32 m = 0; m < 4; ++m) {
+      if (U32 const k = tagBlock(h, m, frac); k != kAllBelow) return h + 8 * m + k;
     }
     U32 i = h + 32;
 #else

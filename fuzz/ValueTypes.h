@@ -13,14 +13,7 @@ namespace fuzzing {
 
 inline std::vector<Kel::TypeDesc const*> const& valueTypes() {
   static std::vector<Kel::TypeDesc const*> const types = [] {
-    std::vector<Kel::TypeDesc const*> out = {
-        &Kel::typeU8,           &Kel::typeU16,        &Kel::typeU32,      &Kel::typeU64,
-        &Kel::typeS8,           &Kel::typeS16,        &Kel::typeS32,      &Kel::typeS64,
-        &Kel::typeBool,         &Kel::typeF32,        &Kel::typeF64,      &Kel::typeSeconds,
-        &Kel::typeString,       &Kel::typeName,       &Lumo::typeIp6Addr, &Lumo::typeIpGenAddr,
-        &Lumo::typeIpGenPrefix, &Lumo::typeMplsLabel, &Lumo::typeEthType, &Lumo::typeIntfId,
-        &Lumo::typeNetU8,
-    };
+    std::vector<Kel::TypeDesc const*> out(Rsvp::basicTypes().begin(), Rsvp::basicTypes().end());
     for (Kel::TypeDesc const* t : Rsvp::allTypes()) {
       if (t->kind() != Kel::TypeKind::entity && t->ops() != nullptr) out.push_back(t);
     }

@@ -107,19 +107,9 @@ bool isFloatType(TypeDesc const* t) {
   return t == &Kel::typeF32 || t == &Kel::typeF64 || t == &Kel::typeSeconds;
 }
 
-// The basic and network types, which the model's registry does not list.
-TypeDesc const* const kBasicTypes[] = {
-    &Kel::typeU8,           &Kel::typeU16,        &Kel::typeU32,      &Kel::typeU64,
-    &Kel::typeS8,           &Kel::typeS16,        &Kel::typeS32,      &Kel::typeS64,
-    &Kel::typeBool,         &Kel::typeF32,        &Kel::typeF64,      &Kel::typeSeconds,
-    &Kel::typeString,       &Kel::typeName,       &Lumo::typeIp6Addr, &Lumo::typeIpGenAddr,
-    &Lumo::typeIpGenPrefix, &Lumo::typeMplsLabel, &Lumo::typeEthType, &Lumo::typeIntfId,
-    &Lumo::typeNetU8,
-};
-
 TypeDesc const& typeNamed(std::string_view name) {
   if (TypeDesc const* t = Rsvp::typeByName(name)) return *t;
-  for (TypeDesc const* t : kBasicTypes) {
+  for (TypeDesc const* t : Rsvp::basicTypes()) {
     if (t->name() == name) return *t;
   }
   throw Kel::Exception("No type '" + Kel::excerpt(name) + "'");

@@ -8,8 +8,6 @@
 
 #include <Rsvp/Rsvp.h>
 
-#include <Kel/AttrLog.h>
-
 #include "AgentRoad.h"
 
 #include <memory>

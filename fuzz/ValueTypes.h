@@ -1,8 +1,8 @@
 // The types whose values the value fuzz target parses: the basic and network
 // types, then every value and enumeration type of the model, in a fixed order
 // (an input's first two bytes index it).
-#ifndef FUZZ_VALUETYPES_H
-#define FUZZ_VALUETYPES_H
+#ifndef RSVP_FUZZ_VALUETYPES_H
+#define RSVP_FUZZ_VALUETYPES_H
 
 #include <Kel/Reflect.h>
 #include <Rsvp/Rsvp.h>
@@ -24,4 +24,4 @@ inline std::vector<Kel::TypeDesc const*> const& valueTypes() {
 
 }  // namespace fuzzing
 
-#endif  // FUZZ_VALUETYPES_H
+#endif  // RSVP_FUZZ_VALUETYPES_H

@@ -1,7 +1,7 @@
 // Feeds hostile bytes to the attribute-log reader of a tree holding one
 // member of every attribute kind (see LogFuzz.h for what must hold).
 //
-// The source, its snapshot and its text are made once: an input costs a
+// The source and its snapshot are made once: an input costs a
 // replica, a reader and one snapshot applied (two when the input changed
 // the replica).
 #include "AttrLogFixture.h"

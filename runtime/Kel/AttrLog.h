@@ -339,10 +339,14 @@ class LogRefMemo {
 // frame's announcements start where the last frame's ended). A snapshot
 // names them in order when the writer met the tree with it, and in the
 // tree's order when it followed the tree as it grew. The array reaches at
-// most twice the references named at once (in it or not), plus
+// most kDenseFactor times the references named at once (in it or not), plus
 // kDenseFloor; other references go to a hash table and move into the array
 // when it grows over them, so that a long or hostile stream costs memory in
-// proportion to what it names at once.
+// proportion to what it names at once. The factor is wide so that a
+// snapshot in the tree's order, which names references from all over the
+// writer's range from its start, soon finds them in the array: at most 64
+// bytes of array per name, against some 300 bytes that a replica's entity
+// takes.
 template <class T>
 class LogRefTable {
   static auto raw(T const& v) noexcept {
@@ -369,7 +373,8 @@ class LogRefTable {
   void set(U32 ref, T v) {
     if (dense_.empty()) base_ = ref;
     U32 const i = ref - base_;
-    if (std::size_t const limit = 2 * (size() + 1) + kDenseFloor; i >= dense_.size() && i < limit) {
+    if (std::size_t const limit = kDenseFactor * (size() + 1) + kDenseFloor;
+        i >= dense_.size() && i < limit) {
       // At least doubling, so that the hash table's names move in a few
       // times only however the references come.
       grow(std::min(limit, std::max(std::size_t{i} + 1, 2 * dense_.size())));
@@ -396,8 +401,8 @@ class LogRefTable {
     return v;
   }
   [[nodiscard]] std::size_t size() const noexcept { return denseNamed_ + sparse_.size(); }
-  // The places of the array: at most twice the references named at its
-  // fullest, plus kDenseFloor.
+  // The places of the array: at most kDenseFactor times the references
+  // named at its fullest, plus kDenseFloor.
   [[nodiscard]] std::size_t denseSize() const noexcept { return dense_.size(); }
   void clear() noexcept {
     dense_.clear();
@@ -416,6 +421,7 @@ class LogRefTable {
     for (auto it = sparse_.begin(); !it.done(); ++it) f(it.key(), it.value());
   }
 
+  static constexpr U32 kDenseFactor = 8;
   static constexpr U32 kDenseFloor = 4096;
 
  private:

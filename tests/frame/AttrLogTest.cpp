@@ -178,11 +178,12 @@ TEST(AttrLog, BadBytesAreRefusedAndTheReplicaKept) {
 // The reader's reference table against a map: references from a counter as a
 // writer hands them out, from the middle of its count, small and huge ones as
 // a hostile stream might, names replaced and released; the array never
-// outgrows twice the peak of names.
+// outgrows its bound on the peak of names.
 TEST(AttrLog, ReferenceTableFollowsAModel) {
   std::vector<Kel::Ptr<Kel::Entity>> entities;
   for (char c = 'a'; c < 'i'; ++c) entities.push_back(Sample::rootFactory(std::string(1, c)));
-  Kel::LogRefTable<Kel::Ptr<Kel::Entity>> table;
+  using Table = Kel::LogRefTable<Kel::Ptr<Kel::Entity>>;
+  Table table;
   std::map<Kel::U32, Kel::Entity*> model;
   std::mt19937 rng(9);
   Kel::U32 counter = 300000;  // as in a frame in the middle of a snapshot
@@ -206,8 +207,7 @@ TEST(AttrLog, ReferenceTableFollowsAModel) {
     peak = std::max(peak, model.size());
     ASSERT_EQ(table.size(), model.size());
     ASSERT_EQ(table.find(ref), model.count(ref) ? model[ref] : nullptr) << ref;
-    ASSERT_LE(table.denseSize(),
-              2 * peak + Kel::LogRefTable<Kel::Ptr<Kel::Entity>>::kDenseFloor + 2);
+    ASSERT_LE(table.denseSize(), Table::kDenseFactor * (peak + 1) + Table::kDenseFloor);
   }
   std::map<Kel::U32, Kel::Entity*> seen;
   table.forEach([&](Kel::U32 ref, Kel::Ptr<Kel::Entity>& e) { seen[ref] = e.get(); });
@@ -228,8 +228,7 @@ TEST(AttrLog, ReferenceTableFollowsAModel) {
   for (std::size_t k = 0; k < refs.size(); ++k) {
     table.set(refs[k], Kel::Ptr<Kel::Entity>(named(refs[k])));
     if (k % 9973 == 0) {
-      ASSERT_LE(table.denseSize(),
-                2 * (k + 2) + Kel::LogRefTable<Kel::Ptr<Kel::Entity>>::kDenseFloor + 2);
+      ASSERT_LE(table.denseSize(), Table::kDenseFactor * (k + 2) + Table::kDenseFloor);
       for (std::size_t j = 0; j <= k; j += 97) ASSERT_EQ(table.find(refs[j]), named(refs[j]));
     }
   }

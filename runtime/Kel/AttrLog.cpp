@@ -880,18 +880,15 @@ void LogWriter::writeAttr(LogOut& out, Tracked& t, KelAttr const& attr, bool ann
       return;
     }
     case AttrKind::ref: {
+      // Its address only: the target is asked for before it is written.
+      Entity const* target = nullptr;
+      type.attributeOp(&target, &e, &attr, attrOpPeek);
       if (!writingRefs_) {
         // After every announcement of the frame, so that the target is known.
-        deferredRefs_.emplace_back(&t, &attr);
+        deferredRefs_.push_back({&t, &attr, target});
         return;
       }
-      Ptr<Entity const> target;
-      type.attributeOp(&target, &e, &attr, attrOpRead);
-      std::size_t const at = openRecord(out, t.ref, id);
-      Tracked* const fresh = writeShared(out, t, attr.index, {}, *attr.type, target.get());
-      closeRecord(out, at);
-      ++records_;
-      if (fresh) writeFresh(out, *fresh);
+      writeRef(out, t, attr, target);
       return;
     }
     default: return;  // constants, derived and fixed attributes are not state to send
@@ -1011,6 +1008,20 @@ void LogWriter::writeQueueNext(LogOut& out, Tracked& t, KelAttr const& attr, boo
 void LogWriter::writeEntity(LogOut& out, Tracked& t) {
   if (stream_) streamParts(out);
   TypeDesc const& type = t.entity->fwkType();
+  std::vector<KelAttr const*> const& walk = attrs_.walk(type, t.adapted);
+  if (snapshotting_) {
+    // The children of the slots, and their places among the tracking
+    // records, lie anywhere in a large heap: asked for now, they arrive
+    // while the values below are written.
+    for (KelAttr const* attr : walk) {
+      if (attr->kind != AttrKind::child) continue;
+      Entity const* child = nullptr;
+      type.attributeOp(&child, t.entity, attr, attrOpPeek);
+      if (!child) continue;
+      __builtin_prefetch(child);
+      tracked_.prefetch(decltype(tracked_)::reversedHash(child));
+    }
+  }
   // The plain values first, through the type's typed dispatch, which takes
   // no generic value; the loop below skips them.
   if (t.adapted) records_ += static_cast<U64>(t.adapter()->handleAnnounceValues(out, t.ref));
@@ -1079,7 +1090,15 @@ void LogWriter::writeEntity(LogOut& out, Tracked& t) {
     }
     if (attr.kind == AttrKind::queue) writeQueueNext(out, t, attr, false);
   };
-  for (KelAttr const* attr : attrs_.walk(type, t.adapted)) visit(*attr);
+  for (KelAttr const* attr : walk) visit(*attr);
+}
+
+void LogWriter::writeRef(LogOut& out, Tracked& t, KelAttr const& attr, Entity const* target) {
+  std::size_t const at = openRecord(out, t.ref, static_cast<S32>(attr.logId));
+  Tracked* const fresh = writeShared(out, t, attr.index, {}, *attr.type, target);
+  closeRecord(out, at);
+  ++records_;
+  if (fresh) writeFresh(out, *fresh);
 }
 
 void LogWriter::writeFresh(LogOut& out, Tracked& t) {
@@ -1093,13 +1112,33 @@ void LogWriter::writeDeferredRefs(LogOut& out) {
   std::size_t refs = 0;
   std::size_t members = 0;
   while (refs < deferredRefs_.size() || members < deferredMembers_.size()) {
+    // A snapshot's references come after its whole walk, so their holders,
+    // targets and tracking records are long out of the cache: ask for those
+    // some entries ahead (both lines of a holder's record, whose holdings
+    // the write reads).
+    auto const ahead = [this](Tracked const* holder, Entity const* target) {
+      __builtin_prefetch(holder);
+      __builtin_prefetch(reinterpret_cast<char const*>(holder) + 64);
+      if (!target) return;
+      __builtin_prefetch(target);
+      tracked_.prefetch(decltype(tracked_)::reversedHash(target));
+    };
+    constexpr std::size_t kAhead = 8;
     for (; refs < deferredRefs_.size(); ++refs) {
       if (stream_) streamParts(out);
-      auto const [t, attr] = deferredRefs_[refs];
-      if (!t->dead) writeAttr(out, *t, *attr);
+      if (refs + kAhead < deferredRefs_.size()) {
+        DeferredRef const& next = deferredRefs_[refs + kAhead];
+        ahead(next.holder, next.target);
+      }
+      DeferredRef const d = deferredRefs_[refs];
+      if (!d.holder->dead) writeRef(out, *d.holder, *d.attr, d.target);
     }
     for (; members < deferredMembers_.size(); ++members) {
       if (stream_) streamParts(out);
+      if (members + kAhead < deferredMembers_.size()) {
+        DeferredMember const& next = deferredMembers_[members + kAhead];
+        ahead(next.holder, next.member);
+      }
       // Taken out, as writing may defer more members and move the rest.
       DeferredMember const m = std::move(deferredMembers_[members]);
       if (m.holder->dead) continue;

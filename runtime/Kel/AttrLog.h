@@ -249,6 +249,7 @@ class LogWriter {
   void writeEntity(LogOut& out, Tracked& t);
   // `announcing`: the entity is new to the readers, which make it anew.
   void writeAttr(LogOut& out, Tracked& t, KelAttr const& attr, bool announcing = false);
+  void writeRef(LogOut& out, Tracked& t, KelAttr const& attr, Entity const* target);
   void writeMember(LogOut& out, Tracked& t, KelAttr const& attr, String const& key);
   void writeSharedMember(LogOut& out, Tracked& t, KelAttr const& attr, std::string_view key,
                          Entity const* member);
@@ -279,7 +280,15 @@ class LogWriter {
   bool snapshotting_ = false;  // every child is written in full
   bool writingRefs_ = false;
   U32 snapshots_ = 0;  // snapshots written: marks the shared entities each has written
-  std::vector<std::pair<Tracked*, KelAttr const*>> deferredRefs_;
+  // References, written after every announcement of their frame. The
+  // target is noted as the walk meets it: nothing changes the tree before
+  // the frame ends, and the holder's attribute keeps the target alive.
+  struct DeferredRef {
+    Tracked* holder;
+    KelAttr const* attr;
+    Entity const* target;
+  };
+  std::vector<DeferredRef> deferredRefs_;
   // Members of shared maps and queues, written with the references. A
   // snapshot notes the member its walk met, as nothing changes the tree
   // until the snapshot's end; a change frame looks the key up when it

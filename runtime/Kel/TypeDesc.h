@@ -109,6 +109,8 @@ enum AttrOp : U32 {
                          // empty or *arg1 is the tail's number or after it)
   attrOpIsDefault = 19,  // plain: *(bool*)result = whether it holds the value a new entity has
   attrOpDefaultIs = 20,  // plain, not a constructor argument: back to that value
+  attrOpPeek = 21,       // child slot or reference: *(Entity const**)result = the entity or
+                         // null, taking no reference, so touching none of its memory
 };
 
 // Whether operation `op` changes the object; a frozen entity refuses it

@@ -168,6 +168,9 @@ void change(Kel::Entity& msg, Kel::KelAttr const& a) {
   } else if (a.kind == Kel::AttrKind::ref) {
     Kel::Ptr<Kel::Entity const> target = a.type->createWithArgs()(nullptr);
     ASSERT_EQ(type.attributeOp(nullptr, &msg, &a, Kel::attrOpWrite, &target), Kel::attrDone);
+    Kel::Entity const* peeked = nullptr;
+    ASSERT_EQ(type.attributeOp(&peeked, &msg, &a, Kel::attrOpPeek), Kel::attrDone);
+    EXPECT_EQ(peeked, target.get());
   } else if (a.kind == Kel::AttrKind::queue && a.type->kind() != Kel::TypeKind::entity) {
     Kel::GenericValue v(*a.type);
     Kel::U32 seq = 0;

@@ -30,6 +30,15 @@ bool isCollection(Kel::KelAttr const& a) {
 Kel::Ptr<Kel::Entity const> childOf(Kel::Entity const& e, Kel::KelAttr const& a) {
   Kel::Ptr<Kel::Entity const> out;
   e.fwkType().attributeOp(&out, const_cast<Kel::Entity*>(&e), &a, Kel::attrOpRead);
+  // A peek answers the same child and takes no reference to it.
+  Kel::Entity const* peeked = nullptr;
+  auto const references = out ? out->references() : 0;
+  EXPECT_EQ(e.fwkType().attributeOp(&peeked, const_cast<Kel::Entity*>(&e), &a, Kel::attrOpPeek),
+            Kel::attrDone);
+  EXPECT_EQ(peeked, out.get()) << a.name;
+  if (out) {
+    EXPECT_EQ(out->references(), references) << a.name;
+  }
   return out;
 }
 

@@ -881,8 +881,14 @@ void LogWriter::writeAttr(LogOut& out, Tracked& t, KelAttr const& attr, bool ann
     }
     case AttrKind::ref: {
       // Its address only: the target is asked for before it is written.
+      // (A type without the peek answers through a read; the attribute
+      // keeps the target alive either way.)
       Entity const* target = nullptr;
-      type.attributeOp(&target, &e, &attr, attrOpPeek);
+      if (type.attributeOp(&target, &e, &attr, attrOpPeek) != attrDone) {
+        Ptr<Entity const> read;
+        type.attributeOp(&read, &e, &attr, attrOpRead);
+        target = read.get();
+      }
       if (!writingRefs_) {
         // After every announcement of the frame, so that the target is known.
         deferredRefs_.push_back({&t, &attr, target});

@@ -27,6 +27,7 @@ class ReadOnlyIter final : public GenericIter {
 bool reads(U32 op) {
   switch (op) {
     case attrOpRead:
+    case attrOpPeek:
     case attrOpIterate:
     case attrOpSize:
     case attrOpMemberRead:

@@ -32,6 +32,8 @@ bool reads(U32 op) {
     case attrOpSize:
     case attrOpMemberRead:
     case attrOpCheck:
+    case attrOpNextSeq:
+    case attrOpIsDefault:
     case valueOpIsNull:
     case valueOpEqual:
     case valueOpLess: return true;

@@ -21,9 +21,10 @@ class ReadOnlyProxy {
   explicit ReadOnlyProxy(Entity const& entity) : entity_(&entity) {}
 
   [[nodiscard]] Entity const& entity() const noexcept { return *entity_; }
-  // As TypeDesc::attributeOp for reads (read, iterate, size, member read,
-  // whole-value tests); a write of any kind raises. Iterators refuse
-  // delCurrent() the same way.
+  // As TypeDesc::attributeOp for reads (read, peek, iterate, size, member
+  // read, a write's check, a queue's next number, whether a value is the
+  // default, whole-value tests); a write of any kind raises. Iterators
+  // refuse delCurrent() the same way.
   int attributeOp(void* result, KelAttr const* attr, U32 op, void const* arg1 = nullptr,
                   void const* arg2 = nullptr) const;
 

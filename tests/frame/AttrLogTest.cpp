@@ -484,6 +484,9 @@ TEST(ReadOnlyProxy, ReadsPassWritesRaise) {
   Kel::U32 value = 0;
   EXPECT_EQ(proxy.attributeOp(&value, count, Kel::attrOpRead), Kel::attrDone);
   EXPECT_EQ(value, 4u);
+  bool isDefault = true;
+  EXPECT_EQ(proxy.attributeOp(&isDefault, count, Kel::attrOpIsDefault), Kel::attrDone);
+  EXPECT_FALSE(isDefault);
   EXPECT_EQ(errorOf<Kel::ReadOnlyProxyException>(
                 [&] { proxy.attributeOp(nullptr, count, Kel::attrOpWrite, &value); }),
             "Attribute Rsvp::Sample::Root::count is read-only through this proxy");

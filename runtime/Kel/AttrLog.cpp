@@ -1023,9 +1023,7 @@ void LogWriter::writeEntity(LogOut& out, Tracked& t) {
       if (attr->kind != AttrKind::child) continue;
       Entity const* child = nullptr;
       type.attributeOp(&child, t.entity, attr, attrOpPeek);
-      if (!child) continue;
-      __builtin_prefetch(child);
-      tracked_.prefetch(decltype(tracked_)::reversedHash(child));
+      if (child) askForTracking(child);
     }
   }
   // The plain values first, through the type's typed dispatch, which takes
@@ -1056,8 +1054,7 @@ void LogWriter::writeEntity(LogOut& out, Tracked& t) {
       Entity* member = nullptr;
       for (; !it->done(); it->next()) {
         Entity* const next = const_cast<Entity*>(it->entity());
-        __builtin_prefetch(next);
-        tracked_.prefetch(decltype(tracked_)::reversedHash(next));
+        askForTracking(next);
         String nextKey = encode(*attr.keyType, it->key());
         if (member) writeOwnedMember(out, t, attr, key, member);
         key = std::move(nextKey);
@@ -1125,9 +1122,7 @@ void LogWriter::writeDeferredRefs(LogOut& out) {
     auto const ahead = [this](Tracked const* holder, Entity const* target) {
       __builtin_prefetch(holder);
       __builtin_prefetch(reinterpret_cast<char const*>(holder) + 64);
-      if (!target) return;
-      __builtin_prefetch(target);
-      tracked_.prefetch(decltype(tracked_)::reversedHash(target));
+      if (target) askForTracking(target);
     };
     constexpr std::size_t kAhead = 8;
     for (; refs < deferredRefs_.size(); ++refs) {

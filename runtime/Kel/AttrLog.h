@@ -240,6 +240,12 @@ class LogWriter {
   // The record of `e`, made when the writer did not follow it yet; `made`
   // says which.
   Tracked& track(Entity& e, bool& made);
+  // Asks for `e` and for its home among the tracking records, for a walk
+  // that will track it some work from now.
+  void askForTracking(Entity const* e) const noexcept {
+    __builtin_prefetch(e);
+    tracked_.prefetch(decltype(tracked_)::reversedHash(e));
+  }
   Tracked& track(Entity& e) {
     bool made = false;
     return track(e, made);

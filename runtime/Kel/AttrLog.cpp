@@ -1399,9 +1399,25 @@ struct LogReader::Decoded {
 // and releases, and the numbers each queue it touches will hold, so that
 // everything the replica could refuse is refused before anything is applied.
 struct LogReader::Check {
+  explicit Check(LogReader& reader)
+      : announced(reader.announced_), announcedRefs(reader.announcedRefs_) {
+    announced.arrayAtLeast(reader.refs_.denseBase(), reader.refs_.denseSize());
+  }
+  ~Check() {
+    for (U32 ref : announcedRefs) (void)announced.take(ref);
+    announcedRefs.clear();
+  }
+  Check(Check const&) = delete;
+  Check& operator=(Check const&) = delete;
+  void announce(U32 ref, TypeDesc const* type) {
+    announced.set(ref, type);
+    announcedRefs.push_back(ref);
+  }
+
   bool snapshot = false;
   bool snapshotStart = false;  // names nothing but the root and what it announces
-  LogRefTable<TypeDesc const*> announced;
+  LogRefTable<TypeDesc const*>& announced;
+  std::vector<U32>& announcedRefs;
   HashTable<U32> released;
   LogRefMemo<TypeDesc const*> types;  // the last answers of the checking typeOf
   struct Entry {
@@ -1410,6 +1426,9 @@ struct LogReader::Check {
     bool fromFrame;
   };
   std::map<std::pair<U32, U32>, std::vector<Entry>> queues;  // by (reference, attribute index)
+  // The queue the last record met: a queue's records come together.
+  std::pair<U32, U32> lastQueueKey;
+  std::vector<Entry>* lastQueue = nullptr;
 };
 
 namespace {
@@ -1495,6 +1514,7 @@ LogReader::~LogReader() {
 }
 
 void LogReader::reset() {
+  announced_.clear();
   reused_.clear();
   reusedPlain_.clear();
   pending_.clear();
@@ -1610,7 +1630,7 @@ void LogReader::frameIs(U8 kind, U64 seq, LogIn payload) {
   // First pass: decode and check every record; nothing is applied.
   std::size_t count = 0;
   {
-    Check check;
+    Check check(*this);
     check.snapshot = snapshot;
     check.snapshotStart = kind == frameSnapshot;
     LogIn in = payload;
@@ -1886,7 +1906,7 @@ void LogReader::decode(LogIn& in, Decoded& d, Check* check, Last* last) {
     if (known) throw LogException("Entity announced twice in the attribute log");
     check->released.erase(d.childRef);
     TypeDesc const* const announcedType = d.freshType ? d.freshType : a.type;
-    check->announced.set(d.childRef, announcedType);
+    check->announce(d.childRef, announcedType);
     check->types.set(d.childRef, announcedType);
   }
 }
@@ -1897,8 +1917,15 @@ void LogReader::decode(LogIn& in, Decoded& d, Check* check, Last* last) {
 void LogReader::checkQueue(Check& check, Decoded const& d) {
   KelAttr const& a = *d.attr;
   bool const entities = a.type->kind() == TypeKind::entity;
-  auto [where, first] = check.queues.try_emplace(std::make_pair(d.ref, a.index));
-  std::vector<Check::Entry>& q = where->second;
+  auto const queueKey = std::make_pair(d.ref, a.index);
+  bool first = false;
+  if (!check.lastQueue || check.lastQueueKey != queueKey) {
+    auto const [where, made] = check.queues.try_emplace(queueKey);
+    check.lastQueueKey = queueKey;
+    check.lastQueue = &where->second;
+    first = made;
+  }
+  std::vector<Check::Entry>& q = *check.lastQueue;
   Entity* const e = [&]() -> Entity* {
     if (check.snapshot || check.announced.find(d.ref)) return nullptr;  // starts empty
     return namedBy(d.ref);

@@ -417,8 +417,17 @@ class LogRefTable {
   }
   [[nodiscard]] std::size_t size() const noexcept { return denseNamed_ + sparse_.size(); }
   // The places of the array: at most kDenseFactor times the references
-  // named at its fullest, plus kDenseFloor.
+  // named at its fullest, plus kDenseFloor (or what arrayAtLeast() asked).
   [[nodiscard]] std::size_t denseSize() const noexcept { return dense_.size(); }
+  [[nodiscard]] U32 denseBase() const noexcept { return base_; }
+  // Makes the array cover `places` references from `base`, for a table
+  // that names the references another table does (a frame's announcements
+  // next to the names): an empty table starts its array at `base`, one
+  // whose array starts elsewhere is left as it is.
+  void arrayAtLeast(U32 base, std::size_t places) {
+    if (dense_.empty() && sparse_.empty()) base_ = base;
+    if (base_ == base && places > dense_.size()) grow(places);
+  }
   void clear() noexcept {
     dense_.clear();
     dense_.shrink_to_fit();
@@ -558,6 +567,12 @@ class LogReader {
   bool broken_ = false;
   // The entities the stream names, by their reference.
   LogRefTable<Ptr<Entity>> refs_;
+  // The types of the entities a frame announces, by reference, while its
+  // check runs; emptied after it but for the array, which follows refs_'s,
+  // so that announcements from all over the writer's range find their
+  // place without a hash table (8 bytes a place, as refs_).
+  LogRefTable<TypeDesc const*> announced_;
+  std::vector<U32> announcedRefs_;
   [[nodiscard]] Entity* namedBy(U32 ref) const noexcept { return refs_.find(ref); }
   void nameIs(U32 ref, Ptr<Entity> e) { refs_.set(ref, std::move(e)); }
   void unnameAll() noexcept { refs_.clear(); }

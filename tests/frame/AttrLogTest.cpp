@@ -234,6 +234,24 @@ TEST(AttrLog, ReferenceTableFollowsAModel) {
   }
   EXPECT_EQ(table.size(), refs.size() + 1);
   for (Kel::U32 const ref : refs) ASSERT_EQ(table.find(ref), named(ref)) << ref;
+
+  // A table that follows another's array (a frame's announcements beside
+  // the names): scattered references land in the array it was asked for,
+  // which stays when they are taken out again; an array from another base
+  // is left alone.
+  using Types = Kel::LogRefTable<int const*>;
+  Types announced;
+  announced.arrayAtLeast(table.denseBase(), table.denseSize());
+  std::size_t const places = announced.denseSize();
+  ASSERT_GE(places, refs.size() + 1);
+  int const type = 0;
+  for (std::size_t k = 0; k < refs.size(); k += 7) announced.set(refs[k], &type);
+  EXPECT_EQ(announced.denseSize(), places) << "no growth: every reference had its place";
+  for (std::size_t k = 0; k < refs.size(); k += 7) ASSERT_EQ(announced.take(refs[k]), &type);
+  EXPECT_EQ(announced.size(), 0u);
+  EXPECT_EQ(announced.denseSize(), places);
+  announced.arrayAtLeast(table.denseBase() + 1, 2 * places);
+  EXPECT_EQ(announced.denseSize(), places);
 }
 
 // Through a non-blocking pipe: the reader reads what is there, and sees the

@@ -1207,11 +1207,12 @@ void LogWriter::streamParts(LogOut& out) {
     stream_->retry();
     stream_->retryAt = payload.size() + SnapshotStream::kRetryBytes;
   }
-  if (payload.size() <= partBytes_) return;
+  std::size_t const part = snapshotPart();
+  if (payload.size() <= part) return;
   std::size_t done = 0;
-  while (payload.size() - done > partBytes_) {
+  while (payload.size() - done > part) {
     std::string_view const rest = std::string_view(payload).substr(done);
-    std::size_t const cut = wholeRecordsWithin(rest, partBytes_);
+    std::size_t const cut = wholeRecordsWithin(rest, part);
     if (cut >= rest.size()) break;
     stream_->frame(rest.substr(0, cut));
     done += cut;
@@ -1233,7 +1234,7 @@ void LogWriter::subscriberNew(std::unique_ptr<LogSink> sink) {
   stream_ = nullptr;
   snapshotting_ = false;
   graveyard_.clear();
-  forEachPart(payload, partBytes_, stream.kind, frameSnapshotMore,
+  forEachPart(payload, snapshotPart(), stream.kind, frameSnapshotMore,
               [&](U8 kind, std::string_view part) {
                 stream.kind = kind;
                 stream.frame(part);

@@ -149,6 +149,11 @@ enum LogFrameKind : U8 {
   logFrameSnapshotMore = 4,
 };
 inline constexpr std::size_t logFramePartBytes = 16u << 20;
+// A snapshot goes in smaller parts: the part being written and the frame
+// made of it then stay in the processor's own cache, where a 16 MiB part
+// went out to memory record by record (a 100k-LSP snapshot is written some
+// 3 to 13% faster, and read no slower).
+inline constexpr std::size_t logSnapshotPartBytes = 256u << 10;
 
 // The attributes of the types met, by attribute-log id: a table per type,
 // reached through a small direct-mapped cache, since a snapshot or a flush
@@ -215,6 +220,11 @@ class LogWriter {
   // The largest frame payload the writer makes before it cuts a snapshot or
   // a flush into several frames (logFramePartBytes unless set; at least 64).
   void framePartBytesIs(std::size_t bytes) noexcept { partBytes_ = bytes < 64 ? 64 : bytes; }
+  // The largest part of a snapshot (logSnapshotPartBytes unless set, and
+  // never more than the frame part above; at least 64).
+  void snapshotPartBytesIs(std::size_t bytes) noexcept {
+    snapshotPartBytes_ = bytes < 64 ? 64 : bytes;
+  }
 
   // Frames and records written, for statistics.
   [[nodiscard]] U64 records() const noexcept { return records_; }
@@ -313,6 +323,10 @@ class LogWriter {
   SnapshotStream* stream_ = nullptr;  // the snapshot being written, sent as it goes
   U64 records_ = 0;
   std::size_t partBytes_ = logFramePartBytes;
+  std::size_t snapshotPartBytes_ = logSnapshotPartBytes;
+  [[nodiscard]] std::size_t snapshotPart() const noexcept {
+    return std::min(partBytes_, snapshotPartBytes_);
+  }
   LogAttrIndex attrs_;
   // A flush's payload and the frame around it, kept for the next flush: a
   // flush every 10k refreshes makes half a megabyte, which a fresh string

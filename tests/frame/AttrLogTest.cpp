@@ -774,6 +774,39 @@ TEST(AttrLog, LargePayloadsGoAsSeveralFrames) {
   Kel::logFrame(bytes, Kel::logFrameSnapshotMore, link.reader.frames() + 1, {});
   EXPECT_EQ(errorOf<Kel::LogException>([&] { link.reader.bytesIs(bytes); }),
             "Snapshot part without its start in the attribute log");
+
+  // Unless told otherwise, a snapshot goes in parts of at most
+  // logSnapshotPartBytes, and a flush of the same size in one frame.
+  auto const payloadSizes = [](std::string const& frames) {
+    std::vector<std::size_t> sizes;
+    Kel::LogIn in(frames);
+    while (!in.atEnd()) {
+      in.skip(16);
+      sizes.push_back(in.u32());
+      in.skip(4 + sizes.back() + 4);
+    }
+    return sizes;
+  };
+  auto const source = Sample::rootFactory("root");
+  for (Kel::U32 i = 0; i < 40000; ++i) source->leafIs(i)->weightIs(i);
+  Kel::LogWriter writer(*source);
+  auto owned = std::make_unique<Kel::MemorySink>();
+  Kel::MemorySink& sink = *owned;
+  writer.subscriberNew(std::move(owned));
+  std::vector<std::size_t> const parts = payloadSizes(sink.take());
+  std::size_t total = 0;
+  for (std::size_t const size : parts) {
+    EXPECT_LE(size, Kel::logSnapshotPartBytes);
+    total += size;
+  }
+  EXPECT_LE(parts.size(), 2 * total / Kel::logSnapshotPartBytes + 2)
+      << "parts are half full or more";
+  ASSERT_GT(total, 2 * Kel::logSnapshotPartBytes);
+  for (Kel::U32 i = 0; i < 40000; ++i) source->leafIs(i)->weightIs(i + 1);
+  writer.flush();
+  std::vector<std::size_t> const changes = payloadSizes(sink.take());
+  ASSERT_EQ(changes.size(), 1u);
+  EXPECT_GT(changes.front(), Kel::logSnapshotPartBytes);
 }
 
 // While it writes a large snapshot, the writer asks a sink holding bytes its

@@ -310,8 +310,6 @@ BENCHMARK(BM_MemoryPerLsp)->Iterations(1)->Unit(benchmark::kMillisecond);
   long const residentBefore = residentBytes();
   auto replica = rsvpStatusFactory("status");
   Kel::LogReader reader(*replica);
-  // One snapshot frame carries the whole tree: over 64 MiB at this size.
-  reader.maxFrameBytesIs(1u << 30);
   ::fcntl(fd, F_SETFL, ::fcntl(fd, F_GETFL) | O_NONBLOCK);
   try {
     while (!reader.inSync()) {

@@ -1114,17 +1114,17 @@ void LogWriter::writeDeferredRefs(LogOut& out) {
   // Writing a shared entity may defer more references: go on until none.
   std::size_t refs = 0;
   std::size_t members = 0;
+  // A snapshot's references come after its whole walk, so their holders,
+  // targets and tracking records are long out of the cache: ask for those
+  // some entries ahead (both lines of a holder's record, whose holdings the
+  // write reads).
+  auto const ahead = [this](Tracked const* holder, Entity const* target) {
+    __builtin_prefetch(holder);
+    __builtin_prefetch(reinterpret_cast<char const*>(holder) + 64);
+    if (target) askForTracking(target);
+  };
+  constexpr std::size_t kAhead = 8;
   while (refs < deferredRefs_.size() || members < deferredMembers_.size()) {
-    // A snapshot's references come after its whole walk, so their holders,
-    // targets and tracking records are long out of the cache: ask for those
-    // some entries ahead (both lines of a holder's record, whose holdings
-    // the write reads).
-    auto const ahead = [this](Tracked const* holder, Entity const* target) {
-      __builtin_prefetch(holder);
-      __builtin_prefetch(reinterpret_cast<char const*>(holder) + 64);
-      if (target) askForTracking(target);
-    };
-    constexpr std::size_t kAhead = 8;
     for (; refs < deferredRefs_.size(); ++refs) {
       if (stream_) streamParts(out);
       if (refs + kAhead < deferredRefs_.size()) {

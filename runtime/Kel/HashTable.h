@@ -823,38 +823,88 @@ class HashTable {
     }
   }
 
+  // Writes into `tags` (end slots, empty) the tag of each element at its
+  // new place among `slots` homes: its home, or just after the element
+  // before it. False when the last ones do not fit before `end`.
+  bool placeTags(U16* tags, U32 slots, U64 end) const noexcept {
+    U64 next = 0;
+    UsedSlots used(tags_.get(), 0);
+    for (auto left = static_cast<U32>(size_); left != 0; --left) {
+      U32 const i = used.next();
+      U64 const p = U64{at(i).rhash} * slots;
+      next = std::max(p >> 32, next);
+      if (next >= end) return false;
+      tags[next] = tagAt(p, next);
+      ++next;
+    }
+    return true;
+  }
+
+  // The used slots of a tag array in ascending order, from slot `from` on
+  // (a multiple of 32), 32 tags at a time: no branch on each slot.
+  class UsedSlots {
+   public:
+    // Reads no tag before the first next().
+    UsedSlots(U16 const* tags, U32 from) noexcept : tags_(tags), base_(from - 32) {}
+    U32 next() noexcept {
+      while (mask_ == 0) mask_ = usedMask(tags_ + (base_ += 32));
+      auto const k = static_cast<U32>(std::countr_zero(mask_));
+      mask_ &= mask_ - 1;
+      return base_ + k;
+    }
+
+   private:
+    U16 const* tags_;
+    U32 base_;  // wraps below 0 before the first next()
+    U32 mask_ = 0;
+  };
+  // The same in descending order, below slot `end`.
+  class UsedSlotsDown {
+   public:
+    // Reads the tags below `end` only (the next ones may be end tags).
+    UsedSlotsDown(U16 const* tags, U32 end) noexcept : tags_(tags), base_(end & ~U32{31}) {
+      U32 const inFirst = end - base_;
+      mask_ = inFirst == 0 ? 0 : usedMask(tags + base_) & ((U32{1} << inFirst) - 1);
+    }
+    U32 next() noexcept {
+      while (mask_ == 0) mask_ = usedMask(tags_ + (base_ -= 32));
+      auto const k = static_cast<U32>(31 - std::countl_zero(mask_));
+      mask_ &= ~(U32{1} << k);
+      return base_ + k;
+    }
+
+   private:
+    U16 const* tags_;
+    U32 base_;
+    U32 mask_;
+  };
+
   // Places the elements afresh in `slots` slots and a tail of at least
   // `tail`, each at its home or just after the previous one; a longer tail
   // when the last ones do not fit. An element's new place is never before
   // its old one, so a table of full segments grows in place: new segments
   // at the end, and the elements moved from the last to the first.
   void rebuild(U32 slots, U32 tail) {
-    // Each element's new place and tag, in order: place << 16 | tag.
-    std::unique_ptr<U64[]> placed;
-    if (size_ != 0) placed = std::make_unique_for_overwrite<U64[]>(size_);
-    U64 next = 0;
-    std::size_t n = 0;
-    for (U32 i = 0; n < size_; ++i) {
-      if (tags_[i] == 0) continue;
-      U64 const p = U64{at(i).rhash} * slots;
-      next = std::max(p >> 32, next);
-      placed[n++] = next << 16 | tagAt(p, next);
-      ++next;
+    // The new tags, from the elements' reversed hashes in order: the k-th
+    // used slot of the new tags is the k-th element's new place.
+    std::unique_ptr<U16[]> tags;
+    U64 end = 0;
+    for (;; tail *= 2) {
+      end = U64{slots} + tail;
+      if (end + kEndRun > (U64{1} << 31)) throw std::length_error("Kel::HashTable is full");
+      tags = std::make_unique_for_overwrite<U16[]>(end + kEndRun);
+      std::fill_n(tags.get(), end, U16{0});
+      std::fill_n(tags.get() + end, kEndRun, kEndTag);
+      if (placeTags(tags.get(), slots, end)) break;
     }
-    while (next > U64{slots} + tail) tail *= 2;
-    U64 const end = U64{slots} + tail;
-    if (end + kEndRun > (U64{1} << 31)) throw std::length_error("Kel::HashTable is full");
-    auto tags = std::make_unique_for_overwrite<U16[]>(end + kEndRun);
-    std::fill_n(tags.get(), end, U16{0});
-    std::fill_n(tags.get() + end, kEndRun, kEndTag);
-    for (std::size_t k = 0; k < n; ++k) tags[placed[k] >> 16] = static_cast<U16>(placed[k]);
     U32 const oldEnd = end_;
     if (end <= kSegmentSlots) {
       // One segment of the size needed, filled afresh.
       Element* const fresh = allocateElements(static_cast<U32>(end));
-      for (U32 i = 0, k = 0; k < n; ++i) {
-        if (tags_[i] != 0) relocate(&fresh[placed[k++] >> 16], &at(i));
-      }
+      UsedSlots from(tags_.get(), 0);
+      UsedSlots to(tags.get(), 0);
+      for (auto left = static_cast<U32>(size_); left != 0; --left)
+        relocate(&fresh[to.next()], &at(from.next()));
       for (Element* g : segments_) freeElements(g);
       segments_.assign(1, fresh);
       segmentSlots_ = static_cast<U32>(end);
@@ -873,10 +923,12 @@ class HashTable {
       }
       segmentSlots_ = kSegmentSlots;
       while (segments_.size() < count) segments_.push_back(allocateElements(kSegmentSlots));
-      for (U32 i = oldEnd, k = static_cast<U32>(n); k > 0;) {
-        if (tags_[--i] == 0) continue;
-        auto const to = static_cast<U32>(placed[--k] >> 16);
-        if (to != i) relocate(&at(to), &at(i));
+      UsedSlotsDown from(tags_.get(), size_ == 0 ? 0 : oldEnd);
+      UsedSlotsDown to(tags.get(), static_cast<U32>(end));
+      for (auto left = static_cast<U32>(size_); left != 0; --left) {
+        U32 const i = from.next();
+        U32 const j = to.next();
+        if (j != i) relocate(&at(j), &at(i));
       }
     }
     slotCount_ = slots;

@@ -67,8 +67,6 @@ TEST(GenericOp, ConstantsUnknownAndUnsupported) {
   Kel::U32 v = 0;
   EXPECT_EQ(attrOp(p, "maxLspId", Kel::attrOpRead, &v), Kel::attrDone);
   EXPECT_EQ(v, 65535u);
-  EXPECT_EQ(attrOp(p, "invalidLspId", Kel::attrOpRead, &v), Kel::attrDone);
-  EXPECT_EQ(v, 65536u);
   EXPECT_EQ(attrOp(p, "maxLspId", Kel::attrOpWrite, nullptr, &v), Kel::attrUnsupported);
   Kel::KelAttr const foreign{"x", "U32", 99, Kel::AttrKind::plain, &Kel::typeU32, nullptr};
   EXPECT_EQ(RsvpPathId::kelType.attributeOp(&v, &p, &foreign, Kel::attrOpRead), Kel::attrUnknown);

@@ -2,7 +2,8 @@
 // raises, the trace lines written meanwhile, threads that run at once where
 // reference counts allow it, generic operations and notifications by
 // attribute name, a value through the log codec, and an entity tree whose
-// replica follows it through the attribute log and a memory sink.
+// replica follows it through the attribute log and a memory sink; a
+// state-path id.
 #ifndef TESTS_TESTSUPPORT_H
 #define TESTS_TESTSUPPORT_H
 
@@ -11,6 +12,7 @@
 #include <Kel/RangeException.h>
 #include <Kel/Text.h>
 #include <Kel/TreeCompare.h>
+#include <Rsvp/RsvpSpId.h>
 #include <Rsvp/RsvpTrace.h>
 
 #include <gtest/gtest.h>
@@ -23,6 +25,13 @@
 #include <vector>
 
 namespace TestSupport {
+
+// The state-path id of path `lsp` in one session.
+inline Rsvp::RsvpSpId spId(Kel::U32 lsp) {
+  return Rsvp::RsvpSpId(Rsvp::RsvpSessionId(Lumo::IpGenAddr("10.0.0.2"), Rsvp::RsvpTunnelId(7),
+                                            Lumo::IpGenAddr("10.0.0.1")),
+                        Rsvp::RsvpPathId(lsp));
+}
 
 // The what() of the E that `f` raises, or "accepted" when it returns. Any
 // other exception passes through and fails the test.

@@ -1,14 +1,11 @@
 // Bandwidth policy and fast-reroute data: the metric's unchecked arithmetic
-// and checked text, the reclaim tree's visiting order against a sorted
-// model, and the FRR table's notifications.
+// and checked text, and the FRR table, keyed by a field of its values.
 #include <Rsvp/Rsvp.h>
 
 #include <gtest/gtest.h>
 
 #include "../TestSupport.h"
 
-#include <random>
-#include <set>
 #include <string>
 #include <vector>
 
@@ -67,41 +64,6 @@ TEST(BwMetric, TextIsRangeChecked) {
     EXPECT_EQ(m, metric(3)) << c.text;
   }
   EXPECT_EQ(errorOf<Kel::RangeException>([] { (void)BwMetric(8); }), kMetricRange);
-}
-
-// Policies made in a random order are visited in ascending order: metrics
-// within a priority, priorities within an interface.
-TEST(BwReclaimPolicy, VisitsInAscendingOrder) {
-  std::mt19937 rng(8);
-  for (int round = 0; round < 20; ++round) {
-    auto const tree = bwReclaimPolicyFactory("reclaim");
-    auto const intf = tree->intfPolicyIs(Lumo::IntfId("Ethernet1"));
-    std::set<TrafficEngineering::BwPriority> priorities;
-    std::set<Kel::U8> metrics;
-    auto const first = intf->priorityPolicyIs(TrafficEngineering::BwPriority(4, 4));
-    priorities.insert(TrafficEngineering::BwPriority(4, 4));
-    for (int i = 0; i < 12; ++i) {
-      TrafficEngineering::BwPriority const p(static_cast<Kel::U8>(rng() % 8),
-                                             static_cast<Kel::U8>(rng() % 8));
-      intf->priorityPolicyIs(p);
-      priorities.insert(p);
-      Kel::U8 const m = static_cast<Kel::U8>(rng() % 8);
-      first->metricPolicyIs(metric(m))->spIdIs(RsvpSpId());
-      metrics.insert(m);
-    }
-    std::vector<Kel::U8> visited;
-    for (auto it = first->metricPolicyIter(); !it.done(); ++it) {
-      EXPECT_EQ(it.value()->metric(), it.key());
-      visited.push_back(it.key().value());
-    }
-    EXPECT_EQ(visited, std::vector<Kel::U8>(metrics.begin(), metrics.end()));
-    std::vector<TrafficEngineering::BwPriority> visitedPriorities;
-    for (auto it = intf->priorityPolicyIter(); !it.done(); ++it) {
-      visitedPriorities.push_back(it.key());
-    }
-    EXPECT_EQ(visitedPriorities,
-              std::vector<TrafficEngineering::BwPriority>(priorities.begin(), priorities.end()));
-  }
 }
 
 // The FRR map answers a null entry when absent and notifies once per change.

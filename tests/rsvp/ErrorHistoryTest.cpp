@@ -1,5 +1,5 @@
 // Errors and history: the error record's reset (order, notifications, entry
-// trace), the history entries' factories and their fixed historyEntryType.
+// trace), history entries' factories and their fixed historyEntryType.
 #include <Rsvp/Rsvp.h>
 #include <Rsvp/RsvpTrace.h>
 
@@ -75,7 +75,8 @@ TEST(ErrorState, ResetTracesItsEntryAtLevel8) {
   EXPECT_EQ(c.lines, std::vector<std::string>{"RsvpError[8] reset fullName=RsvpErrorState"});
 }
 
-// One row per leaf: its factory and its historyEntryType.
+// Leaves of the history entry (with no arguments but the timestamp, with an
+// address of either family): the factory and the historyEntryType.
 struct Leaf {
   char const* name;
   std::function<Kel::Ptr<RsvpHistoryEntry>(Kel::Seconds)> make;
@@ -89,14 +90,6 @@ std::vector<Leaf> const& leaves() {
       {"RsvpSessionCreationHistoryEntry",
        [](Kel::Seconds t) { return rsvpSessionCreationHistoryEntryFactory(t); },
        rsvpSessionCreationHistoryEntry},
-      {"RsvpSessionMemberHistoryEntry",
-       [](Kel::Seconds t) { return rsvpSessionMemberHistoryEntryFactory(t, RsvpCliId(9), true); },
-       rsvpSessionMemberHistoryEntry},
-      {"RsvpSpOperStateHistoryEntry",
-       [](Kel::Seconds t) {
-         return rsvpSpOperStateHistoryEntryFactory(t, spOperStateRcvd, spOperStateDown);
-       },
-       rsvpSpOperStateHistoryEntry},
       {"RsvpSpFrrAvailableHistoryEntry",
        [](Kel::Seconds t) {
          return rsvpSpFrrAvailableHistoryEntryFactory(t, true, addr("10.0.0.9"), true);
@@ -107,12 +100,6 @@ std::vector<Leaf> const& leaves() {
          return rsvpSpDsFrrInUseHistoryEntryFactory(t, true, addr("2001:db8::1"), false);
        },
        rsvpSpDsFrrInUseHistoryEntry},
-      {"RsvpSpUsFrrInUseHistoryEntry",
-       [](Kel::Seconds t) { return rsvpSpUsFrrInUseHistoryEntryFactory(t, true); },
-       rsvpSpUsFrrInUseHistoryEntry},
-      {"RsvpSpErrorHistoryEntry",
-       [](Kel::Seconds t) { return rsvpSpErrorHistoryEntryFactory(t, rsvpRoutingProblem, 5); },
-       rsvpSpErrorHistoryEntry},
   };
   return all;
 }
@@ -140,13 +127,6 @@ TEST(HistoryEntry, EachLeafFixesItsTypeAndRefusesAWriteToIt) {
                  Kel::ImmutableAttributeException);
     EXPECT_EQ(entry->timestamp(), 12.25);
   }
-}
-
-// The bases, made by their factories without a type, are unknown entries.
-TEST(HistoryEntry, BasesAreUnknownEntries) {
-  Kel::Ptr<RsvpHistoryEntry> const bases[] = {
-      rsvpHistoryEntryFactory(1), rsvpSessionHistoryEntryFactory(2), rsvpSpHistoryEntryFactory(3)};
-  for (auto const& b : bases) EXPECT_EQ(b->historyEntryType(), rsvpUnknownEntry);
 }
 
 }  // namespace

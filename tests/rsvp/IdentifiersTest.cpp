@@ -1,7 +1,7 @@
-// The identifiers: string forms and their parsing, exact error texts, the
-// null test, ordering and hashes worked out by hand from the algorithm. Then
-// their deduplicated twins through one typed suite: handles shared and
-// released against a model, the null handle, text and log round trips.
+// The identifiers against a model of their parts: text, order, equality and
+// the remembered hash (their exact forms, errors and hand-worked hashes are
+// ValueFrameTest's). Then their deduplicated twins through one typed suite:
+// handles shared and released, the null handle, text and log round trips.
 #include <Rsvp/Rsvp.h>
 
 #include <Kel/Reflect.h>
@@ -19,205 +19,58 @@ namespace {
 using namespace Rsvp;
 using Lumo::IpGenAddr;
 
-IpGenAddr ip(char const* text) { return IpGenAddr(text); }
-
-RsvpSessionId session(char const* dst, Kel::U16 tunnel, char const* ext) {
-  return RsvpSessionId(ip(dst), RsvpTunnelId(tunnel), ip(ext));
-}
-
-RsvpSpId spId(char const* dst, Kel::U16 tunnel, char const* ext, Kel::U32 lsp) {
-  return RsvpSpId(session(dst, tunnel, ext), RsvpPathId(lsp));
-}
-
-template <class T>
-std::string parseError(std::string_view text) {
-  T v;
-  try {
-    v.stringValueIs(text);
-  } catch (Kel::RangeException const& e) {
-    EXPECT_TRUE(v == T()) << "a failed parse changed the value";
-    return e.what();
-  }
-  return "no error";
-}
-
-// The exact forms of every identifier, which read back.
-TEST(IdentifierForms, PrintAndParseBack) {
-  RsvpSpId const sp = spId("10.0.0.2", 7, "10.0.0.1", 3);
-  std::string const spText =
-      "<sessionId=<dstIp=10.0.0.2>_<tunnelId=7>_<extTunnelId=10.0.0.1>>_<pathId=<lspId=3>>";
-  std::ostringstream os;
-  os << sp.pathId();
-  std::pair<std::string, std::string> const forms[] = {
-      {sp.stringValue(), spText},
-      {valueToStrep(sp), spText},
-      {RsvpTunnelId(7).stringValue(), "7"},
-      {os.str(), "<lspId=3>"},
-      {RsvpNeighborId(ip("10.0.0.2")).stringValue(), "10.0.0.2"},
-      {RsvpNeighborId(ip("2001:db8::1")).stringValue(), "2001:db8::1"},
-      {session("10.0.0.2", 7, "10.0.0.1").stringValue(),
-       "<dstIp=10.0.0.2>_<tunnelId=7>_<extTunnelId=10.0.0.1>"},
-      // The unspecified address prints as nothing.
-      {RsvpSpId().stringValue(),
-       "<sessionId=<dstIp=>_<tunnelId=0>_<extTunnelId=>>_<pathId=<lspId=65536>>"}};
-  for (auto const& [got, want] : forms) EXPECT_EQ(got, want);
-  EXPECT_EQ(strepToValue<RsvpSpId>(spText), sp);
-  // An LSP id's text keeps the low sixteen bits of the number, sign and all.
-  std::pair<char const*, Kel::U32> const lspIds[] = {
-      {"<lspId=65536>", 0},  {"<lspId=-1>", 65535}, {"<lspId=65535>", 65535},
-      {"<lspId=131075>", 3}, {"<lspId=-65536>", 0}, {"<lspId=007>", 7}};
-  for (auto const& [text, lspId] : lspIds) {
-    RsvpPathId p;
-    p.stringValueIs(text);
-    EXPECT_EQ(p.lspId(), lspId) << text;
-  }
-}
-
-// Bad text raises the exact error and leaves the value as it was, the
-// default or another.
-TEST(IdentifierForms, RejectedText) {
-  struct {
-    std::string (*parse)(std::string_view);
-    char const* text;
-    char const* error;
-  } const cases[] = {
-      {parseError<RsvpPathId>, "<lspId=3>x", "Invalid RsvpPathId"},
-      {parseError<RsvpPathId>, "<lspId=3", "Expected '>' but found end of text"},
-      {parseError<RsvpPathId>, "<lspid=3>", "Expected '<lspId=' but found '<lspid=3>'"},
-      {parseError<RsvpPathId>, "<lspId=>", "Expected a number but found '>'"},
-      {parseError<RsvpPathId>, "<lspId=99999999999999999999>",
-       "Number 99999999999999999999 out of range for S64"},
-      {parseError<RsvpTunnelId>, "7 ", "Invalid RsvpTunnelId"},
-      {parseError<RsvpTunnelId>, "65536", "Number 65536 out of range for U16 (attribute 'value')"},
-      {parseError<RsvpNeighborId>, "10.0.0.2>", "Invalid RsvpNeighborId"},
-      {parseError<RsvpNeighborId>, "10.0.0.256", "Invalid IpGenAddr '10.0.0.256'"},
-      {parseError<RsvpSessionId>, "<dstIp=10.0.0.2>_<tunnelId=70000>_<extTunnelId=10.0.0.1>",
-       "Number 70000 out of range for U16 (attribute 'value')"},
-      {parseError<RsvpSessionId>, "<dstIp=10.0.0.2>_<tunnelId=7>_<extTunnelId=10.0.0.1>>",
-       "Invalid RsvpSessionId"},
-      {parseError<RsvpSpId>,
-       "<sessionId=<dstIp=10.0.0.2>_<tunnelId=7>_<extTunnelId=10.0.0.1>>_<pathId=<lspId=3>>>",
-       "Invalid RsvpSpId"},
-      {parseError<RsvpSpId>, "<sessionId=<dstIp=10.0.0.2>_<tunnelId=7>>",
-       "Expected '>_<extTunnelId=' but found '>>'"},
-      {parseError<RsvpSpId>, "", "Expected '<sessionId=' but found end of text"},
-  };
-  for (auto const& c : cases) EXPECT_EQ(c.parse(c.text), c.error) << c.text;
-  RsvpSpId const before = spId("10.0.0.2", 7, "10.0.0.1", 3);
-  RsvpSpId sp = before;
-  EXPECT_THROW(sp.stringValueIs(before.stringValue() + "x"), Kel::RangeException);
-  EXPECT_EQ(sp, before);
-}
-
-// The default path id is the invalid one, 65536: null, last in order, and
-// the bound that the setter and the constructor take (the range text is
-// ReflectTest's and the dedup tests'); a state-path id is null only when all
-// of it is the default.
-TEST(SpId, NullTest) {
-  RsvpPathId p(5);
-  EXPECT_EQ(RsvpPathId().lspId(), RsvpPathId::invalidLspId());
-  EXPECT_TRUE(!RsvpPathId());
-  EXPECT_FALSE(!RsvpPathId(0));
-  EXPECT_TRUE(RsvpPathId(RsvpPathId::maxLspId()) < RsvpPathId());
-  EXPECT_THROW(p.lspIdIs(65537), Kel::RangeException);
-  EXPECT_THROW(RsvpPathId(65537), Kel::RangeException);
-  EXPECT_EQ(p.lspId(), 5u);
-  p.lspIdIs(65536);
-  EXPECT_TRUE(!p);
-  EXPECT_TRUE(!RsvpSpId());
-  RsvpSpId sp;
-  sp.pathIdIs(RsvpPathId(0));
-  EXPECT_FALSE(!sp) << "LSP id 0 is a real path";
-  RsvpSessionId s;
-  s.tunnelIdIs(RsvpTunnelId(1));
-  EXPECT_FALSE(!RsvpSpId(s, RsvpPathId()));
-  EXPECT_FALSE(!RsvpSessionId(ip("0.0.0.0"), RsvpTunnelId(), IpGenAddr()))
-      << "0.0.0.0 is not the unspecified address";
-}
-
-// Hashes worked out by hand from the one-at-a-time steps; addresses with the
-// same bytes in either family hash alike, yet differ.
-TEST(IdentifierHash, HandComputedValues) {
-  EXPECT_EQ(RsvpTunnelId(7).hash(), 0x24f2c201u);
-  EXPECT_EQ(RsvpPathId(3).hash(), 0x359a7badu);
-  EXPECT_EQ(RsvpPathId().hash(), 0x20e9c0b3u);
-  EXPECT_EQ(RsvpNeighborId(ip("10.0.0.2")).hash(), 0xb1eee5cau);
-  EXPECT_EQ(session("10.0.0.2", 7, "10.0.0.1").hash(), 0x56096558u);
-  EXPECT_EQ(spId("10.0.0.2", 7, "10.0.0.1", 3).hash(), 0xad695a2au);
-  EXPECT_EQ(RsvpSpId().hash(), 0x59779954u);
-  // The family never enters the hash: 10.0.0.2 sits in the first four of the
-  // sixteen address bytes, so these hash alike, yet differ.
-  RsvpSessionId const v4 = session("10.0.0.2", 7, "10.0.0.1");
-  RsvpSessionId const v6 = session("a00:2::", 7, "a00:1::");
-  EXPECT_EQ(v4.hash(), v6.hash());
-  EXPECT_FALSE(v4 == v6);
-  EXPECT_TRUE(v4 < v6 || v6 < v4);
-}
-
-// Random identifiers over few distinct parts, so that equal parts are common.
-class RandomIds {
- public:
-  explicit RandomIds(unsigned seed) : rng_(seed) {}
-
-  IpGenAddr addr() {
-    switch (rng_() % 4) {
-      case 0: return IpGenAddr();
-      case 1: return IpGenAddr::ipv4(rng_() % 3);
-      case 2: return IpGenAddr::ipv4(static_cast<Kel::U32>(rng_()));
-      default: {
-        Lumo::Ip6Addr::Bytes a{};
-        for (auto& b : a) b = static_cast<Kel::U8>(rng_() % 3 == 0 ? rng_() : 0);
-        return IpGenAddr::ipv6(Lumo::Ip6Addr(a));
-      }
-    }
-  }
-  RsvpSpId spId() {
-    RsvpSessionId const s(
-        addr(), RsvpTunnelId(static_cast<Kel::U16>(rng_() % 4 ? rng_() % 3 : rng_())), addr());
-    return RsvpSpId(s, RsvpPathId(rng_() % 4 ? rng_() % 3 : rng_() % 65536));
-  }
-
- private:
-  std::mt19937 rng_;
-};
-
-// Random ids read back from their text with their hash; equal ids hash
-// alike; the order is the lexicographic order of the attributes, in
-// declaration order (the addresses' own order is NetTypesTest's, the
-// invalid path id's place the PathId test's).
+// Random ids over few distinct parts, so that equal parts are common, read
+// back from their text with their hash; the order is the lexicographic order
+// of the attributes in declaration order, which a label request's id keeps;
+// equal ids hash alike, and an id remembers the thread's last hash without
+// answering another's (the addresses' own order is NetTypesTest's).
 TEST(IdentifierProperties, RandomRoundTripsAndStrictOrder) {
-  RandomIds ids(1);
+  std::mt19937 rng(1);
+  auto const addr = [&]() -> IpGenAddr {
+    Lumo::Ip6Addr::Bytes v6{0x20, 0x01};
+    v6[15] = static_cast<Kel::U8>(rng() % 3);
+    switch (rng() % 4) {
+      case 0: return IpGenAddr();
+      case 1: return IpGenAddr::ipv4(rng() % 3);
+      case 2: return IpGenAddr::ipv4(static_cast<Kel::U32>(rng()));
+      default: return IpGenAddr::ipv6(Lumo::Ip6Addr(v6));
+    }
+  };
+  auto const draw = [&] {
+    auto const tunnel = static_cast<Kel::U16>(rng() % 4 ? rng() % 3 : rng());
+    RsvpSessionId const s(addr(), RsvpTunnelId(tunnel), addr());
+    return RsvpSpId(s, RsvpPathId(rng() % 4 ? rng() % 3 : rng() % 65537));
+  };
+  auto const parts = [](RsvpSpId const& x) {
+    return std::make_tuple(x.sessionId().dstIp(), x.sessionId().tunnelId().value(),
+                           x.sessionId().extTunnelId(), x.pathId().lspId());
+  };
+  auto const unremembered = [](RsvpSpId const& x) {
+    Kel::OneAtATime h;
+    h.addU32(x.sessionId().hash());
+    h.addU32(x.pathId().hash());
+    return h.finish();
+  };
   for (int i = 0; i < 5000; ++i) {
-    RsvpSpId const a = ids.spId();
-    RsvpSpId const b = ids.spId();
-    RsvpSpId back;
-    back.stringValueIs(a.stringValue());
-    ASSERT_EQ(back, a) << a.stringValue();
-    ASSERT_EQ(back.hash(), a.hash());
-    ASSERT_EQ(strepToValue<RsvpSessionId>(valueToStrep(a.sessionId())), a.sessionId());
-    RsvpNeighborId const n(a.sessionId().dstIp());
-    ASSERT_EQ(strepToValue<RsvpNeighborId>(n.stringValue()), n);
-    auto const parts = [](RsvpSpId const& x) {
-      return std::make_tuple(x.sessionId().dstIp(), x.sessionId().tunnelId().value(),
-                             x.sessionId().extTunnelId(), x.pathId().lspId());
-    };
+    RsvpSpId const a = draw();
+    RsvpSpId const b = draw();
+    if (a.pathId().lspId() != RsvpPathId::invalidLspId()) {  // which never reads back
+      ASSERT_EQ(strepToValue<RsvpSpId>(a.stringValue()), a) << a;
+    }
     ASSERT_EQ(a < b, parts(a) < parts(b)) << a << " vs " << b;
     ASSERT_EQ(a == b, parts(a) == parts(b)) << a << " vs " << b;
+    RsvpLabelRequestId const ra(a.sessionId(), a.pathId());
+    RsvpLabelRequestId const rb(b.sessionId(), b.pathId());
+    ASSERT_EQ(ra < rb, a < b) << a << " " << b;
+    ASSERT_EQ(ra == rb, a == b) << a << " " << b;
+    // Asked in turns, each still answers its own.
+    ASSERT_EQ(b.hash(), unremembered(b));
+    ASSERT_EQ(a.hash(), unremembered(a));
+    ASSERT_EQ(a.hash(), unremembered(a));
+    ASSERT_EQ(b.hash(), unremembered(b));
     if (a == b) {
       ASSERT_EQ(a.hash(), b.hash());
     }
-    // The id remembers the thread's last hash: asked in turns, each still
-    // answers its own.
-    auto const unremembered = [](RsvpSpId const& x) {
-      Kel::OneAtATime h;
-      h.addU32(x.sessionId().hash());
-      h.addU32(x.pathId().hash());
-      return h.finish();
-    };
-    ASSERT_EQ(b.hash(), unremembered(b));
-    ASSERT_EQ(a.hash(), unremembered(a));
-    ASSERT_EQ(a.hash(), unremembered(a));
-    ASSERT_EQ(b.hash(), unremembered(b));
   }
 }
 
@@ -305,8 +158,6 @@ TYPED_TEST(DedupedId, NullHandleIsTheDefaultId) {
   typename T::Deduped const null;
   typename T::Deduped const byDefault(T::handle(typename T::Id()));
   typename T::Deduped const real(T::handle(T::id(3)));
-  EXPECT_EQ(null.handle(), nullptr);
-  EXPECT_EQ(null.stringValue(), "NOHANDLE");
   EXPECT_EQ(valueToStrep(null), "NOHANDLE");
   EXPECT_EQ(byDefault.stringValue(), typename T::Id().stringValue());
   EXPECT_EQ(null.value(), typename T::Id());
@@ -322,9 +173,9 @@ TYPED_TEST(DedupedId, NullHandleIsTheDefaultId) {
   EXPECT_TRUE(T::attrsAgree(real));
 }
 
-// Text and the descriptor's text read back as the identifier itself reads
-// its form (a default path id prints LSP id 65536 and reads back as 0); the
-// attribute log gives back the very value. A parsed handle belongs to no table.
+// Text reads back as the identifier itself reads its form (a default path id prints LSP id 65536
+// and reads back as 0); the attribute log gives back the very value. A parsed handle belongs to no
+// table.
 TYPED_TEST(DedupedId, RoundTrips) {
   using T = TypeParam;
   std::vector<typename T::Deduped> values{typename T::Deduped(),
@@ -336,15 +187,10 @@ TYPED_TEST(DedupedId, RoundTrips) {
     typename T::Deduped back;
     back.stringValueIs(v.stringValue());
     EXPECT_EQ(back, expected);
-    EXPECT_EQ(back.stringValue(), expected.stringValue());
     EXPECT_EQ(back.handle() == nullptr, v.handle() == nullptr);
     if (back.handle()) {
       EXPECT_EQ(back.handle()->dedupState(), Orv::DedupHandle::DedupState::detached);
     }
-    Kel::GenericValue generic(T::desc());
-    generic.strepIs(v.stringValue());
-    EXPECT_EQ(generic.strep(), expected.stringValue());
-    EXPECT_EQ(strepToValue<typename T::Deduped>(valueToStrep(v)), expected);
     std::string bytes;
     Kel::LogOut out(bytes);
     T::desc().ops()->logWrite(out, &v);
@@ -411,15 +257,8 @@ TEST(DedupedIdDeathTest, HandleOfAnotherTypeIsFatal) {
 }
 
 // Handles of several identifier types in one base table never meet: a path
-// id and a session id that hash alike stay two handles. The abstract table
-// is a plain entity; the operations are the real table's.
+// id and a session id that hash alike stay two handles.
 TEST(DedupedIds, TypesShareABaseTable) {
-  auto const abstract = rsvpSessionIdDedupTableFactory();
-  int attrs = 0;
-  abstract->fwkType().forEachAttr([&](Kel::KelAttr const&) { ++attrs; });
-  EXPECT_EQ(attrs, 0);
-  EXPECT_EQ(dynamic_cast<RsvpSessionIdDedupTableReal*>(abstract.get()), nullptr);
-
   Orv::DedupHashTable shared;
   auto const sessions = rsvpSessionIdDedupTableRealFactory();
   auto const paths = rsvpPathIdDedupTableRealFactory();

@@ -46,8 +46,7 @@ using Mutation = std::pair<char const*, std::function<void(RsvpPathMsg&)>>;
 TEST(PathEqual, EachComparedObjectChangesTheAnswer) {
   std::vector<Mutation> const compared = {
       // Each attribute alone is MsgClasses'; these change what the objects
-      // hold inside.
-      {"unknownObj", [](RsvpPathMsg& m) { m.newUnknownObj(99, 1); }},
+      // hold inside (unknown objects are SelfEmptyAndUnknownObjects').
       {"explicitRouteObj absent", [](RsvpPathMsg& m) { m.explicitRouteObjIs(nullptr); }},
       {"explicitRouteObj hops",
        [](RsvpPathMsg& m) {
@@ -128,7 +127,7 @@ TEST(Msg, OverridableFacts) {
 }
 
 // Opaque objects: lengths from their bytes, equality by bytes, the record
-// route's null cases, the message id list's queue order.
+// route's null cases.
 TEST(OpaqueObjects, LengthsAndEquality) {
   EXPECT_EQ(rsvpUnknownObjFactory(1, 2)->length(), 4u);
   EXPECT_EQ(rsvpRroUnknownSubObjFactory(1)->length(), 2u);
@@ -150,11 +149,6 @@ TEST(OpaqueObjects, LengthsAndEquality) {
   EXPECT_TRUE(RsvpRecordRouteObj::recordRouteObjEqual(r1, r2));
   r2->newUnknownSubObj(7);
   EXPECT_FALSE(RsvpRecordRouteObj::recordRouteObjEqual(r1, r2));
-
-  auto list = rsvpMsgIdListObjFactory();
-  for (Kel::U32 id : {5u, 3u, 9u}) list->msgIdEnq(id);
-  EXPECT_EQ(list->msgIdDeq(), 5u);
-  EXPECT_EQ(list->msgIdDeq(), 3u);
 }
 
 // Changes one attribute of `msg` (a plain value, a reference or a queue).

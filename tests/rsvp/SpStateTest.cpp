@@ -169,7 +169,7 @@ TEST(SpStateColl, CountsAgreeWithAWalk) {
 
 // The latest of primary and backup message, ties to the primary; the head
 // end's views of its tunnel configuration, with none or beyond its hops (the
-// other views only forward); a made message's kind and parent.
+// other views only forward).
 TEST(StateBlocks, LatestMessageAndHeadEndViews) {
   auto in = rsvpInPathStateFactory();
   EXPECT_EQ(in->latestMsg(), nullptr) << "a tie at 0 goes to the empty primary";
@@ -193,11 +193,6 @@ TEST(StateBlocks, LatestMessageAndHeadEndViews) {
   head->tunnelConfigIs(config);
   EXPECT_EQ(head->hop(1), Lumo::IpGenAddr("10.0.1.1"));
   EXPECT_EQ(head->hop(2), Lumo::IpGenAddr()) << "beyond the configured hops";
-
-  auto out = rsvpOutPathStateFactory();
-  auto made = out->msgIs();
-  EXPECT_EQ(made->msgType(), rsvpPathMsg) << "an empty message of the slot's kind";
-  EXPECT_EQ(made->parent(), out.get());
 }
 
 // Both history queues keep the newest ten, oldest first, with their trace

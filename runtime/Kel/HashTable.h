@@ -47,15 +47,20 @@
 // to front within them rather than into fresh memory. Erasing never
 // shrinks the table; clear() frees everything.
 //
-// Iterators stand on a slot and remember their key (a copy, or the entity's
-// address for KeyOfEntity). While one stands on key k, other keys may be
-// inserted and erased and the table may grow: the next ++ moves to the key
-// that follows k in iteration order among the keys present at that moment.
-// So every key present throughout the walk is visited once, in order; a key
-// erased before the walk reaches it is not visited, a key inserted after
-// k's place is, one inserted before it is not. The key an iterator stands on
-// may be erased only through erase(Iterator&), which steps the iterator on;
-// erasing it otherwise, or clear(), leaves the iterator unusable.
+// Iterators stand on a slot and remember its reversed hash, and the key
+// only when another key shares that hash (a copy), or the entity's address
+// for KeyOfEntity: keys of one hash sit side by side in insertion order, so
+// a key alone with its hash stays the first of it. key() and value() are
+// the element's own, valid until the table next changes; the iterator
+// finds its element again after that. While one stands on key k, other
+// keys may be inserted and erased and the table may grow: the next ++
+// moves to the key that follows k in iteration order among the keys present
+// at that moment. So every key present throughout the walk is visited once,
+// in order; a key erased before the walk reaches it is not visited, a key
+// inserted after k's place is, one inserted before it is not. The key an
+// iterator stands on may be erased only through erase(Iterator&), which
+// steps the iterator on; erasing it otherwise, or clear(), leaves the
+// iterator unusable.
 //
 // K needs `U32 hash() const` (or a KeyTraits specialisation), operator== and
 // (for KeyInNode) a default constructor; K and V need a noexcept move.
@@ -170,21 +175,24 @@ struct Element<K, V, KeyOfEntity> {
   [[nodiscard]] K const& keyOf() const noexcept { return value->kelKey(); }
 };
 
-// What an iterator keeps to find its element again after the table
-// changed: a copy of the key, or the address of the entity's key.
+// What an iterator keeps, beside its element's reversed hash, to find the
+// element again after the table changed. A key held in the element is
+// copied only when a neighbour shares its reversed hash: keys of one hash
+// are neighbours, and a key inserted later goes after those present, so a
+// key that was alone with its hash stays the first of it. An entity's key
+// is held by its address.
 template <class K, class KeyOf>
 struct HeldKey {
   K key{};
-  void hold(K const& k) { key = k; }
-  [[nodiscard]] K const& get() const noexcept { return key; }
-  [[nodiscard]] bool is(K const& k) const noexcept { return k == key; }
+  bool copied = false;
+  // Whether k, met among the keys of the held hash in order (`first` for
+  // the first of them), is the held key: without a copy, the first.
+  [[nodiscard]] bool is(K const& k, bool first) const noexcept { return copied ? k == key : first; }
 };
 template <class K>
 struct HeldKey<K, KeyOfEntity> {
   K const* key = nullptr;
-  void hold(K const& k) noexcept { key = &k; }
-  [[nodiscard]] K const& get() const noexcept { return *key; }
-  [[nodiscard]] bool is(K const& k) const noexcept { return &k == key; }
+  [[nodiscard]] bool is(K const& k, bool) const noexcept { return &k == key; }
 };
 
 }  // namespace hash_internal
@@ -197,7 +205,14 @@ class HashTable {
   class Iterator {
    public:
     Iterator() = default;
-    [[nodiscard]] K const& key() const noexcept { return held_.get(); }
+    // Valid until the table next changes, as value() is.
+    [[nodiscard]] K const& key() const noexcept {
+      if constexpr (std::is_same_v<KeyOf, KeyOfEntity>) {
+        return *held_.key;
+      } else {
+        return element().keyOf();
+      }
+    }
     [[nodiscard]] V& value() const noexcept { return element().value; }
     [[nodiscard]] bool done() const noexcept { return slot_ == kDone; }
     Iterator& operator++() {
@@ -220,6 +235,7 @@ class HashTable {
     U32 slot_ = kDone;
     U32 seen_ = 0;   // the table's change count when slot_ and ahead_ were read
     U32 ahead_ = 0;  // bit k: slot slot_ + 1 + k is used, unless the table changed
+    U32 rh_ = 0;     // the reversed hash of the key it stands on
     hash_internal::HeldKey<K, KeyOf> held_;
   };
 
@@ -726,7 +742,14 @@ class HashTable {
     it.slot_ = i;
     it.seen_ = changes_;
     it.ahead_ = 0;
-    it.held_.hold(at(i).keyOf());
+    Element const& e = at(i);
+    it.rh_ = e.rhash;
+    if constexpr (std::is_same_v<KeyOf, KeyOfEntity>) {
+      it.held_.key = &e.keyOf();
+    } else {
+      it.held_.copied = sharesHash(i);
+      if (it.held_.copied) it.held_.key = e.key;
+    }
   }
 
   // Finds `it`'s key again after the table changed.
@@ -738,9 +761,28 @@ class HashTable {
   [[nodiscard]] U32 slotOf(Iterator const& it) const noexcept {
     if (it.seen_ == changes_) return it.slot_;
     auto const& held = it.held_;
-    U32 const i = where(reversedHash(held.get()), [&](K const& k) { return held.is(k); });
+    bool first = true;  // where() offers the keys of one hash in order
+    U32 const i =
+        where(it.rh_, [&](K const& k) { return held.is(k, std::exchange(first, false)); });
     assert(!(i & kAbsent) && "the iterator's key was erased");
     return i;
+  }
+
+  // Whether a neighbour of used slot i holds its reversed hash. Keys of one
+  // hash share their home and position bits, so their tags differ by one
+  // (or are saturated): the tags rule most slots out.
+  [[nodiscard]] bool sharesHash(U32 i) const noexcept {
+    U16 const t = tags_[i];
+    U32 const rh = at(i).rhash;
+    if (i + 1 < end_) {
+      U16 const next = tags_[i + 1];
+      if ((next == t + 1 || distOf(next) == 255) && at(i + 1).rhash == rh) return true;
+    }
+    if (i > 0) {
+      U16 const prev = tags_[i - 1];
+      if (prev != 0 && (prev + 1 == t || distOf(t) == 255) && at(i - 1).rhash == rh) return true;
+    }
+    return false;
   }
 
   // Bit k: slot s + k holds an element or an end tag, for k < 32.

@@ -71,23 +71,30 @@ Kel::S32 logId(char const* attr, Kel::TypeDesc const& type = Root::kelType) {
   return static_cast<Kel::S32>(type.attr(attr)->logId);
 }
 
-// The payload's records, each whole (header and value), in order.
-std::vector<std::string> splitRecords(std::string const& frames) {
-  std::vector<std::string> out;
+// Each frame's payload, in order.
+std::vector<std::string_view> payloads(std::string const& frames) {
+  std::vector<std::string_view> out;
   Kel::LogIn in(frames);
   while (!in.atEnd()) {
     in.skip(16);
     Kel::U32 const length = in.u32();
     in.skip(4);
-    auto const* payload = reinterpret_cast<char const*>(in.bytes(length));
+    out.emplace_back(reinterpret_cast<char const*>(in.bytes(length)), length);
     in.skip(4);
-    Kel::LogIn records(reinterpret_cast<Kel::U8 const*>(payload), length);
+  }
+  return out;
+}
+
+// The payloads' records, each whole (header and value), in order.
+std::vector<std::string> splitRecords(std::string const& frames) {
+  std::vector<std::string> out;
+  for (std::string_view const payload : payloads(frames)) {
+    Kel::LogIn records(payload);
     while (!records.atEnd()) {
       auto const* at = reinterpret_cast<char const*>(records.position());
       records.skip(8);
       records.skip(records.u32());
-      out.emplace_back(
-          at, static_cast<std::size_t>(reinterpret_cast<char const*>(records.position()) - at));
+      out.emplace_back(at, reinterpret_cast<char const*>(records.position()));
     }
   }
   return out;
@@ -743,36 +750,27 @@ TEST(AttrLog, LargePayloadsGoAsSeveralFrames) {
 
   // Unless told otherwise, a snapshot goes in parts of at most
   // logSnapshotPartBytes, and a flush of the same size in one frame.
-  auto const payloadSizes = [](std::string const& frames) {
-    std::vector<std::size_t> sizes;
-    Kel::LogIn in(frames);
-    while (!in.atEnd()) {
-      in.skip(16);
-      sizes.push_back(in.u32());
-      in.skip(4 + sizes.back() + 4);
-    }
-    return sizes;
-  };
   auto const source = Sample::rootFactory("root");
   for (Kel::U32 i = 0; i < 40000; ++i) source->leafIs(i)->weightIs(i);
   Kel::LogWriter writer(*source);
   auto owned = std::make_unique<Kel::MemorySink>();
   Kel::MemorySink& sink = *owned;
   writer.subscriberNew(std::move(owned));
-  std::vector<std::size_t> const parts = payloadSizes(sink.take());
+  std::string const snapshot = sink.take();
+  std::vector<std::string_view> const parts = payloads(snapshot);
   std::size_t total = 0;
-  for (std::size_t const size : parts) {
-    EXPECT_LE(size, Kel::logSnapshotPartBytes);
-    total += size;
+  for (std::string_view const part : parts) {
+    EXPECT_LE(part.size(), Kel::logSnapshotPartBytes);
+    total += part.size();
   }
   EXPECT_LE(parts.size(), 2 * total / Kel::logSnapshotPartBytes + 2)
       << "parts are half full or more";
   ASSERT_GT(total, 2 * Kel::logSnapshotPartBytes);
   for (Kel::U32 i = 0; i < 40000; ++i) source->leafIs(i)->weightIs(i + 1);
   writer.flush();
-  std::vector<std::size_t> const changes = payloadSizes(sink.take());
-  ASSERT_EQ(changes.size(), 1u);
-  EXPECT_GT(changes.front(), Kel::logSnapshotPartBytes);
+  std::string const flushed = sink.take();
+  ASSERT_EQ(payloads(flushed).size(), 1u);
+  EXPECT_GT(payloads(flushed).front().size(), Kel::logSnapshotPartBytes);
 }
 
 // While it writes a large snapshot, the writer asks a sink holding bytes its

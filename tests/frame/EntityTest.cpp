@@ -234,7 +234,8 @@ TEST(Errors, RangeCheckedSetterLeavesValueAndNotifiesNobody) {
 // later one with it: that one is not called, the last still hears.
 TEST(Lifetime, NotifieeLeavesOrDiesDuringItsCallback) {
   struct Going : Root::NotifieeConst {
-    using NotifieeConst::NotifieeConst;
+    Going(Root* r, bool d, int* c, Root::NotifieeConst* o)
+        : NotifieeConst(r), dies(d), calls(c), other(o) {}
     void onCount() override {
       ++*calls;
       if (dies) {
@@ -245,20 +246,16 @@ TEST(Lifetime, NotifieeLeavesOrDiesDuringItsCallback) {
         notifierIs(nullptr);
       }
     }
-    bool dies = false;
-    int* calls = nullptr;
-    Root::NotifieeConst* other = nullptr;
+    bool dies;
+    int* calls;
+    Root::NotifieeConst* other;
   };
   for (bool const dies : {false, true}) {
     auto root = Sample::rootFactory("root");
     int calls = 0;
     int otherCalls = 0;
-    auto* going = new Going(root.get());
-    auto* other = new Going(root.get());
-    going->dies = other->dies = dies;
-    going->calls = &calls;
-    other->calls = &otherCalls;
-    going->other = other;
+    auto* going = new Going(root.get(), dies, &calls, nullptr);
+    going->other = new Going(root.get(), dies, &otherCalls, nullptr);  // joins after it
     Recorder last(root.get());
     root->countIs(1);
     root->countIs(2);
@@ -267,7 +264,7 @@ TEST(Lifetime, NotifieeLeavesOrDiesDuringItsCallback) {
     EXPECT_EQ(last.log, (Log{"count", "count"}));
     EXPECT_EQ(root->notifieeList().size(), 1u);
     if (!dies) {
-      delete other;
+      delete going->other;
       delete going;
     }
   }

@@ -604,10 +604,7 @@ TEST(AttrLog, EntityCycleFromTheStreamIsFreed) {
        Hand().record(1, -logId("leaf"), enc(Kel::U32{6})).payload,
        [](Root const& r) { return Kel::Ptr<Sample::Leaf const>(r.leaf(6)); }},
   };
-  struct Ending {
-    char const* what;
-    void (*end)(std::unique_ptr<Link>&, Holder const&);
-  } const endings[] = {
+  std::pair<char const*, void (*)(std::unique_ptr<Link>&, Holder const&)> const endings[] = {
       {"released by the stream",
        [](std::unique_ptr<Link>& l, Holder const& holder) {
          Hand h;
@@ -628,7 +625,7 @@ TEST(AttrLog, EntityCycleFromTheStreamIsFreed) {
        }},
   };
   for (auto const& holder : holders) {
-    for (auto const& ending : endings) {
+    for (auto const& [ending, end] : endings) {
       auto link = std::make_unique<Link>();
       link->connect();
       Hand h;
@@ -640,9 +637,9 @@ TEST(AttrLog, EntityCycleFromTheStreamIsFreed) {
       ASSERT_EQ(leaf.get(), leaf->next().get()) << holder.what << ": the leaf refers to itself";
       Sample::Leaf::NotifieeConst watch(leaf.get());
       leaf = nullptr;
-      ending.end(link, holder);
+      end(link, holder);
       EXPECT_EQ(watch.notifierBase(), nullptr)
-          << holder.what << ", " << ending.what << ": the leaf was not freed";
+          << holder.what << ", " << ending << ": the leaf was not freed";
     }
   }
 }

@@ -9,6 +9,7 @@
 #include "../TestSupport.h"
 
 #include <string>
+#include <tuple>
 #include <vector>
 
 namespace {
@@ -35,11 +36,8 @@ using Log = std::vector<std::string>;
 // against a model are IdentifierSetsTest's; the queue's numbering against a
 // model is ContainersTest's.)
 TEST(Notification, OncePerChangeAndNeverForNoChange) {
-  struct {
-    char const* what;
-    void (*act)(Root&);
-    Log heard;
-  } const cases[] = {
+  std::tuple<char const*, void (*)(Root&), Log> const cases[] = {
+      // what, act, heard
       {"plain attributes",
        [](Root& r) {
          r.countIs(0);
@@ -116,11 +114,11 @@ TEST(Notification, OncePerChangeAndNeverForNoChange) {
        },
        {"events[0]", "events[0]"}},
   };
-  for (auto const& c : cases) {
+  for (auto const& [what, act, log] : cases) {
     auto root = Sample::rootFactory("root");
     TestSupport::Heard heard(root.get());
-    c.act(*root);
-    EXPECT_EQ(heard.log, c.heard) << c.what;
+    act(*root);
+    EXPECT_EQ(heard.log, log) << what;
   }
 }
 

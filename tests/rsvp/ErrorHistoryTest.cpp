@@ -9,6 +9,7 @@
 
 #include <functional>
 #include <string>
+#include <tuple>
 #include <vector>
 
 namespace {
@@ -26,41 +27,39 @@ bool isDefault(RsvpErrorState const& s) {
 // already holds the defaults (no error known: code 256, not 0).
 TEST(ErrorState, ResetNotifiesEachChangedAttributeInOrder) {
   Kel::Ptr<RsvpMsg const> const msg = rsvpPathMsgFactory();
-  struct Case {
-    char const* name;
-    std::function<void(RsvpErrorState&)> set;
-    std::vector<std::string> expected;
-  } const cases[] = {
-      {"everything",
-       [&](RsvpErrorState& s) {
-         s.offendingMsgIs(msg);
-         s.errorProcessedTimeIs(2.5);
-         s.errorDetectedTimeIs(1.5);
-         s.errorIs(RsvpError(rsvpConfirmation, 3));
-       },
-       {"error", "errorDetectedTime", "errorProcessedTime", "offendingMsg"}},
-      {"code 0 only",
-       [](RsvpErrorState& s) { s.errorIs(RsvpError(rsvpConfirmation, 0)); },
-       {"error"}},
-      {"value only",
-       [](RsvpErrorState& s) { s.errorIs(RsvpError(rsvpErrorCodeUnknown, 1)); },
-       {"error"}},
-      {"times",
-       [](RsvpErrorState& s) {
-         s.errorProcessedTimeIs(-1);
-         s.errorDetectedTimeIs(7);
-       },
-       {"errorDetectedTime", "errorProcessedTime"}},
-      {"message only", [&](RsvpErrorState& s) { s.offendingMsgIs(msg); }, {"offendingMsg"}},
-      {"nothing", [](RsvpErrorState&) {}, {}},
-  };
-  for (Case const& c : cases) {
-    SCOPED_TRACE(c.name);
+  // The changes before reset(), and the notifications it gives.
+  std::tuple<char const*, std::function<void(RsvpErrorState&)>, std::vector<std::string>> const
+      cases[] = {
+          {"everything",
+           [&](RsvpErrorState& s) {
+             s.offendingMsgIs(msg);
+             s.errorProcessedTimeIs(2.5);
+             s.errorDetectedTimeIs(1.5);
+             s.errorIs(RsvpError(rsvpConfirmation, 3));
+           },
+           {"error", "errorDetectedTime", "errorProcessedTime", "offendingMsg"}},
+          {"code 0 only",
+           [](RsvpErrorState& s) { s.errorIs(RsvpError(rsvpConfirmation, 0)); },
+           {"error"}},
+          {"value only",
+           [](RsvpErrorState& s) { s.errorIs(RsvpError(rsvpErrorCodeUnknown, 1)); },
+           {"error"}},
+          {"times",
+           [](RsvpErrorState& s) {
+             s.errorProcessedTimeIs(-1);
+             s.errorDetectedTimeIs(7);
+           },
+           {"errorDetectedTime", "errorProcessedTime"}},
+          {"message only", [&](RsvpErrorState& s) { s.offendingMsgIs(msg); }, {"offendingMsg"}},
+          {"nothing", [](RsvpErrorState&) {}, {}},
+      };
+  for (auto const& [name, set, expected] : cases) {
+    SCOPED_TRACE(name);
     auto state = rsvpErrorStateFactory();
-    c.set(*state);
+    set(*state);
     TestSupport::Heard heard(state.get());
     state->reset();
-    EXPECT_EQ(heard.log, c.expected);
+    EXPECT_EQ(heard.log, expected);
     EXPECT_TRUE(isDefault(*state));
     heard.log.clear();
     state->reset();

@@ -12,6 +12,7 @@
 #include <functional>
 #include <set>
 #include <string>
+#include <utility>
 #include <vector>
 
 namespace {
@@ -103,14 +104,12 @@ TEST(Msg, OverridableFacts) {
   EXPECT_EQ(path->txMsgIdObj(), path->msgIdObj());
   EXPECT_EQ(rsvpAckMsgFactory()->txMsgIdObj().epoch(), 16777216u);
 
-  struct {
-    Kel::Ptr<RsvpMsg> msg;
-    bool alert;
-  } const alerts[] = {{rsvpPathMsgFactory(), true},     {rsvpPathTearMsgFactory(), true},
-                      {rsvpResvConfMsgFactory(), true}, {rsvpResvMsgFactory(), false},
-                      {rsvpPathErrMsgFactory(), false}, {rsvpHelloMsgFactory(), false},
-                      {rsvpSrefreshMsgFactory(), false}};
-  for (auto const& c : alerts) EXPECT_EQ(c.msg->routerAlert(), c.alert) << c.msg->msgType();
+  std::pair<Kel::Ptr<RsvpMsg>, bool> const alerts[] = {
+      {rsvpPathMsgFactory(), true},     {rsvpPathTearMsgFactory(), true},
+      {rsvpResvConfMsgFactory(), true}, {rsvpResvMsgFactory(), false},
+      {rsvpPathErrMsgFactory(), false}, {rsvpHelloMsgFactory(), false},
+      {rsvpSrefreshMsgFactory(), false}};
+  for (auto const& [msg, alert] : alerts) EXPECT_EQ(msg->routerAlert(), alert) << msg->msgType();
   auto resv = rsvpResvMsgFactory();
   resv->routerAlertOverrideIs(true);
   EXPECT_TRUE(resv->routerAlert());

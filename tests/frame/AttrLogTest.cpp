@@ -111,11 +111,7 @@ TEST(AttrLog, FlushSendsEachLoggedChangeOnce) {
   Link link;
   link.source->idsIs(spId(1));
   link.connect();
-  struct Heard : Root::NotifieeConst {
-    using NotifieeConst::NotifieeConst;
-    void onCount() override { ++count; }
-    int count = 0;
-  } heard(link.replica.get());
+  TestSupport::Heard heard(link.replica.get());
   auto const sent = [&] {  // a flush's (entity reference, attribute id), read by the replica
     link.writer.flush();
     std::string const frames = link.sink->take();
@@ -134,7 +130,7 @@ TEST(AttrLog, FlushSendsEachLoggedChangeOnce) {
   EXPECT_EQ(sent(), Records{});
   EXPECT_EQ(link.replica->count(), 1000000u);
   EXPECT_EQ(link.replica->localOnly(), 0u);
-  EXPECT_EQ(heard.count, 1);
+  EXPECT_EQ(heard.log, std::vector<std::string>{"count"});
   Kel::S32 const ids = 400;  // declared in the schema
   ASSERT_EQ(logId("ids"), ids);
   link.source->idsDel(spId(1));

@@ -7,6 +7,8 @@
 #include <cstring>
 #include <iterator>
 #include <random>
+#include <tuple>
+#include <utility>
 #include <vector>
 
 namespace {
@@ -23,15 +25,12 @@ U32 hashBytes(std::vector<U8> const& bytes) {
 // Worked out by hand from the algorithm's steps (more, fed by identifiers,
 // in IdentifiersTest).
 TEST(OneAtATime, MatchesHandComputedValues) {
-  struct {
-    char const* what;
-    std::vector<U8> bytes;
-    U32 expected;
-  } const cases[] = {{"nothing mixed", {}, 0u},
-                     {"the letter a", {0x61}, 0xca2e9442u},
-                     {"U32 65536", {0, 0, 1, 0}, 0x20e9c0b3u},
-                     {"sixteen zero bytes", std::vector<U8>(16, 0), 0u}};
-  for (auto const& c : cases) EXPECT_EQ(hashBytes(c.bytes), c.expected) << c.what;
+  std::tuple<char const*, std::vector<U8>, U32> const cases[] = {
+      {"nothing mixed", {}, 0u},
+      {"the letter a", {0x61}, 0xca2e9442u},
+      {"U32 65536", {0, 0, 1, 0}, 0x20e9c0b3u},
+      {"sixteen zero bytes", std::vector<U8>(16, 0), 0u}};
+  for (auto const& [what, bytes, expected] : cases) EXPECT_EQ(hashBytes(bytes), expected) << what;
 }
 
 // Words mix low byte first; -0.0 hashes like 0.0.
@@ -52,17 +51,15 @@ TEST(OneAtATime, WordsMixLowByteFirstAndSignedZeroLikeZero) {
 // Bits reverse both ways; with 2^b buckets the bucket is the top b bits of
 // the reversed hash.
 TEST(BitReverse, TableAndBuckets) {
-  struct {
-    U32 in, out;
-  } const cases[] = {{0u, 0u},
-                     {1u, 0x80000000u},
-                     {0x80000000u, 1u},
-                     {0xffffffffu, 0xffffffffu},
-                     {0x12345678u, 0x1e6a2c48u},
-                     {0x0000ffffu, 0xffff0000u}};
-  for (auto const& c : cases) {
-    EXPECT_EQ(Kel::bitReverse32(c.in), c.out) << std::hex << c.in;
-    EXPECT_EQ(Kel::bitReverse32(c.out), c.in) << std::hex << c.out;
+  std::pair<U32, U32> const cases[] = {{0u, 0u},
+                                       {1u, 0x80000000u},
+                                       {0x80000000u, 1u},
+                                       {0xffffffffu, 0xffffffffu},
+                                       {0x12345678u, 0x1e6a2c48u},
+                                       {0x0000ffffu, 0xffff0000u}};
+  for (auto const& [in, out] : cases) {
+    EXPECT_EQ(Kel::bitReverse32(in), out) << std::hex << in;
+    EXPECT_EQ(Kel::bitReverse32(out), in) << std::hex << out;
   }
   EXPECT_EQ(Kel::bucketOf(0xdeadbeefu, 0), 0u);
   EXPECT_EQ(Kel::bucketOf(0x1u, 1), 1u);

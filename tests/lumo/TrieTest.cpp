@@ -15,7 +15,6 @@
 #include <iterator>
 #include <map>
 #include <random>
-#include <string>
 #include <string_view>
 #include <type_traits>
 #include <utility>

@@ -14,7 +14,6 @@
 #include <algorithm>
 #include <random>
 #include <string>
-#include <string_view>
 #include <vector>
 
 namespace {

@@ -10,7 +10,6 @@
 #include "../TestSupport.h"
 
 #include <cstring>
-#include <deque>
 #include <random>
 #include <set>
 #include <string>

@@ -3,7 +3,7 @@
 // reference counts allow it, generic operations and notifications by
 // attribute name, a value through the log codec, and an entity tree whose
 // replica follows it through the attribute log and a memory sink; a
-// state-path id.
+// state-path id; names for the cases of typed suites.
 #ifndef TESTS_TESTSUPPORT_H
 #define TESTS_TESTSUPPORT_H
 
@@ -51,6 +51,14 @@ template <class T>
 std::string parseError(std::string_view text) {
   return errorOf<Kel::RangeException>([&] { (void)Kel::strepToValue<T>(text); });
 }
+
+// Names the cases of a typed suite after their parameter's kName.
+struct NamedByKName {
+  template <class T>
+  static std::string GetName(int) {
+    return std::string(T::kName);
+  }
+};
 
 // The generic operation `code` on the attribute named `attr` (or on the whole
 // value when null) of an entity or a value.

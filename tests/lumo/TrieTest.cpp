@@ -47,6 +47,22 @@ Bytes const kOnes = [] {
   return b;
 }();
 
+template <class Rng>
+Bytes randomBytes(Rng& rng) {
+  Bytes b{};
+  for (U8& x : b) x = static_cast<U8>(rng());
+  return b;
+}
+
+// The first `len` bits of `head`, then the rest of `tail`.
+Bytes spliced(Bytes const& head, Bytes const& tail, unsigned len) {
+  Bytes const keep = maskBytes(kOnes, len);
+  Bytes out{};
+  for (unsigned i = 0; i < out.size(); ++i)
+    out[i] = static_cast<U8>((head[i] & keep[i]) | (tail[i] & ~keep[i]));
+  return out;
+}
+
 template <class Trie>
 struct Family {
   static constexpr bool v6 = std::is_same_v<Trie, Lumo::Ip6Trie<U32>>;
@@ -64,17 +80,12 @@ class Gen {
 
  public:
   explicit Gen(unsigned seed) : rng_(seed) {
-    for (Bytes& b : bases_) b = randomBytes();
+    for (Bytes& b : bases_) b = randomBytes(rng_);
   }
   IpGenAddr addr() {
     Bytes const base = bases_[rng_() % bases_.size()];
-    Bytes const noise = randomBytes();
-    Bytes const keep = maskBytes(kOnes, below(F::width + 1));
-    Bytes out{};
-    for (unsigned i = 0; i < out.size(); ++i) {
-      out[i] = static_cast<U8>((base[i] & keep[i]) | (noise[i] & ~keep[i]));
-    }
-    return F::addr(out);
+    Bytes const noise = randomBytes(rng_);
+    return F::addr(spliced(base, noise, below(F::width + 1)));
   }
   // Short keys are rare, as in a routing table, but every length occurs.
   IpGenPrefix key() {
@@ -85,11 +96,6 @@ class Gen {
   unsigned below(unsigned n) { return static_cast<unsigned>(rng_() % n); }
 
  private:
-  Bytes randomBytes() {
-    Bytes b{};
-    for (U8& x : b) x = static_cast<U8>(rng_());
-    return b;
-  }
   std::mt19937 rng_;
   std::array<Bytes, 6> bases_{};
 };
@@ -240,23 +246,15 @@ TYPED_TEST(TrieModel, LongestMatchAtTheEdgesOfKeys) {
   for (unsigned const crowdedPercent : {0u, 50u}) {
     SCOPED_TRACE(crowdedPercent);
     std::mt19937_64 rng(F::width + crowdedPercent);
-    auto randomBytes = [&] {
-      Bytes b{};
-      for (U8& x : b) x = static_cast<U8>(rng());
-      return b;
-    };
     unsigned const crowdLen = F::width / 8 + 12;
-    Bytes const crowd = maskBytes(randomBytes(), crowdLen);
+    Bytes const crowd = maskBytes(randomBytes(rng), crowdLen);
     TypeParam trie;
     Model model;
     while (model.size() < 70000) {
-      Bytes b = randomBytes();
+      Bytes b = randomBytes(rng);
       unsigned len;
       if (rng() % 100 < crowdedPercent) {
-        Bytes const keep = maskBytes(kOnes, crowdLen);
-        for (unsigned i = 0; i < b.size(); ++i) {
-          b[i] = static_cast<U8>((crowd[i] & keep[i]) | (b[i] & ~keep[i]));
-        }
+        b = spliced(crowd, b, crowdLen);
         unsigned const longest = F::v6 ? 64 : 32;
         len = crowdLen + static_cast<unsigned>(rng() % (longest - crowdLen + 1));
       } else {

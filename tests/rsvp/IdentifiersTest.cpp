@@ -121,14 +121,7 @@ struct NeighborIdDedup {
 template <class T>
 class DedupedId : public testing::Test {};
 using DedupTraits = testing::Types<SessionIdDedup, PathIdDedup, NeighborIdDedup>;
-class DedupName {
- public:
-  template <class T>
-  static std::string GetName(int) {
-    return T::kName;
-  }
-};
-TYPED_TEST_SUITE(DedupedId, DedupTraits, DedupName);
+TYPED_TEST_SUITE(DedupedId, DedupTraits, TestSupport::NamedByKName);
 
 // Equal ids dedup to one linked handle, by value or by attributes, and
 // distinct ids (some hashing alike) to distinct handles, which leave the

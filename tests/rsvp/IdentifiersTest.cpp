@@ -184,13 +184,8 @@ TYPED_TEST(DedupedId, RoundTrips) {
     if (back.handle()) {
       EXPECT_EQ(back.handle()->dedupState(), Orv::DedupHandle::DedupState::detached);
     }
-    std::string bytes;
-    Kel::LogOut out(bytes);
-    T::desc().ops()->logWrite(out, &v);
-    Kel::LogIn in(bytes);
     typename T::Deduped logged;
-    T::desc().ops()->logRead(in, &logged);
-    EXPECT_TRUE(in.atEnd());
+    TestSupport::logCopy(T::desc(), &v, &logged);
     EXPECT_EQ(logged, v);
     EXPECT_EQ(logged.stringValue(), v.stringValue());
   }

@@ -317,12 +317,10 @@ TEST(Lifetime, NotifieeAddedDuringDispatchHearsTheNextChange) {
   auto root = Sample::rootFactory("root");
   Recorder late;
   struct Adder : Root::NotifieeConst {
-    using NotifieeConst::NotifieeConst;
+    Adder(Root* r, Recorder* l) : NotifieeConst(r), late(l) {}
     void onCount() override { late->notifierIs(notifier()); }
-    Recorder* late = nullptr;
-  };
-  Adder adder(root.get());
-  adder.late = &late;
+    Recorder* late;
+  } adder(root.get(), &late);
   root->countIs(1);
   EXPECT_EQ(late.log, Log{});
   root->countIs(2);

@@ -175,9 +175,7 @@ void runTableModel(TableCase const& c) {
           if (!(other == key) && table.erase(other)) model.erase(other);
         }
         inserted = table.insertHashed(place, rh, key, value);
-        if (found && op % 4 == 3) {
-          ASSERT_EQ(inserted.first, found);
-        }
+        if (found && op % 4 == 3) ASSERT_EQ(inserted.first, found);
       }
       auto const [stored, added] = inserted;
       auto const [it, modelAdded] = model.try_emplace(key, Stored{value, stamp++});

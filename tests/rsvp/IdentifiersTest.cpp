@@ -68,9 +68,7 @@ TEST(IdentifierProperties, RandomRoundTripsAndStrictOrder) {
     ASSERT_EQ(a.hash(), unremembered(a));
     ASSERT_EQ(a.hash(), unremembered(a));
     ASSERT_EQ(b.hash(), unremembered(b));
-    if (a == b) {
-      ASSERT_EQ(a.hash(), b.hash());
-    }
+    if (a == b) ASSERT_EQ(a.hash(), b.hash());
   }
 }
 

@@ -803,8 +803,7 @@ TEST(AttrLog, FdSinkBacklogKeepsEveryByteInOrder) {
   ASSERT_EQ(::socketpair(AF_UNIX, SOCK_STREAM | SOCK_NONBLOCK, 0, fds), 0);
   std::mt19937 rng(7);
   Kel::FdSink sink(fds[0]);
-  std::string sent;
-  std::string received;
+  std::string sent, received;
   auto drain = [&](std::size_t most) {
     char buf[65536];
     while (most != 0) {

@@ -250,8 +250,7 @@ TEST(Lifetime, NotifieeLeavesOrDiesDuringItsCallback) {
   };
   for (bool const dies : {false, true}) {
     auto root = Sample::rootFactory("root");
-    int calls = 0;
-    int otherCalls = 0;
+    int calls = 0, otherCalls = 0;
     auto* going = new Going(root.get(), dies, &calls, nullptr);
     going->other = new Going(root.get(), dies, &otherCalls, nullptr);  // joins after it
     Recorder last(root.get());

@@ -435,8 +435,7 @@ TEST(Assignment, EveryFormOnEveryAttributeKindFailsCleanly) {
   for (Kel::TypeDesc const* t : allTypes()) {
     if (t->kind() == Kel::TypeKind::entity && t->create()) types.push_back(t);
   }
-  std::size_t applied = 0;
-  std::size_t refused = 0;
+  std::size_t applied = 0, refused = 0;
   for (Kel::TypeDesc const* t : types) {
     std::string const nameOrKey = t->keyAttr() ? defaultText(t->attr(t->keyAttr())->type) : "e";
     Kel::Ptr<Kel::Entity> const e = t->create()(nameOrKey);

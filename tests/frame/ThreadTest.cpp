@@ -55,8 +55,7 @@ TEST(Threads, WritersOfTwoTreesRaceOnASharedEntity) {
       link.writer.subscriberDel(link.sink);
     }
   };
-  std::vector<Kel::U32> a;
-  std::vector<Kel::U32> b;
+  std::vector<Kel::U32> a, b;
   TestSupport::inThreads(2, [&](unsigned t) { publish(t == 0 ? &a : &b); });
   EXPECT_EQ(a, std::vector<Kel::U32>(rounds, 9));
   EXPECT_EQ(b, a);
@@ -138,9 +137,8 @@ TEST(DedupThreads, ConcurrentDedupsAndReleasesOfOneTable) {
       auto const draw = [&](std::mt19937& rng, std::vector<Handle> const& held) {
         U32 const value = rng() % 12;
         Handle const got = table.dedup(Handle(new ValueHandle(value, rng() % 4 == 0)));
-        for (auto const& h : held) {
+        for (auto const& h : held)
           if (h->value() == value && h != got) ++wrong;
-        }
         if (got->value() != value) ++wrong;
         return got;
       };

@@ -41,8 +41,7 @@ TEST(OneAtATime, WordsMixLowByteFirstAndSignedZeroLikeZero) {
   words.addU64(0x0708090a0b0c0d0eull);
   EXPECT_EQ(words.finish(), hashBytes({0x02, 0x01, 0x06, 0x05, 0x04, 0x03, 0x0e, 0x0d, 0x0c, 0x0b,
                                        0x0a, 0x09, 0x08, 0x07}));
-  Kel::OneAtATime a;
-  Kel::OneAtATime b;
+  Kel::OneAtATime a, b;
   a.addF64(0.0);
   b.addF64(-0.0);
   EXPECT_EQ(a.finish(), b.finish());
@@ -95,8 +94,7 @@ TEST(HashMemo, ComputesOnlyForAKeyUnlikeTheLast) {
                       make(0, 0, 0xff)};
   Kel::HashMemo<Key> memo;
   std::mt19937 rng(7);
-  int computed = 0;
-  int expected = 0;
+  int computed = 0, expected = 0;
   Key const* previous = nullptr;
   for (int i = 0; i < 2000; ++i) {
     Key const& k = pool[rng() % std::size(pool)];

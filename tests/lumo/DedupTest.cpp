@@ -91,8 +91,7 @@ TEST_P(Dedup, AgreesWithAModel) {
   std::mt19937 rng(GetParam() ? 2 : 1);
   std::map<U32, U64> live;
   std::vector<Kel::Ptr<IdHandle>> holders;
-  U64 const madeBefore = IdHandle::made;
-  U64 const destroyedBefore = IdHandle::destroyed;
+  U64 const madeBefore = IdHandle::made, destroyedBefore = IdHandle::destroyed;
   for (int op = 0; op < 20000; ++op) {
     if (rng() % 2 || holders.empty()) {
       U32 const v = rng() % 40;

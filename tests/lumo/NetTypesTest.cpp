@@ -100,8 +100,7 @@ TYPED_TEST_SUITE(ValueType, AllTypes);
 TYPED_TEST(ValueType, RandomValuesRoundTripAndOrderLikeTheWire) {
   Gen gen;
   for (int i = 0; i < 1000; ++i) {
-    TypeParam a;
-    TypeParam b;
+    TypeParam a, b;
     gen.make(&a);
     String const text = Kel::valueToStrep(a);
     ASSERT_TRUE(Kel::strepToValue<TypeParam>(text) == a) << text;

@@ -81,8 +81,7 @@ TEST(Digest, SizeAndSetToZeroTouchExactly16Bytes) {
   EXPECT_EQ(buf[0], 0xAA);
   EXPECT_EQ(buf[17], 0xAA);
   for (int i = 1; i <= 16; ++i) EXPECT_EQ(buf[i], 0) << i;
-  Kel::U8 in[16];
-  Kel::U8 out[16];
+  Kel::U8 in[16], out[16];
   for (int i = 0; i < 16; ++i) in[i] = static_cast<Kel::U8>(i * 7);
   d.copyFrom(in);
   d.copyTo(out);
@@ -114,8 +113,7 @@ TEST(Digest, SameBytesAsTheOneShotHmac) {
     ASSERT_EQ(std::vector<Kel::U8>(ours, ours + 16), std::vector<Kel::U8>(theirs, theirs + len))
         << key.size() << " " << data.size();
   }
-  Kel::U8 a[16];
-  Kel::U8 b[16];
+  Kel::U8 a[16], b[16];
   RsvpIntegrityMessageDigest(Cli::md5, a).calculate(a, 0, nullptr);
   RsvpIntegrityMessageDigest(Cli::md5, b).calculate(b, 0, "");
   EXPECT_EQ(std::memcmp(a, b, 16), 0) << "a null key is the empty key";

@@ -60,12 +60,13 @@ TEST(BitReverse, TableAndBuckets) {
     EXPECT_EQ(Kel::bitReverse32(in), out) << std::hex << in;
     EXPECT_EQ(Kel::bitReverse32(out), in) << std::hex << out;
   }
-  EXPECT_EQ(Kel::bucketOf(0xdeadbeefu, 0), 0u);
-  EXPECT_EQ(Kel::bucketOf(0x1u, 1), 1u);
-  EXPECT_EQ(Kel::bucketOf(0x2u, 1), 0u);
-  EXPECT_EQ(Kel::bucketOf(0x1u, 4), 8u);  // bit 0 becomes the bucket's top bit
-  EXPECT_EQ(Kel::bucketOf(0x6u, 4), 6u);  // 0110 reversed is 0110
-  EXPECT_EQ(Kel::bucketOf(0xfffffffeu, 32), 0x7fffffffu);
+  // Hash, bits and bucket: bit 0 becomes the bucket's top bit, 0110 reversed is 0110.
+  std::tuple<U32, unsigned, U32> const buckets[] = {
+      {0xdeadbeefu, 0, 0u}, {0x1u, 1, 1u}, {0x2u, 1, 0u},
+      {0x1u, 4, 8u},        {0x6u, 4, 6u}, {0xfffffffeu, 32, 0x7fffffffu}};
+  for (auto const& [hash, bits, bucket] : buckets) {
+    EXPECT_EQ(Kel::bucketOf(hash, bits), bucket) << std::hex << hash << " " << bits;
+  }
 }
 
 // A memo answers every key with its own hash, and computes only when the

@@ -29,11 +29,6 @@ String const kLabelRange =
 auto const errorOf = [](auto&& f) { return TestSupport::errorOf<Kel::RangeException>(f); };
 
 template <class T>
-std::string_view shortName() {
-  return kelShortName(static_cast<T const*>(nullptr));
-}
-
-template <class T>
 std::size_t wireSizeOf(T const& v) {
   if constexpr (requires { v.wireSize(); }) {
     return v.wireSize();
@@ -115,7 +110,8 @@ TYPED_TEST(ValueType, RandomValuesRoundTripAndOrderLikeTheWire) {
     for (std::size_t n = 0; i < 300 && n < wireSizeOf(a); ++n) {
       Bytes const cut(wire.begin(), wire.begin() + static_cast<std::ptrdiff_t>(n));
       String const error = errorOf([&] { (void)TypeParam::fromNetwork(cut.data(), n); });
-      ASSERT_EQ(error.rfind("Truncated " + String(shortName<TypeParam>()) + ": ", 0), 0u) << error;
+      String const type(kelShortName(static_cast<TypeParam const*>(nullptr)));
+      ASSERT_EQ(error.rfind("Truncated " + type + ": ", 0), 0u) << error;
     }
 
     if (gen.below(4) == 0) {

@@ -82,31 +82,25 @@ struct Leaf {
   RsvpHistoryEntryType type;
 };
 
-Lumo::IpGenAddr addr(char const* text) { return Kel::strepToValue<Lumo::IpGenAddr>(text); }
-
-std::vector<Leaf> const& leaves() {
-  static std::vector<Leaf> const all = {
+// Each leaf is made with its timestamp, fixes its type, and refuses a
+// generic write to either with the exact text.
+TEST(HistoryEntry, EachLeafFixesItsTypeAndRefusesAWriteToIt) {
+  Leaf const leaves[] = {
       {"RsvpSessionCreationHistoryEntry",
        [](Kel::Seconds t) { return rsvpSessionCreationHistoryEntryFactory(t); },
        rsvpSessionCreationHistoryEntry},
       {"RsvpSpFrrAvailableHistoryEntry",
        [](Kel::Seconds t) {
-         return rsvpSpFrrAvailableHistoryEntryFactory(t, true, addr("10.0.0.9"), true);
+         return rsvpSpFrrAvailableHistoryEntryFactory(t, true, Lumo::IpGenAddr("10.0.0.9"), true);
        },
        rsvpSpFrrAvailableHistoryEntry},
       {"RsvpSpDsFrrInUseHistoryEntry",
        [](Kel::Seconds t) {
-         return rsvpSpDsFrrInUseHistoryEntryFactory(t, true, addr("2001:db8::1"), false);
+         return rsvpSpDsFrrInUseHistoryEntryFactory(t, true, Lumo::IpGenAddr("2001:db8::1"), false);
        },
        rsvpSpDsFrrInUseHistoryEntry},
   };
-  return all;
-}
-
-// Each leaf is made with its timestamp, fixes its type, and refuses a
-// generic write to either with the exact text.
-TEST(HistoryEntry, EachLeafFixesItsTypeAndRefusesAWriteToIt) {
-  for (Leaf const& leaf : leaves()) {
+  for (Leaf const& leaf : leaves) {
     SCOPED_TRACE(leaf.name);
     auto entry = leaf.make(12.25);
     EXPECT_EQ(entry->fwkType().name(), std::string("Rsvp::") + leaf.name);

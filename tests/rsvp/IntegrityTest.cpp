@@ -20,8 +20,6 @@ namespace {
 using namespace Rsvp;
 using Lumo::IpGenAddr;
 
-RsvpNeighborId neighborId(char const* ip) { return RsvpNeighborId(IpGenAddr(ip)); }
-
 RsvpSecAssociationKey saKey(Kel::U64 keyId) {
   RsvpIntegrityKeyId id;
   id.handleInitialized(keyId);
@@ -32,7 +30,7 @@ RsvpSecAssociationKey saKey(Kel::U64 keyId) {
 // notify only when an increment changes them.
 TEST(Neighbor, CountersWrapAndNotifyOnlyOnChange) {
   auto const table = rsvpNeighborStateCollFactory("neighbors");
-  auto const n = table->neighborStateIs(neighborId("10.0.0.2"));
+  auto const n = table->neighborStateIs(RsvpNeighborId(IpGenAddr("10.0.0.2")));
   auto const shared = table->sharedStateIs();
   n->sharedStateIs(shared);
   TestSupport::Heard heard(n.get(), shared.get());

@@ -20,13 +20,11 @@ namespace {
 using namespace Rsvp;
 using Lumo::IpGenAddr;
 
-RsvpSessionObj session() { return RsvpSessionObj(IpGenAddr("10.0.0.2"), 7, IpGenAddr("10.0.0.1")); }
-
 Kel::Ptr<RsvpPathMsg> fullPath() {
   auto m = rsvpPathMsgFactory();
   m->srcIpIs(IpGenAddr("10.1.0.1"));
   m->neighborIpIs(IpGenAddr("10.1.0.1"));
-  m->sessionObjIs(session());
+  m->sessionObjIs(RsvpSessionObj(IpGenAddr("10.0.0.2"), 7, IpGenAddr("10.0.0.1")));
   m->hopObjIs(RsvpHopObj(IpGenAddr("10.1.0.1"), 4));
   m->timeValuesObjIs(RsvpTimeValuesObj(30000));
   m->senderTemplateObjIs(RsvpSenderTemplateObj(IpGenAddr("10.0.0.1"), 3));

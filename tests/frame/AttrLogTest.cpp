@@ -827,7 +827,9 @@ TEST(AttrLog, FdSinkBacklogKeepsEveryByteInOrder) {
       ASSERT_TRUE(sink.write(bytes));
     }
     if (rng() % 3 == 0) drain(rng() % (2u << 20));
-    if (rng() % 5 == 0) ASSERT_TRUE(sink.flush());
+    if (rng() % 5 == 0) {
+      ASSERT_TRUE(sink.flush());
+    }
     // The rest of what was sent sits in the socket's buffer.
     ASSERT_LE(received.size() + sink.backlog(), sent.size());
     ASSERT_EQ(sink.pending(), sink.backlog() != 0);

@@ -38,7 +38,9 @@ TEST(Descriptors, EveryTypeNumbersItsAttributesInOrder) {
     EXPECT_LT(previous, t->name()) << "the registry is sorted";
     previous = t->name();
     EXPECT_EQ(typeByName(t->name()), t);
-    if (t->kind() == Kel::TypeKind::entity) EXPECT_NE(t->logStateAdapter(), nullptr) << t->name();
+    if (t->kind() == Kel::TypeKind::entity) {
+      EXPECT_NE(t->logStateAdapter(), nullptr) << t->name();
+    }
     Kel::U32 expected = t->kind() == Kel::TypeKind::entity ? 258 : 2;
     std::vector<std::string_view> names;
     t->forEachAttr([&](Kel::KelAttr const& a) {

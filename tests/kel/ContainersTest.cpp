@@ -175,7 +175,9 @@ void runTableModel(TableCase const& c) {
           if (!(other == key) && table.erase(other)) model.erase(other);
         }
         inserted = table.insertHashed(place, rh, key, value);
-        if (found && op % 4 == 3) ASSERT_EQ(inserted.first, found);
+        if (found && op % 4 == 3) {
+          ASSERT_EQ(inserted.first, found);
+        }
       }
       auto const [stored, added] = inserted;
       auto const [it, modelAdded] = model.try_emplace(key, Stored{value, stamp++});
@@ -634,7 +636,9 @@ TEST(Ptr, ConversionsAndCopiesShareOneCount) {
   for (auto const& [what, act, references] : steps) {
     act(h);
     EXPECT_EQ(destroyed, references == 0 ? 1 : 0) << what;
-    if (destroyed == 0) EXPECT_EQ(object->references(), references) << what;
+    if (destroyed == 0) {
+      EXPECT_EQ(object->references(), references) << what;
+    }
   }
   h = Holders{};
   EXPECT_EQ(destroyed, 1) << "destroyed exactly once";

@@ -120,7 +120,9 @@ TYPED_TEST(ValueType, RandomValuesRoundTripAndOrderLikeTheWire) {
       gen.make(&b);
     }
     ASSERT_EQ((a < b) + (b < a) + (a == b), 1);
-    if (a == b) ASSERT_EQ(a.hash(), b.hash());
+    if (a == b) {
+      ASSERT_EQ(a.hash(), b.hash());
+    }
     if constexpr (std::is_same_v<TypeParam, Lumo::IntfId>) {
       ASSERT_EQ(a < b, a.name() < b.name()) << a << " " << b;
     } else {

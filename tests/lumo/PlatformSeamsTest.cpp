@@ -99,7 +99,9 @@ TEST(PlatformSeams, OrderHashAndLogFollowATupleModel) {
     for (PathKey const& b : {keys[rng() % keys.size()], a}) {
       bool const modelEqual = keyTuple(a) == keyTuple(b);
       EXPECT_EQ(a == b, modelEqual);
-      if (modelEqual) EXPECT_EQ(a.hash(), b.hash());
+      if (modelEqual) {
+        EXPECT_EQ(a.hash(), b.hash());
+      }
       EXPECT_FALSE(a < b && b < a);
       EXPECT_EQ(!(a < b) && !(b < a), modelEqual);
     }
@@ -113,7 +115,9 @@ TEST(PlatformSeams, OrderHashAndLogFollowATupleModel) {
     BwPriority const b = prios[rng() % prios.size()];
     EXPECT_EQ(a < b, std::make_pair(a.setup(), a.hold()) < std::make_pair(b.setup(), b.hold()));
     EXPECT_EQ(a == b, a.setup() == b.setup() && a.hold() == b.hold());
-    if (a == b) EXPECT_EQ(a.hash(), b.hash());
+    if (a == b) {
+      EXPECT_EQ(a.hash(), b.hash());
+    }
   }
   for (Kel::U64 id : {Kel::U64{0}, Kel::U64{1} << 40 | 9, ~Kel::U64{0}}) {
     EXPECT_EQ(TestSupport::logRoundTrip(LfibViaSetKey(id)).id(), id);

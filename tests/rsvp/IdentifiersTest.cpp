@@ -68,7 +68,9 @@ TEST(IdentifierProperties, RandomRoundTripsAndStrictOrder) {
     ASSERT_EQ(a.hash(), unremembered(a));
     ASSERT_EQ(a.hash(), unremembered(a));
     ASSERT_EQ(b.hash(), unremembered(b));
-    if (a == b) ASSERT_EQ(a.hash(), b.hash());
+    if (a == b) {
+      ASSERT_EQ(a.hash(), b.hash());
+    }
   }
 }
 

@@ -137,8 +137,9 @@ TEST(DedupThreads, ConcurrentDedupsAndReleasesOfOneTable) {
       auto const draw = [&](std::mt19937& rng, std::vector<Handle> const& held) {
         U32 const value = rng() % 12;
         Handle const got = table.dedup(Handle(new ValueHandle(value, rng() % 4 == 0)));
-        for (auto const& h : held)
+        for (auto const& h : held) {
           if (h->value() == value && h != got) ++wrong;
+        }
         if (got->value() != value) ++wrong;
         return got;
       };

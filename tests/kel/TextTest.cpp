@@ -76,10 +76,7 @@ TEST(ParseErrors, ExactTexts) {
       {parseError<F64>, "nan(" + xs + ")", "Invalid F64 'nan(xxxxxxxxxxxxxxxxxxxx...'"},
   };
   for (auto const& [parse, text, want] : cases) EXPECT_EQ(parse(text), want) << text.substr(0, 40);
-  EXPECT_EQ(excerpt(String("a\x01"
-                           "b\x7f\xff",
-                           5)),
-            "a?b??");
+  EXPECT_EQ(excerpt(String("a\1b\x7f\xff", 5)), "a?b??");
   EXPECT_EQ(excerpt(String(24, 'z')), String(24, 'z'));
 }
 

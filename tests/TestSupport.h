@@ -1,9 +1,9 @@
 // Helpers that several suites share: the text of the exception a call
 // raises, the trace lines written meanwhile, threads that run at once where
 // reference counts allow it, generic operations and notifications by
-// attribute name, a value through the log codec, and an entity tree whose
-// replica follows it through the attribute log and a memory sink; a
-// state-path id.
+// attribute name, a value through the log codec (typed or generic), and an
+// entity tree whose replica follows it through the attribute log and a
+// memory sink; a state-path id; names for the cases of typed suites.
 #ifndef TESTS_TESTSUPPORT_H
 #define TESTS_TESTSUPPORT_H
 
@@ -51,6 +51,14 @@ template <class T>
 std::string parseError(std::string_view text) {
   return errorOf<Kel::RangeException>([&] { (void)Kel::strepToValue<T>(text); });
 }
+
+// Names the cases of a typed suite after their parameter's kName.
+struct NamedByKName {
+  template <class T>
+  static std::string GetName(int) {
+    return std::string(T::kName);
+  }
+};
 
 // The generic operation `code` on the attribute named `attr` (or on the whole
 // value when null) of an entity or a value.
@@ -103,6 +111,17 @@ T logRoundTrip(T const& v) {
   kelLogRead(in, &back);
   EXPECT_TRUE(in.atEnd());
   return back;
+}
+
+// The value at `from` written by the log methods of `type` and read back
+// into `to`, which must take every byte.
+inline void logCopy(Kel::TypeDesc const& type, void const* from, void* to) {
+  Kel::String bytes;
+  Kel::LogOut out(bytes);
+  type.ops()->logWrite(out, from);
+  Kel::LogIn in(bytes);
+  type.ops()->logRead(in, to);
+  EXPECT_TRUE(in.atEnd()) << type.name();
 }
 
 // Runs f(0) .. f(n - 1) on n threads at once where reference counts are

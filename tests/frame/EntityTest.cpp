@@ -9,6 +9,7 @@
 #include "../TestSupport.h"
 
 #include <string>
+#include <tuple>
 #include <vector>
 
 namespace {
@@ -35,11 +36,8 @@ using Log = std::vector<std::string>;
 // against a model are IdentifierSetsTest's; the queue's numbering against a
 // model is ContainersTest's.)
 TEST(Notification, OncePerChangeAndNeverForNoChange) {
-  struct {
-    char const* what;
-    void (*act)(Root&);
-    Log heard;
-  } const cases[] = {
+  std::tuple<char const*, void (*)(Root&), Log> const cases[] = {
+      // what, act, heard
       {"plain attributes",
        [](Root& r) {
          r.countIs(0);
@@ -116,11 +114,11 @@ TEST(Notification, OncePerChangeAndNeverForNoChange) {
        },
        {"events[0]", "events[0]"}},
   };
-  for (auto const& c : cases) {
+  for (auto const& [what, act, log] : cases) {
     auto root = Sample::rootFactory("root");
     TestSupport::Heard heard(root.get());
-    c.act(*root);
-    EXPECT_EQ(heard.log, c.heard) << c.what;
+    act(*root);
+    EXPECT_EQ(heard.log, log) << what;
   }
 }
 
@@ -234,7 +232,8 @@ TEST(Errors, RangeCheckedSetterLeavesValueAndNotifiesNobody) {
 // later one with it: that one is not called, the last still hears.
 TEST(Lifetime, NotifieeLeavesOrDiesDuringItsCallback) {
   struct Going : Root::NotifieeConst {
-    using NotifieeConst::NotifieeConst;
+    Going(Root* r, bool d, int* c, Root::NotifieeConst* o)
+        : NotifieeConst(r), dies(d), calls(c), other(o) {}
     void onCount() override {
       ++*calls;
       if (dies) {
@@ -245,20 +244,15 @@ TEST(Lifetime, NotifieeLeavesOrDiesDuringItsCallback) {
         notifierIs(nullptr);
       }
     }
-    bool dies = false;
-    int* calls = nullptr;
-    Root::NotifieeConst* other = nullptr;
+    bool dies;
+    int* calls;
+    Root::NotifieeConst* other;
   };
   for (bool const dies : {false, true}) {
     auto root = Sample::rootFactory("root");
-    int calls = 0;
-    int otherCalls = 0;
-    auto* going = new Going(root.get());
-    auto* other = new Going(root.get());
-    going->dies = other->dies = dies;
-    going->calls = &calls;
-    other->calls = &otherCalls;
-    going->other = other;
+    int calls = 0, otherCalls = 0;
+    auto* going = new Going(root.get(), dies, &calls, nullptr);
+    going->other = new Going(root.get(), dies, &otherCalls, nullptr);  // joins after it
     Recorder last(root.get());
     root->countIs(1);
     root->countIs(2);
@@ -267,7 +261,7 @@ TEST(Lifetime, NotifieeLeavesOrDiesDuringItsCallback) {
     EXPECT_EQ(last.log, (Log{"count", "count"}));
     EXPECT_EQ(root->notifieeList().size(), 1u);
     if (!dies) {
-      delete other;
+      delete going->other;
       delete going;
     }
   }
@@ -322,12 +316,10 @@ TEST(Lifetime, NotifieeAddedDuringDispatchHearsTheNextChange) {
   auto root = Sample::rootFactory("root");
   Recorder late;
   struct Adder : Root::NotifieeConst {
-    using NotifieeConst::NotifieeConst;
+    Adder(Root* r, Recorder* l) : NotifieeConst(r), late(l) {}
     void onCount() override { late->notifierIs(notifier()); }
-    Recorder* late = nullptr;
-  };
-  Adder adder(root.get());
-  adder.late = &late;
+    Recorder* late;
+  } adder(root.get(), &late);
   root->countIs(1);
   EXPECT_EQ(late.log, Log{});
   root->countIs(2);

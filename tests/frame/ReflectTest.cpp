@@ -13,6 +13,9 @@
 #include <map>
 #include <random>
 #include <sstream>
+#include <string>
+#include <tuple>
+#include <utility>
 #include <vector>
 
 namespace {
@@ -103,21 +106,17 @@ TEST(GenericOp, WritesCheckLikeTheSetters) {
 // has none.
 TEST(GenericOp, WholeValueOperations) {
   RsvpTunnelId const seven(7), eight(8), none;
-  struct {
-    RsvpTunnelId value;
-    Kel::U32 op;
-    RsvpTunnelId arg;
-    bool expected;
-  } const cases[] = {
+  std::tuple<RsvpTunnelId, Kel::U32, RsvpTunnelId, bool> const cases[] = {
+      // value, op, arg, answer
       {none, Kel::valueOpIsNull, none, true},  {seven, Kel::valueOpIsNull, none, false},
       {seven, Kel::valueOpEqual, seven, true}, {seven, Kel::valueOpEqual, eight, false},
       {seven, Kel::valueOpLess, eight, true},  {eight, Kel::valueOpLess, seven, false},
   };
-  for (auto const& c : cases) {
-    bool result = !c.expected;
-    RsvpTunnelId v = c.value;
-    EXPECT_EQ(RsvpTunnelId::kelType.attributeOp(&result, &v, nullptr, c.op, &c.arg), 0);
-    EXPECT_EQ(result, c.expected) << c.op;
+  for (auto const& [value, op, arg, expected] : cases) {
+    bool result = !expected;
+    RsvpTunnelId v = value;
+    EXPECT_EQ(RsvpTunnelId::kelType.attributeOp(&result, &v, nullptr, op, &arg), 0);
+    EXPECT_EQ(result, expected) << op;
   }
   bool result = false;
   RsvpTunnelId v;
@@ -345,11 +344,8 @@ std::map<std::string, std::string> readBack(std::string const& text) {
 // effect under `path`.
 TEST(Assignment, EachFormReachesTheTypedMutator) {
   std::string const sp = spId(2).stringValue();
-  struct {
-    std::string assignment;
-    std::string path;
-    std::string value;
-  } const cases[] = {
+  std::tuple<std::string, std::string, std::string> const cases[] = {
+      // assignment, path, value
       {"count=3", "root/count", "3"},
       {"label=\"a=b[c\"", "root/label", "\"a=b[c\""},
       {"style=resvStyleFf", "root/style", "resvStyleFf"},
@@ -362,12 +358,12 @@ TEST(Assignment, EachFormReachesTheTypedMutator) {
        valueToStrep(Sample::Point(5, 6))},
       {"extra=true", "root/extra", "true"},
   };
-  for (auto const& c : cases) {
+  for (auto const& [assignment, path, value] : cases) {
     auto special = Sample::specialFactory("root");
-    Kel::applyAssignment(*special, c.assignment);
+    Kel::applyAssignment(*special, assignment);
     auto const lines = readBack(Kel::browseText(*special));
-    ASSERT_TRUE(lines.count(c.path)) << c.assignment;
-    EXPECT_EQ(lines.at(c.path), c.value) << c.assignment;
+    ASSERT_TRUE(lines.count(path)) << assignment;
+    EXPECT_EQ(lines.at(path), value) << assignment;
   }
 }
 
@@ -378,10 +374,8 @@ TEST(Assignment, RefusedFormsRaiseTheExactTextAndChangeNothing) {
   std::string const forms = "; expected attr=value, attr[key], attr[key]=value or attr+=value";
   std::string const on = "Rsvp::Sample::Root::";
   std::string const ones(10'000'000, '1');
-  struct {
-    std::string assignment;
-    std::string error;
-  } const cases[] = {
+  std::pair<std::string, std::string> const cases[] = {
+      // assignment, error
       {"count", bad + "count'" + forms},
       {"no\nthing=1", bad + "no?thing=1'" + forms},
       {"x" + ones, bad + "x11111111111111111111111...'" + forms},
@@ -419,14 +413,14 @@ TEST(Assignment, RefusedFormsRaiseTheExactTextAndChangeNothing) {
   Kel::applyAssignment(*special, "count=5");
   special->idsIs(spId(1));
   std::string const before = Kel::browseText(*special);
-  for (auto const& c : cases) {
+  for (auto const& [assignment, error] : cases) {
     try {
-      Kel::applyAssignment(*special, c.assignment);
-      ADD_FAILURE() << c.assignment << " was applied";
+      Kel::applyAssignment(*special, assignment);
+      ADD_FAILURE() << assignment << " was applied";
     } catch (std::exception const& e) {
-      EXPECT_EQ(e.what(), c.error) << c.assignment.substr(0, 40);
+      EXPECT_EQ(e.what(), error) << assignment.substr(0, 40);
     }
-    EXPECT_EQ(Kel::browseText(*special), before) << c.assignment.substr(0, 40);
+    EXPECT_EQ(Kel::browseText(*special), before) << assignment.substr(0, 40);
   }
 }
 
@@ -443,8 +437,7 @@ TEST(Assignment, EveryFormOnEveryAttributeKindFailsCleanly) {
   for (Kel::TypeDesc const* t : allTypes()) {
     if (t->kind() == Kel::TypeKind::entity && t->create()) types.push_back(t);
   }
-  std::size_t applied = 0;
-  std::size_t refused = 0;
+  std::size_t applied = 0, refused = 0;
   for (Kel::TypeDesc const* t : types) {
     std::string const nameOrKey = t->keyAttr() ? defaultText(t->attr(t->keyAttr())->type) : "e";
     Kel::Ptr<Kel::Entity> const e = t->create()(nameOrKey);

@@ -8,7 +8,6 @@
 #include <Rsvp/FrameTestModel.h>
 #include <Rsvp/Rsvp.h>
 
-#include <Kel/AttrLog.h>
 #include <Kel/Hash.h>
 #include <Orv/DedupHashTable.h>
 #include <Rsvp/RsvpIdDedup.h>
@@ -43,28 +42,20 @@ TEST(Threads, WritersOfTwoTreesRaceOnASharedEntity) {
 
   constexpr int rounds = 1000;
   auto publish = [&shared](std::vector<Kel::U32>* seen) {
-    Kel::Ptr<Root> const source = Sample::rootFactory("root");
-    Kel::Ptr<Root> const replica = Sample::rootFactory("root");
-    Kel::LogWriter writer(*source);
-    Kel::LogReader reader(*replica);
+    TestSupport::LogLink<Root> link(Sample::rootFactory("root"), Sample::rootFactory("root"));
     for (int round = 0; round < rounds; ++round) {
-      auto sink = std::make_unique<Kel::MemorySink>();
-      Kel::MemorySink* const out = sink.get();
-      reader.reset();
-      writer.subscriberNew(std::move(sink));
+      link.connect();
       for (Kel::U32 i = 0; i < 5; ++i) {  // ends referring to it
-        source->sharedIs(i % 2 ? nullptr : shared);
-        source->countIs(i);
-        writer.flush();
-        reader.bytesIs(out->take());
+        link.source->sharedIs(i % 2 ? nullptr : shared);
+        link.source->countIs(i);
+        link.sync();
       }
-      Kel::Ptr<Leaf const> const copy = replica->shared();
+      Kel::Ptr<Leaf const> const copy = link.replica->shared();
       seen->push_back(copy ? copy->weight() + copy->next()->id() : 0);
-      writer.subscriberDel(out);
+      link.writer.subscriberDel(link.sink);
     }
   };
-  std::vector<Kel::U32> a;
-  std::vector<Kel::U32> b;
+  std::vector<Kel::U32> a, b;
   TestSupport::inThreads(2, [&](unsigned t) { publish(t == 0 ? &a : &b); });
   EXPECT_EQ(a, std::vector<Kel::U32>(rounds, 9));
   EXPECT_EQ(b, a);

@@ -17,6 +17,8 @@
 #include <ostream>
 #include <random>
 #include <string>
+#include <tuple>
+#include <type_traits>
 #include <utility>
 #include <vector>
 
@@ -65,12 +67,14 @@ using HighBitsKey = ChosenHashKey<hashHighBits>;
 using LowOnesKey = ChosenHashKey<hashLowOnes>;
 using ExtremesKey = ChosenHashKey<hashExtremes>;
 
-U32 keyNumber(U32 k) { return k; }
-template <U32 (*H)(U32)>
-U32 keyNumber(ChosenHashKey<H> const& k) {
-  return k.v;
+template <class K>
+U32 keyNumber(K const& k) {
+  if constexpr (std::is_same_v<K, U32>) {
+    return k;
+  } else {
+    return k.v;
+  }
 }
-U32 keyNumber(NamedKey const& k) { return k.v; }
 
 template <class K>
 U32 reversedHash(K const& k) {
@@ -191,10 +195,9 @@ void runTableModel(TableCase const& c) {
       K const key = pick();
       int const* found = table.find(key);
       auto const it = model.find(key);
-      ASSERT_EQ(found != nullptr, it != model.end()) << "find of " << keyNumber(key);
-      if (found) {
-        ASSERT_EQ(*found, it->second.value);
-      }
+      ASSERT_EQ(found ? std::optional(*found) : std::nullopt,
+                it == model.end() ? std::nullopt : std::optional(it->second.value))
+          << "find of " << keyNumber(key);
     }
     ASSERT_NO_FATAL_FAILURE(expectAgrees(table, model, policyBuckets(peak, allocated)));
     if (step % 64 == 0 || step + 1 == c.steps) {
@@ -428,15 +431,14 @@ void expectAgrees(Kel::Queue<std::string> const& q, QueueModel const& model, boo
   ASSERT_EQ(q.empty(), entries.empty());
   ASSERT_EQ(q.nextSeq(), model.next());
   ASSERT_EQ(q.removals(), model.removals());
-  if (entries.empty()) {
-    ASSERT_EQ(q.head(), nullptr);
-    ASSERT_EQ(q.tail(), nullptr);
-  } else {
-    ASSERT_NE(q.head(), nullptr);
-    ASSERT_NE(q.tail(), nullptr);
-    ASSERT_EQ(q.head()->seq, static_cast<U32>(entries.front().first));
-    ASSERT_EQ(q.tail()->seq, static_cast<U32>(entries.back().first));
-  }
+  auto const seqOf = [](auto const* entry) {
+    return entry ? std::optional(entry->seq) : std::nullopt;
+  };
+  ASSERT_EQ(seqOf(q.head()), entries.empty()
+                                 ? std::nullopt
+                                 : std::optional(static_cast<U32>(entries.front().first)));
+  ASSERT_EQ(seqOf(q.tail()),
+            entries.empty() ? std::nullopt : std::optional(static_cast<U32>(entries.back().first)));
   std::size_t i = 0;
   std::optional<U32> previous;
   for (auto it = q.begin(); !it.done(); ++it, ++i) {
@@ -539,12 +541,10 @@ TEST(Queue, NumbersWrapAfter4294967295) {
   EXPECT_TRUE(q.del(0));
   EXPECT_FALSE(q.nextSeqIs(5)) << "only an empty queue takes a new start";
 
-  struct {
-    U32 seq;
-    bool accepted;
-  } const at[] = {{1, false},          {0, false},           {0xffffffffu, false}, {2, true},
-                  {0x7ffffffdu, true}, {0x7ffffffeu, false}, {0x80000005u, false}};
-  for (auto const& c : at) EXPECT_EQ(q.acceptsAt(c.seq), c.accepted) << c.seq;
+  std::pair<U32, bool> const at[] = {{1, false},          {0, false},          {0xffffffffu, false},
+                                     {2, true},           {0x7ffffffdu, true}, {0x7ffffffeu, false},
+                                     {0x80000005u, false}};
+  for (auto const& [seq, accepted] : at) EXPECT_EQ(q.acceptsAt(seq), accepted) << seq;
   EXPECT_TRUE(q.enqAt(2, "e"));
   EXPECT_EQ(q.enq("f"), 3u);
   std::vector<U32> order;
@@ -583,12 +583,8 @@ struct Holders {
 // share one count, which the table follows step by step; the object goes
 // exactly once, with its last holder.
 TEST(Ptr, ConversionsAndCopiesShareOneCount) {
-  struct Step {
-    char const* what;
-    void (*act)(Holders&);
-    U32 references;  // 0 once the object is gone
-  };
-  Step const steps[] = {
+  // What each step does, and the references after it (0 once the object is gone).
+  std::tuple<char const*, void (*)(Holders&), U32> const steps[] = {
       {"copy to base", [](Holders& h) { h.b = h.d; }, 2},
       {"copy to const", [](Holders& h) { h.c = h.d; }, 3},
       {"move to const base empties the source",
@@ -637,11 +633,11 @@ TEST(Ptr, ConversionsAndCopiesShareOneCount) {
   h.d = new Derived(&destroyed);
   Counted const* const object = h.d.get();
   ASSERT_EQ(object->references(), 1u);
-  for (Step const& s : steps) {
-    s.act(h);
-    EXPECT_EQ(destroyed, s.references == 0 ? 1 : 0) << s.what;
+  for (auto const& [what, act, references] : steps) {
+    act(h);
+    EXPECT_EQ(destroyed, references == 0 ? 1 : 0) << what;
     if (destroyed == 0) {
-      EXPECT_EQ(object->references(), s.references) << s.what;
+      EXPECT_EQ(object->references(), references) << what;
     }
   }
   h = Holders{};

@@ -7,6 +7,8 @@
 #include <cstring>
 #include <iterator>
 #include <random>
+#include <tuple>
+#include <utility>
 #include <vector>
 
 namespace {
@@ -23,15 +25,12 @@ U32 hashBytes(std::vector<U8> const& bytes) {
 // Worked out by hand from the algorithm's steps (more, fed by identifiers,
 // in IdentifiersTest).
 TEST(OneAtATime, MatchesHandComputedValues) {
-  struct {
-    char const* what;
-    std::vector<U8> bytes;
-    U32 expected;
-  } const cases[] = {{"nothing mixed", {}, 0u},
-                     {"the letter a", {0x61}, 0xca2e9442u},
-                     {"U32 65536", {0, 0, 1, 0}, 0x20e9c0b3u},
-                     {"sixteen zero bytes", std::vector<U8>(16, 0), 0u}};
-  for (auto const& c : cases) EXPECT_EQ(hashBytes(c.bytes), c.expected) << c.what;
+  std::tuple<char const*, std::vector<U8>, U32> const cases[] = {
+      {"nothing mixed", {}, 0u},
+      {"the letter a", {0x61}, 0xca2e9442u},
+      {"U32 65536", {0, 0, 1, 0}, 0x20e9c0b3u},
+      {"sixteen zero bytes", std::vector<U8>(16, 0), 0u}};
+  for (auto const& [what, bytes, expected] : cases) EXPECT_EQ(hashBytes(bytes), expected) << what;
 }
 
 // Words mix low byte first; -0.0 hashes like 0.0.
@@ -42,8 +41,7 @@ TEST(OneAtATime, WordsMixLowByteFirstAndSignedZeroLikeZero) {
   words.addU64(0x0708090a0b0c0d0eull);
   EXPECT_EQ(words.finish(), hashBytes({0x02, 0x01, 0x06, 0x05, 0x04, 0x03, 0x0e, 0x0d, 0x0c, 0x0b,
                                        0x0a, 0x09, 0x08, 0x07}));
-  Kel::OneAtATime a;
-  Kel::OneAtATime b;
+  Kel::OneAtATime a, b;
   a.addF64(0.0);
   b.addF64(-0.0);
   EXPECT_EQ(a.finish(), b.finish());
@@ -52,24 +50,23 @@ TEST(OneAtATime, WordsMixLowByteFirstAndSignedZeroLikeZero) {
 // Bits reverse both ways; with 2^b buckets the bucket is the top b bits of
 // the reversed hash.
 TEST(BitReverse, TableAndBuckets) {
-  struct {
-    U32 in, out;
-  } const cases[] = {{0u, 0u},
-                     {1u, 0x80000000u},
-                     {0x80000000u, 1u},
-                     {0xffffffffu, 0xffffffffu},
-                     {0x12345678u, 0x1e6a2c48u},
-                     {0x0000ffffu, 0xffff0000u}};
-  for (auto const& c : cases) {
-    EXPECT_EQ(Kel::bitReverse32(c.in), c.out) << std::hex << c.in;
-    EXPECT_EQ(Kel::bitReverse32(c.out), c.in) << std::hex << c.out;
+  std::pair<U32, U32> const cases[] = {{0u, 0u},
+                                       {1u, 0x80000000u},
+                                       {0x80000000u, 1u},
+                                       {0xffffffffu, 0xffffffffu},
+                                       {0x12345678u, 0x1e6a2c48u},
+                                       {0x0000ffffu, 0xffff0000u}};
+  for (auto const& [in, out] : cases) {
+    EXPECT_EQ(Kel::bitReverse32(in), out) << std::hex << in;
+    EXPECT_EQ(Kel::bitReverse32(out), in) << std::hex << out;
   }
-  EXPECT_EQ(Kel::bucketOf(0xdeadbeefu, 0), 0u);
-  EXPECT_EQ(Kel::bucketOf(0x1u, 1), 1u);
-  EXPECT_EQ(Kel::bucketOf(0x2u, 1), 0u);
-  EXPECT_EQ(Kel::bucketOf(0x1u, 4), 8u);  // bit 0 becomes the bucket's top bit
-  EXPECT_EQ(Kel::bucketOf(0x6u, 4), 6u);  // 0110 reversed is 0110
-  EXPECT_EQ(Kel::bucketOf(0xfffffffeu, 32), 0x7fffffffu);
+  // Hash, bits and bucket: bit 0 becomes the bucket's top bit, 0110 reversed is 0110.
+  std::tuple<U32, unsigned, U32> const buckets[] = {
+      {0xdeadbeefu, 0, 0u}, {0x1u, 1, 1u}, {0x2u, 1, 0u},
+      {0x1u, 4, 8u},        {0x6u, 4, 6u}, {0xfffffffeu, 32, 0x7fffffffu}};
+  for (auto const& [hash, bits, bucket] : buckets) {
+    EXPECT_EQ(Kel::bucketOf(hash, bits), bucket) << std::hex << hash << " " << bits;
+  }
 }
 
 // A memo answers every key with its own hash, and computes only when the
@@ -98,8 +95,7 @@ TEST(HashMemo, ComputesOnlyForAKeyUnlikeTheLast) {
                       make(0, 0, 0xff)};
   Kel::HashMemo<Key> memo;
   std::mt19937 rng(7);
-  int computed = 0;
-  int expected = 0;
+  int computed = 0, expected = 0;
   Key const* previous = nullptr;
   for (int i = 0; i < 2000; ++i) {
     Key const& k = pool[rng() % std::size(pool)];

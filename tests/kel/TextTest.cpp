@@ -10,6 +10,7 @@
 #include <cmath>
 #include <limits>
 #include <random>
+#include <tuple>
 #include <utility>
 
 namespace {
@@ -43,11 +44,8 @@ TEST(ParseErrors, ExactTexts) {
   String const ones(10'000'000, '1');
   String const xs(10'000'000, 'x');
   String const cut = "111111111111111111111111...";
-  struct {
-    String (*parse)(std::string_view);
-    String text;
-    String error;
-  } const cases[] = {
+  std::tuple<String (*)(std::string_view), String, String> const cases[] = {
+      // parse, text, error
       {parseError<U16>, "65536", "Number 65536 out of range for U16"},
       {parseError<U8>, "256", "Number 256 out of range for U8"},
       {parseError<U32>, "-1", "Expected a number but found '-1'"},
@@ -77,11 +75,8 @@ TEST(ParseErrors, ExactTexts) {
       {parseError<String>, xs, "Expected a quoted string but found 'xxxxxxxxxxxxxxxxxxxxxxxx...'"},
       {parseError<F64>, "nan(" + xs + ")", "Invalid F64 'nan(xxxxxxxxxxxxxxxxxxxx...'"},
   };
-  for (auto const& c : cases) EXPECT_EQ(c.parse(c.text), c.error) << c.text.substr(0, 40);
-  EXPECT_EQ(excerpt(String("a\x01"
-                           "b\x7f\xff",
-                           5)),
-            "a?b??");
+  for (auto const& [parse, text, want] : cases) EXPECT_EQ(parse(text), want) << text.substr(0, 40);
+  EXPECT_EQ(excerpt(String("a\1b\x7f\xff", 5)), "a?b??");
   EXPECT_EQ(excerpt(String(24, 'z')), String(24, 'z'));
 }
 

@@ -9,7 +9,8 @@
 #include <algorithm>
 #include <map>
 #include <random>
-#include <set>
+#include <tuple>
+#include <utility>
 #include <vector>
 
 namespace {
@@ -90,8 +91,7 @@ TEST_P(Dedup, AgreesWithAModel) {
   std::mt19937 rng(GetParam() ? 2 : 1);
   std::map<U32, U64> live;
   std::vector<Kel::Ptr<IdHandle>> holders;
-  U64 const madeBefore = IdHandle::made;
-  U64 const destroyedBefore = IdHandle::destroyed;
+  U64 const madeBefore = IdHandle::made, destroyedBefore = IdHandle::destroyed;
   for (int op = 0; op < 20000; ++op) {
     if (rng() % 2 || holders.empty()) {
       U32 const v = rng() % 40;
@@ -127,13 +127,11 @@ TEST_P(Dedup, AgreesWithAModel) {
       ASSERT_EQ(seen, live);
       ASSERT_EQ(listed.size(), live.size());
       if (!GetParam()) {  // ascending reversed hash, ties in link order
-        for (std::size_t j = 1; j < listed.size(); ++j) {
-          auto const* const a = static_cast<IdHandle const*>(listed[j - 1].get());
-          auto const* const b = static_cast<IdHandle const*>(listed[j].get());
-          U32 const ra = Kel::bitReverse32(a->dedupHash());
-          U32 const rb = Kel::bitReverse32(b->dedupHash());
-          ASSERT_TRUE(ra < rb || (ra == rb && a->serial() < b->serial())) << j;
-        }
+        auto const place = [&](std::size_t j) {
+          auto const* const h = static_cast<IdHandle const*>(listed[j].get());
+          return std::pair(Kel::bitReverse32(h->dedupHash()), h->serial());
+        };
+        for (std::size_t j = 1; j < listed.size(); ++j) ASSERT_LT(place(j - 1), place(j)) << j;
       }
     }
   }
@@ -197,12 +195,8 @@ TEST_P(Dedup, LifeTimeNotifierRunsOnceAndTheValueGetsANewHandle) {
 }
 
 TEST(DedupDeathTest, MisusesStopWithTheirText) {
-  struct Case {
-    char const* what;
-    void (*act)();
-    char const* text;
-  };
-  Case const cases[] = {
+  std::tuple<char const*, void (*)(), char const*> const cases[] = {
+      // what, act, text
       {"destroying a linked handle",
        [] {
          Orv::DedupHashTable table;
@@ -225,7 +219,7 @@ TEST(DedupDeathTest, MisusesStopWithTheirText) {
        },
        "A lifetime notifier kept a reference to its dedup handle"},
   };
-  for (Case const& c : cases) EXPECT_DEATH(c.act(), c.text) << c.what;
+  for (auto const& [what, act, text] : cases) EXPECT_DEATH(act(), text) << what;
 }
 
 }  // namespace

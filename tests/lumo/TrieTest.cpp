@@ -15,7 +15,6 @@
 #include <iterator>
 #include <map>
 #include <random>
-#include <string>
 #include <string_view>
 #include <type_traits>
 #include <utility>
@@ -48,6 +47,22 @@ Bytes const kOnes = [] {
   return b;
 }();
 
+template <class Rng>
+Bytes randomBytes(Rng& rng) {
+  Bytes b{};
+  for (U8& x : b) x = static_cast<U8>(rng());
+  return b;
+}
+
+// The first `len` bits of `head`, then the rest of `tail`.
+Bytes spliced(Bytes const& head, Bytes const& tail, unsigned len) {
+  Bytes const keep = maskBytes(kOnes, len);
+  Bytes out{};
+  for (unsigned i = 0; i < out.size(); ++i)
+    out[i] = static_cast<U8>((head[i] & keep[i]) | (tail[i] & ~keep[i]));
+  return out;
+}
+
 template <class Trie>
 struct Family {
   static constexpr bool v6 = std::is_same_v<Trie, Lumo::Ip6Trie<U32>>;
@@ -65,17 +80,12 @@ class Gen {
 
  public:
   explicit Gen(unsigned seed) : rng_(seed) {
-    for (Bytes& b : bases_) b = randomBytes();
+    for (Bytes& b : bases_) b = randomBytes(rng_);
   }
   IpGenAddr addr() {
     Bytes const base = bases_[rng_() % bases_.size()];
-    Bytes const noise = randomBytes();
-    Bytes const keep = maskBytes(kOnes, below(F::width + 1));
-    Bytes out{};
-    for (unsigned i = 0; i < out.size(); ++i) {
-      out[i] = static_cast<U8>((base[i] & keep[i]) | (noise[i] & ~keep[i]));
-    }
-    return F::addr(out);
+    Bytes const noise = randomBytes(rng_);
+    return F::addr(spliced(base, noise, below(F::width + 1)));
   }
   // Short keys are rare, as in a routing table, but every length occurs.
   IpGenPrefix key() {
@@ -86,11 +96,6 @@ class Gen {
   unsigned below(unsigned n) { return static_cast<unsigned>(rng_() % n); }
 
  private:
-  Bytes randomBytes() {
-    Bytes b{};
-    for (U8& x : b) x = static_cast<U8>(rng_());
-    return b;
-  }
   std::mt19937 rng_;
   std::array<Bytes, 6> bases_{};
 };
@@ -237,31 +242,19 @@ std::array<IpGenAddr, 4> edgesOf(IpGenPrefix const& k) {
 // answer what brute force does while the keys come and go.
 TYPED_TEST(TrieModel, LongestMatchAtTheEdgesOfKeys) {
   using F = Family<TypeParam>;
-  struct Case {
-    char const* name;
-    unsigned crowdedPercent;  // of the keys, under one prefix of length width / 8 + 12
-  };
-  Case const cases[] = {{"sparse", 0}, {"crowded", 50}};
-  for (Case const& c : cases) {
-    SCOPED_TRACE(c.name);
-    std::mt19937_64 rng(F::width + c.crowdedPercent);
-    auto randomBytes = [&] {
-      Bytes b{};
-      for (U8& x : b) x = static_cast<U8>(rng());
-      return b;
-    };
+  // The percentage of keys under one prefix of length width / 8 + 12.
+  for (unsigned const crowdedPercent : {0u, 50u}) {
+    SCOPED_TRACE(crowdedPercent);
+    std::mt19937_64 rng(F::width + crowdedPercent);
     unsigned const crowdLen = F::width / 8 + 12;
-    Bytes const crowd = maskBytes(randomBytes(), crowdLen);
+    Bytes const crowd = maskBytes(randomBytes(rng), crowdLen);
     TypeParam trie;
     Model model;
     while (model.size() < 70000) {
-      Bytes b = randomBytes();
+      Bytes b = randomBytes(rng);
       unsigned len;
-      if (rng() % 100 < c.crowdedPercent) {
-        Bytes const keep = maskBytes(kOnes, crowdLen);
-        for (unsigned i = 0; i < b.size(); ++i) {
-          b[i] = static_cast<U8>((crowd[i] & keep[i]) | (b[i] & ~keep[i]));
-        }
+      if (rng() % 100 < crowdedPercent) {
+        b = spliced(crowd, b, crowdLen);
         unsigned const longest = F::v6 ? 64 : 32;
         len = crowdLen + static_cast<unsigned>(rng() % (longest - crowdLen + 1));
       } else {
@@ -323,9 +316,13 @@ TEST(Trie, RefusedKeysAndOtherFamilies) {
       {true, "2001:db8::1/127", "Ip6Trie key 2001:db8::1/127 has bits set beyond its length"},
       {true, "2001:db8:0:1::/63", "Ip6Trie key 2001:db8:0:1::/63 has bits set beyond its length"},
   };
-  auto check = [](auto& trie, Case const& c) {
-    std::vector<std::pair<IpGenPrefix, U32>> before;
-    for (auto it = trie.begin(); !it.done(); ++it) before.emplace_back(it.key(), it.value());
+  auto const contents = [](auto const& trie) {
+    std::vector<std::pair<IpGenPrefix, U32>> out;
+    for (auto it = trie.begin(); !it.done(); ++it) out.emplace_back(it.key(), it.value());
+    return out;
+  };
+  auto check = [&](auto& trie, Case const& c) {
+    auto const before = contents(trie);
     IpGenPrefix const k = prefix(c.key);
     EXPECT_EQ(TestSupport::errorOf<Kel::RangeException>([&] { trie.insert(k, 5u); }), c.error);
     EXPECT_EQ(TestSupport::errorOf<Kel::RangeException>([&] { trie.insertOrAssign(k, 5u); }),
@@ -335,9 +332,7 @@ TEST(Trie, RefusedKeysAndOtherFamilies) {
     if (std::string_view(c.error).ends_with("prefix")) {  // of another family
       EXPECT_TRUE(trie.longestMatch(k.addr()).done()) << c.key;
     }
-    std::vector<std::pair<IpGenPrefix, U32>> after;
-    for (auto it = trie.begin(); !it.done(); ++it) after.emplace_back(it.key(), it.value());
-    EXPECT_EQ(after, before) << c.key << " changed the trie";
+    EXPECT_EQ(contents(trie), before) << c.key << " changed the trie";
   };
   Lumo::IpTrie<U32> v4;
   v4.insert(prefix("0.0.0.0/0"), 1u);
@@ -345,13 +340,7 @@ TEST(Trie, RefusedKeysAndOtherFamilies) {
   Lumo::Ip6Trie<U32> v6;
   v6.insert(prefix("::/0"), 1u);
   v6.insert(prefix("2001:db8::/32"), 2u);
-  for (Case const& c : cases) {
-    if (c.v6) {
-      check(v6, c);
-    } else {
-      check(v4, c);
-    }
-  }
+  for (Case const& c : cases) c.v6 ? check(v6, c) : check(v4, c);
   EXPECT_EQ(Lumo::IpTrie<U32>::normalised(prefix("10.1.2.3/12")), prefix("10.0.0.0/12"));
   EXPECT_EQ(Lumo::Ip6Trie<U32>::normalised(prefix("2001:db8::1/0")), prefix("::/0"));
 }

@@ -7,6 +7,8 @@
 #include "../TestSupport.h"
 
 #include <string>
+#include <tuple>
+#include <utility>
 #include <vector>
 
 namespace {
@@ -21,26 +23,21 @@ BwMetric metric(Kel::U8 v) { return BwMetric(v); }
 // Metric arithmetic wraps modulo 256 without a range check, binary and
 // compound alike.
 TEST(BwMetric, ArithmeticWrapsWithoutARangeCheck) {
-  struct {
-    Kel::U8 a;
-    char op;
-    Kel::U8 b;
-    Kel::U8 result;
-  } const cases[] = {
-      {7, '+', 1, 8}, {0, '-', 1, 255}, {7, '+', 7, 14}, {3, '-', 5, 254}, {5, '-', 5, 0}};
-  for (auto const& c : cases) {
-    BwMetric const a = metric(c.a);
-    BwMetric const b = metric(c.b);
-    BwMetric const viaBinary = c.op == '+' ? a + b : a - b;
+  std::tuple<Kel::U8, char, Kel::U8, Kel::U8> const cases[] = {// left, op, right, result
+                                                               {7, '+', 1, 8},
+                                                               {0, '-', 1, 255},
+                                                               {7, '+', 7, 14},
+                                                               {3, '-', 5, 254},
+                                                               {5, '-', 5, 0}};
+  for (auto const& [left, op, right, result] : cases) {
+    BwMetric const a = metric(left);
+    BwMetric const b = metric(right);
+    BwMetric const viaBinary = op == '+' ? a + b : a - b;
     BwMetric compound = a;
-    if (c.op == '+') {
-      compound += b;
-    } else {
-      compound -= b;
-    }
-    EXPECT_EQ(viaBinary.value(), c.result) << int(c.a) << c.op << int(c.b);
+    op == '+' ? compound += b : compound -= b;
+    EXPECT_EQ(viaBinary.value(), result) << int(left) << op << int(right);
     EXPECT_EQ(compound, viaBinary);
-    EXPECT_EQ(a, metric(c.a)) << "the binary operators leave their operands alone";
+    EXPECT_EQ(a, metric(left)) << "the binary operators leave their operands alone";
   }
   EXPECT_EQ(metric(0) - metric(1) + metric(1), metric(0)) << "255 + 1 wraps to 0";
 }
@@ -52,16 +49,14 @@ TEST(BwMetric, TextIsRangeChecked) {
     m.stringValueIs(text);
     EXPECT_EQ(m.stringValue(), text);
   }
-  struct {
-    std::string text;
-    std::string what;
-  } const refused[] = {{"8", kMetricRange},        {"-1", kMetricRange},
-                       {"255", kMetricRange},      {"4294967296", kMetricRange},
-                       {"3x", "Invalid BwMetric"}, {"", "Expected a number but found end of text"}};
-  for (auto const& c : refused) {
+  std::pair<std::string, std::string> const refused[] = {
+      {"8", kMetricRange},        {"-1", kMetricRange},
+      {"255", kMetricRange},      {"4294967296", kMetricRange},
+      {"3x", "Invalid BwMetric"}, {"", "Expected a number but found end of text"}};
+  for (auto const& [text, what] : refused) {
     BwMetric m = metric(3);
-    EXPECT_EQ(errorOf<Kel::RangeException>([&] { m.stringValueIs(c.text); }), c.what) << c.text;
-    EXPECT_EQ(m, metric(3)) << c.text;
+    EXPECT_EQ(errorOf<Kel::RangeException>([&] { m.stringValueIs(text); }), what) << text;
+    EXPECT_EQ(m, metric(3)) << text;
   }
   EXPECT_EQ(errorOf<Kel::RangeException>([] { (void)BwMetric(8); }), kMetricRange);
 }

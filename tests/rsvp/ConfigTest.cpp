@@ -14,7 +14,6 @@
 #include <algorithm>
 #include <random>
 #include <string>
-#include <string_view>
 #include <vector>
 
 namespace {
@@ -120,11 +119,7 @@ TEST_F(Passwords, DecodedOnDemandNeverStoredAndCodecErrorsPassUnchanged) {
       {'w', "Encoded secret does not verify (wrong key or altered text)"},
       {0, "Secret codec has no key"}};
   for (auto const& [keyFill, error] : refusals) {
-    if (keyFill) {
-      CipherkitLib::keyIs(key(keyFill));
-    } else {
-      CipherkitLib::keyDel();
-    }
+    keyFill ? CipherkitLib::keyIs(key(keyFill)) : CipherkitLib::keyDel();
     EXPECT_EQ(errorOf<CipherkitLib::CodecException>([&] { (void)cli->activePassword(); }), error);
     EXPECT_EQ(Kel::browseText(*cli), before);
   }

@@ -9,6 +9,7 @@
 
 #include <functional>
 #include <string>
+#include <tuple>
 #include <vector>
 
 namespace {
@@ -26,41 +27,39 @@ bool isDefault(RsvpErrorState const& s) {
 // already holds the defaults (no error known: code 256, not 0).
 TEST(ErrorState, ResetNotifiesEachChangedAttributeInOrder) {
   Kel::Ptr<RsvpMsg const> const msg = rsvpPathMsgFactory();
-  struct Case {
-    char const* name;
-    std::function<void(RsvpErrorState&)> set;
-    std::vector<std::string> expected;
-  } const cases[] = {
-      {"everything",
-       [&](RsvpErrorState& s) {
-         s.offendingMsgIs(msg);
-         s.errorProcessedTimeIs(2.5);
-         s.errorDetectedTimeIs(1.5);
-         s.errorIs(RsvpError(rsvpConfirmation, 3));
-       },
-       {"error", "errorDetectedTime", "errorProcessedTime", "offendingMsg"}},
-      {"code 0 only",
-       [](RsvpErrorState& s) { s.errorIs(RsvpError(rsvpConfirmation, 0)); },
-       {"error"}},
-      {"value only",
-       [](RsvpErrorState& s) { s.errorIs(RsvpError(rsvpErrorCodeUnknown, 1)); },
-       {"error"}},
-      {"times",
-       [](RsvpErrorState& s) {
-         s.errorProcessedTimeIs(-1);
-         s.errorDetectedTimeIs(7);
-       },
-       {"errorDetectedTime", "errorProcessedTime"}},
-      {"message only", [&](RsvpErrorState& s) { s.offendingMsgIs(msg); }, {"offendingMsg"}},
-      {"nothing", [](RsvpErrorState&) {}, {}},
-  };
-  for (Case const& c : cases) {
-    SCOPED_TRACE(c.name);
+  // The changes before reset(), and the notifications it gives.
+  std::tuple<char const*, std::function<void(RsvpErrorState&)>, std::vector<std::string>> const
+      cases[] = {
+          {"everything",
+           [&](RsvpErrorState& s) {
+             s.offendingMsgIs(msg);
+             s.errorProcessedTimeIs(2.5);
+             s.errorDetectedTimeIs(1.5);
+             s.errorIs(RsvpError(rsvpConfirmation, 3));
+           },
+           {"error", "errorDetectedTime", "errorProcessedTime", "offendingMsg"}},
+          {"code 0 only",
+           [](RsvpErrorState& s) { s.errorIs(RsvpError(rsvpConfirmation, 0)); },
+           {"error"}},
+          {"value only",
+           [](RsvpErrorState& s) { s.errorIs(RsvpError(rsvpErrorCodeUnknown, 1)); },
+           {"error"}},
+          {"times",
+           [](RsvpErrorState& s) {
+             s.errorProcessedTimeIs(-1);
+             s.errorDetectedTimeIs(7);
+           },
+           {"errorDetectedTime", "errorProcessedTime"}},
+          {"message only", [&](RsvpErrorState& s) { s.offendingMsgIs(msg); }, {"offendingMsg"}},
+          {"nothing", [](RsvpErrorState&) {}, {}},
+      };
+  for (auto const& [name, set, expected] : cases) {
+    SCOPED_TRACE(name);
     auto state = rsvpErrorStateFactory();
-    c.set(*state);
+    set(*state);
     TestSupport::Heard heard(state.get());
     state->reset();
-    EXPECT_EQ(heard.log, c.expected);
+    EXPECT_EQ(heard.log, expected);
     EXPECT_TRUE(isDefault(*state));
     heard.log.clear();
     state->reset();
@@ -83,31 +82,25 @@ struct Leaf {
   RsvpHistoryEntryType type;
 };
 
-Lumo::IpGenAddr addr(char const* text) { return Kel::strepToValue<Lumo::IpGenAddr>(text); }
-
-std::vector<Leaf> const& leaves() {
-  static std::vector<Leaf> const all = {
+// Each leaf is made with its timestamp, fixes its type, and refuses a
+// generic write to either with the exact text.
+TEST(HistoryEntry, EachLeafFixesItsTypeAndRefusesAWriteToIt) {
+  Leaf const leaves[] = {
       {"RsvpSessionCreationHistoryEntry",
        [](Kel::Seconds t) { return rsvpSessionCreationHistoryEntryFactory(t); },
        rsvpSessionCreationHistoryEntry},
       {"RsvpSpFrrAvailableHistoryEntry",
        [](Kel::Seconds t) {
-         return rsvpSpFrrAvailableHistoryEntryFactory(t, true, addr("10.0.0.9"), true);
+         return rsvpSpFrrAvailableHistoryEntryFactory(t, true, Lumo::IpGenAddr("10.0.0.9"), true);
        },
        rsvpSpFrrAvailableHistoryEntry},
       {"RsvpSpDsFrrInUseHistoryEntry",
        [](Kel::Seconds t) {
-         return rsvpSpDsFrrInUseHistoryEntryFactory(t, true, addr("2001:db8::1"), false);
+         return rsvpSpDsFrrInUseHistoryEntryFactory(t, true, Lumo::IpGenAddr("2001:db8::1"), false);
        },
        rsvpSpDsFrrInUseHistoryEntry},
   };
-  return all;
-}
-
-// Each leaf is made with its timestamp, fixes its type, and refuses a
-// generic write to either with the exact text.
-TEST(HistoryEntry, EachLeafFixesItsTypeAndRefusesAWriteToIt) {
-  for (Leaf const& leaf : leaves()) {
+  for (Leaf const& leaf : leaves) {
     SCOPED_TRACE(leaf.name);
     auto entry = leaf.make(12.25);
     EXPECT_EQ(entry->fwkType().name(), std::string("Rsvp::") + leaf.name);

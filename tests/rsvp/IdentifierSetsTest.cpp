@@ -5,6 +5,8 @@
 
 #include <gtest/gtest.h>
 
+#include "../TestSupport.h"
+
 #include <algorithm>
 #include <random>
 #include <set>
@@ -23,7 +25,7 @@ using Lumo::IpGenAddr;
   struct Traits {                                                                  \
     using Set = SetType;                                                           \
     using Key = KeyType;                                                           \
-    static constexpr std::string_view kName = "Rsvp::" #SetType;                   \
+    static constexpr std::string_view kName = #SetType;                            \
     static Kel::Ptr<Set> make(Kel::Name name) { return factory(std::move(name)); } \
     static Key key(U32 i);                                                         \
     static void add(Set& s, Key const& k) { s.attr##Is(k); }                       \
@@ -70,15 +72,7 @@ class IdentifierSet : public testing::Test {};
 
 using SetTraits = testing::Types<SessionIdSetTraits, SpIdSetTraits, NeighborIdSetTraits>;
 
-class TraitsName {
- public:
-  template <class T>
-  static std::string GetName(int) {
-    return std::string(T::kName.substr(T::kName.rfind(':') + 1));
-  }
-};
-
-TYPED_TEST_SUITE(IdentifierSet, SetTraits, TraitsName);
+TYPED_TEST_SUITE(IdentifierSet, SetTraits, TestSupport::NamedByKName);
 
 // Random adds, deletes and delete-alls against std::set: membership, size and
 // the exact sequence of notifications. Adding a present id and deleting an

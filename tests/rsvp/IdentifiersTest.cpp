@@ -121,14 +121,7 @@ struct NeighborIdDedup {
 template <class T>
 class DedupedId : public testing::Test {};
 using DedupTraits = testing::Types<SessionIdDedup, PathIdDedup, NeighborIdDedup>;
-class DedupName {
- public:
-  template <class T>
-  static std::string GetName(int) {
-    return T::kName;
-  }
-};
-TYPED_TEST_SUITE(DedupedId, DedupTraits, DedupName);
+TYPED_TEST_SUITE(DedupedId, DedupTraits, TestSupport::NamedByKName);
 
 // Equal ids dedup to one linked handle, by value or by attributes, and
 // distinct ids (some hashing alike) to distinct handles, which leave the
@@ -191,13 +184,8 @@ TYPED_TEST(DedupedId, RoundTrips) {
     if (back.handle()) {
       EXPECT_EQ(back.handle()->dedupState(), Orv::DedupHandle::DedupState::detached);
     }
-    std::string bytes;
-    Kel::LogOut out(bytes);
-    T::desc().ops()->logWrite(out, &v);
-    Kel::LogIn in(bytes);
     typename T::Deduped logged;
-    T::desc().ops()->logRead(in, &logged);
-    EXPECT_TRUE(in.atEnd());
+    TestSupport::logCopy(T::desc(), &v, &logged);
     EXPECT_EQ(logged, v);
     EXPECT_EQ(logged.stringValue(), v.stringValue());
   }

@@ -10,7 +10,6 @@
 #include "../TestSupport.h"
 
 #include <cstring>
-#include <deque>
 #include <random>
 #include <set>
 #include <string>
@@ -20,8 +19,6 @@ namespace {
 
 using namespace Rsvp;
 using Lumo::IpGenAddr;
-
-RsvpNeighborId neighborId(char const* ip) { return RsvpNeighborId(IpGenAddr(ip)); }
 
 RsvpSecAssociationKey saKey(Kel::U64 keyId) {
   RsvpIntegrityKeyId id;
@@ -33,7 +30,7 @@ RsvpSecAssociationKey saKey(Kel::U64 keyId) {
 // notify only when an increment changes them.
 TEST(Neighbor, CountersWrapAndNotifyOnlyOnChange) {
   auto const table = rsvpNeighborStateCollFactory("neighbors");
-  auto const n = table->neighborStateIs(neighborId("10.0.0.2"));
+  auto const n = table->neighborStateIs(RsvpNeighborId(IpGenAddr("10.0.0.2")));
   auto const shared = table->sharedStateIs();
   n->sharedStateIs(shared);
   TestSupport::Heard heard(n.get(), shared.get());
@@ -82,8 +79,7 @@ TEST(Digest, SizeAndSetToZeroTouchExactly16Bytes) {
   EXPECT_EQ(buf[0], 0xAA);
   EXPECT_EQ(buf[17], 0xAA);
   for (int i = 1; i <= 16; ++i) EXPECT_EQ(buf[i], 0) << i;
-  Kel::U8 in[16];
-  Kel::U8 out[16];
+  Kel::U8 in[16], out[16];
   for (int i = 0; i < 16; ++i) in[i] = static_cast<Kel::U8>(i * 7);
   d.copyFrom(in);
   d.copyTo(out);
@@ -115,8 +111,7 @@ TEST(Digest, SameBytesAsTheOneShotHmac) {
     ASSERT_EQ(std::vector<Kel::U8>(ours, ours + 16), std::vector<Kel::U8>(theirs, theirs + len))
         << key.size() << " " << data.size();
   }
-  Kel::U8 a[16];
-  Kel::U8 b[16];
+  Kel::U8 a[16], b[16];
   RsvpIntegrityMessageDigest(Cli::md5, a).calculate(a, 0, nullptr);
   RsvpIntegrityMessageDigest(Cli::md5, b).calculate(b, 0, "");
   EXPECT_EQ(std::memcmp(a, b, 16), 0) << "a null key is the empty key";

@@ -12,6 +12,7 @@
 #include <functional>
 #include <set>
 #include <string>
+#include <utility>
 #include <vector>
 
 namespace {
@@ -19,13 +20,11 @@ namespace {
 using namespace Rsvp;
 using Lumo::IpGenAddr;
 
-RsvpSessionObj session() { return RsvpSessionObj(IpGenAddr("10.0.0.2"), 7, IpGenAddr("10.0.0.1")); }
-
 Kel::Ptr<RsvpPathMsg> fullPath() {
   auto m = rsvpPathMsgFactory();
   m->srcIpIs(IpGenAddr("10.1.0.1"));
   m->neighborIpIs(IpGenAddr("10.1.0.1"));
-  m->sessionObjIs(session());
+  m->sessionObjIs(RsvpSessionObj(IpGenAddr("10.0.0.2"), 7, IpGenAddr("10.0.0.1")));
   m->hopObjIs(RsvpHopObj(IpGenAddr("10.1.0.1"), 4));
   m->timeValuesObjIs(RsvpTimeValuesObj(30000));
   m->senderTemplateObjIs(RsvpSenderTemplateObj(IpGenAddr("10.0.0.1"), 3));
@@ -103,14 +102,12 @@ TEST(Msg, OverridableFacts) {
   EXPECT_EQ(path->txMsgIdObj(), path->msgIdObj());
   EXPECT_EQ(rsvpAckMsgFactory()->txMsgIdObj().epoch(), 16777216u);
 
-  struct {
-    Kel::Ptr<RsvpMsg> msg;
-    bool alert;
-  } const alerts[] = {{rsvpPathMsgFactory(), true},     {rsvpPathTearMsgFactory(), true},
-                      {rsvpResvConfMsgFactory(), true}, {rsvpResvMsgFactory(), false},
-                      {rsvpPathErrMsgFactory(), false}, {rsvpHelloMsgFactory(), false},
-                      {rsvpSrefreshMsgFactory(), false}};
-  for (auto const& c : alerts) EXPECT_EQ(c.msg->routerAlert(), c.alert) << c.msg->msgType();
+  std::pair<Kel::Ptr<RsvpMsg>, bool> const alerts[] = {
+      {rsvpPathMsgFactory(), true},     {rsvpPathTearMsgFactory(), true},
+      {rsvpResvConfMsgFactory(), true}, {rsvpResvMsgFactory(), false},
+      {rsvpPathErrMsgFactory(), false}, {rsvpHelloMsgFactory(), false},
+      {rsvpSrefreshMsgFactory(), false}};
+  for (auto const& [msg, alert] : alerts) EXPECT_EQ(msg->routerAlert(), alert) << msg->msgType();
   auto resv = rsvpResvMsgFactory();
   resv->routerAlertOverrideIs(true);
   EXPECT_TRUE(resv->routerAlert());

@@ -74,9 +74,7 @@ TEST(MsgLog, EveryEntityTypeInitialState) {
       continue;
     }
     ++types;
-    Kel::Ptr<Kel::Entity> source = t->createWithArgs()(nullptr);
-    Kel::Ptr<Kel::Entity> replica = t->createWithArgs()(nullptr);
-    Mirror<Kel::Entity> m(source, replica);
+    Mirror<Kel::Entity> m(t->createWithArgs()(nullptr), t->createWithArgs()(nullptr));
     EXPECT_TRUE(m.same()) << t->name();
   }
   EXPECT_GE(types, 15);

@@ -10,6 +10,7 @@
 
 #include <cstdlib>
 #include <string>
+#include <tuple>
 #include <vector>
 
 namespace {
@@ -96,34 +97,28 @@ double expectedRefresh(int drawn, unsigned int base) {
 // The refresh value is the formula's over a base that fast start doubles
 // from its truncated start up to the maximum.
 TEST(SpRefresh, FastStartDoublesTheTruncatedBase) {
-  struct {
-    char const* what;
-    bool fastStart;
-    double startBase;
-    double maxBase;
-    std::vector<unsigned int> bases;
-  } const cases[] = {
+  // What, fast start, the starting and the largest base, the bases jittered in turn.
+  std::tuple<char const*, bool, double, double, std::vector<unsigned int>> const cases[] = {
       {"fast start", true, 2.0, 30, {2, 4, 8, 16, 30, 30}},
       {"no fast start", false, 2.0, 30, {30, 30, 30}},
       {"a base of 2.9 is jittered as 2", true, 2.9, 30, {2, 5, 11, 23, 30}},
       {"bases at and above 2^31", false, 2.0, 4294967295.0, {4294967295u, 4294967295u}},
       {"a base split into its high and low words", false, 2.0, 65537.0, {65537u}},
   };
-  for (auto const& c : cases) {
+  for (auto const& [what, fastStart, startBase, maxBase, bases] : cases) {
     for (bool downstream : {true, false}) {
       auto state = rsvpSpStateFactory(sp(1), false);
-      downstream ? state->currentDsBaseRefreshIs(c.startBase)
-                 : state->currentUsBaseRefreshIs(c.startBase);
+      downstream ? state->currentDsBaseRefreshIs(startBase)
+                 : state->currentUsBaseRefreshIs(startBase);
       unsigned int seed = 3;
-      for (unsigned int base : c.bases) {
+      for (unsigned int base : bases) {
         // The draw the call will make: the generator is the process's.
         std::srand(++seed);
         int const drawn = std::rand();
         RsvpSpState::setRandomSeed(seed);
-        double const got = downstream
-                               ? state->generateAndUpdateDsRefreshValue(c.maxBase, c.fastStart)
-                               : state->generateAndUpdateUsRefreshValue(c.maxBase, c.fastStart);
-        EXPECT_EQ(got, expectedRefresh(drawn, base)) << c.what << " base " << base;
+        double const got = downstream ? state->generateAndUpdateDsRefreshValue(maxBase, fastStart)
+                                      : state->generateAndUpdateUsRefreshValue(maxBase, fastStart);
+        EXPECT_EQ(got, expectedRefresh(drawn, base)) << what << " base " << base;
       }
     }
   }

@@ -12,6 +12,7 @@
 
 #include <array>
 #include <string>
+#include <tuple>
 #include <vector>
 
 namespace {
@@ -103,17 +104,14 @@ TEST(RawData, CopyToChecksInOrder) {
   Traced t(0);
   auto raw = rsvpRawDataFactory();
   std::array<Kel::U8, 20> buf{};
-  struct {
-    Kel::U8* dst;
-    Kel::U16 len;
-    char const* error;
-  } const refused[] = {{nullptr, 0, "ERROR: Cannot copy to null destination"},
-                       {buf.data(), 0, "ERROR: Cannot copy 0 bytes"},
-                       {buf.data(), 5, "ERROR: Cannot copy empty data"}};
-  for (auto const& c : refused) {
+  std::tuple<Kel::U8*, Kel::U16, char const*> const refused[] = {
+      {nullptr, 0, "ERROR: Cannot copy to null destination"},
+      {buf.data(), 0, "ERROR: Cannot copy 0 bytes"},
+      {buf.data(), 5, "ERROR: Cannot copy empty data"}};
+  for (auto const& [dst, len, error] : refused) {
     t.lines.clear();
-    EXPECT_FALSE(raw->copyTo(c.dst, c.len));
-    EXPECT_EQ(t.bare(), std::vector<std::string>{c.error});
+    EXPECT_FALSE(raw->copyTo(dst, len));
+    EXPECT_EQ(t.bare(), std::vector<std::string>{error});
   }
   raw->copyFrom(kTen, 10);
   buf.fill(0xee);

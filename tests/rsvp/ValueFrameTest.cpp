@@ -12,6 +12,8 @@
 
 #include <sstream>
 #include <string>
+#include <tuple>
+#include <utility>
 #include <vector>
 
 namespace {
@@ -78,11 +80,8 @@ TEST(ValueText, PrintedFormsReadBack) {
 TEST(ValueText, RejectedTextRaisesTheExactError) {
   std::string const sp = "<sessionId=<dstIp=10.0.0.2>_<tunnelId=7>_<extTunnelId=10.0.0.1>>";
   std::string const error = "Value('Rsvp::RsvpError', ** {'errorCode': ";
-  struct {
-    std::string (*parse)(std::string_view);
-    std::string text;
-    std::string error;
-  } const cases[] = {
+  std::tuple<std::string (*)(std::string_view), std::string, std::string> const cases[] = {
+      // parse, text, error
       {parseError<RsvpPathId>, "<lspId=3>x", "Invalid RsvpPathId"},
       {parseError<RsvpPathId>, "<lspId=3", "Expected '>' but found end of text"},
       {parseError<RsvpPathId>, "<lspid=3>", "Expected '<lspId=' but found '<lspid=3>'"},
@@ -128,7 +127,7 @@ TEST(ValueText, RejectedTextRaisesTheExactError) {
       {parseError<RsvpResvStyle>, "resvStyleFf!", "Invalid RsvpResvStyle"},
       {parseError<RsvpResvStyle>, "4294967296", "Number 4294967296 out of range for U32"},
   };
-  for (auto const& c : cases) EXPECT_EQ(c.parse(c.text), c.error) << c.text.substr(0, 40);
+  for (auto const& [parse, text, want] : cases) EXPECT_EQ(parse(text), want) << text.substr(0, 40);
   RsvpSpId const before = TestSupport::spId(3);
   RsvpSpId kept = before;
   EXPECT_THROW(kept.stringValueIs(before.stringValue() + "x"), Kel::RangeException);

@@ -340,7 +340,13 @@ TEST(Trie, RefusedKeysAndOtherFamilies) {
   Lumo::Ip6Trie<U32> v6;
   v6.insert(prefix("::/0"), 1u);
   v6.insert(prefix("2001:db8::/32"), 2u);
-  for (Case const& c : cases) c.v6 ? check(v6, c) : check(v4, c);
+  for (Case const& c : cases) {
+    if (c.v6) {
+      check(v6, c);
+    } else {
+      check(v4, c);
+    }
+  }
   EXPECT_EQ(Lumo::IpTrie<U32>::normalised(prefix("10.1.2.3/12")), prefix("10.0.0.0/12"));
   EXPECT_EQ(Lumo::Ip6Trie<U32>::normalised(prefix("2001:db8::1/0")), prefix("::/0"));
 }

@@ -119,7 +119,11 @@ TEST_F(Passwords, DecodedOnDemandNeverStoredAndCodecErrorsPassUnchanged) {
       {'w', "Encoded secret does not verify (wrong key or altered text)"},
       {0, "Secret codec has no key"}};
   for (auto const& [keyFill, error] : refusals) {
-    keyFill ? CipherkitLib::keyIs(key(keyFill)) : CipherkitLib::keyDel();
+    if (keyFill) {
+      CipherkitLib::keyIs(key(keyFill));
+    } else {
+      CipherkitLib::keyDel();
+    }
     EXPECT_EQ(errorOf<CipherkitLib::CodecException>([&] { (void)cli->activePassword(); }), error);
     EXPECT_EQ(Kel::browseText(*cli), before);
   }

@@ -55,7 +55,8 @@ TEST(BwMetric, TextIsRangeChecked) {
       {"3x", "Invalid BwMetric"}, {"", "Expected a number but found end of text"}};
   for (auto const& [text, what] : refused) {
     BwMetric m = metric(3);
-    EXPECT_EQ(errorOf<Kel::RangeException>([&] { m.stringValueIs(text); }), what) << text;
+    std::string const& given = text;  // a lambda may not capture a structured binding
+    EXPECT_EQ(errorOf<Kel::RangeException>([&] { m.stringValueIs(given); }), what) << text;
     EXPECT_EQ(m, metric(3)) << text;
   }
   EXPECT_EQ(errorOf<Kel::RangeException>([] { (void)BwMetric(8); }), kMetricRange);

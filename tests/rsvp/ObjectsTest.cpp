@@ -22,7 +22,7 @@ using Lumo::IpGenAddr;
 
 // The views that decode a raw field fall back to the unknown value (the
 // protocol id to none for the unset 65536), and their setters write the raw
-// field; the error specification's flag bits.
+// field; the flag bits of the error object (ERROR_SPEC).
 TEST(ObjectViews, DecodedViewsFallBackToUnknown) {
   std::pair<Kel::U8, RsvpResvStyle> const styles[] = {
       {0x11, resvStyleWf},      {0x0a, resvStyleFf},      {0x12, resvStyleSe},

@@ -357,11 +357,21 @@ class HashTable {
       place = fresh ? hint.slot_ : where(rh, same);
       if (!(place & kAbsent)) return {&at(place).value, false};
     }
-    // Made before the table changes, so that a throwing constructor leaves
-    // it as it was; destroyed if growing throws.
+    // The element is made before the table changes, so that a throwing
+    // constructor leaves it as it was, and so that arguments that refer into
+    // the table are read before it moves; destroyed if growing throws. A
+    // set's key that cannot throw as it is copied is copied into its slot
+    // instead (a key of this set would have been found above): made aside
+    // and copied in, an element's copy loads across members just stored in
+    // other widths, which the processor cannot forward, a stall each.
+    constexpr bool inPlace = std::is_same_v<V, NoValue> && sizeof...(Args) == 0 &&
+                             std::is_nothrow_copy_constructible_v<K>;
     alignas(Element) unsigned char room[sizeof(Element)];
-    Element* made =
-        ::new (static_cast<void*>(room)) Element(makeElement(rh, key, std::forward<Args>(args)...));
+    Element* made = nullptr;
+    if constexpr (!inPlace) {
+      made = ::new (static_cast<void*>(room))
+          Element(makeElement(rh, key, std::forward<Args>(args)...));
+    }
     struct Unplaced {
       Element*& e;
       ~Unplaced() {
@@ -387,8 +397,13 @@ class HashTable {
         continue;
       }
       shiftUp(i, e);
-      relocate(&at(i), made);
-      made = nullptr;
+      if constexpr (inPlace) {
+        ::new (static_cast<void*>(&at(i)))
+            Element(makeElement(rh, key, std::forward<Args>(args)...));
+      } else {
+        relocate(&at(i), made);
+        made = nullptr;
+      }
       tags_[i] = tagFor(i, rh);
       if (++size_ > (std::size_t{1} << bits_)) ++bits_;
       ++changes_;

@@ -357,21 +357,28 @@ class HashTable {
       place = fresh ? hint.slot_ : where(rh, same);
       if (!(place & kAbsent)) return {&at(place).value, false};
     }
-    // The element is made before the table changes, so that a throwing
-    // constructor leaves it as it was, and so that arguments that refer into
-    // the table are read before it moves; destroyed if growing throws. A
-    // set's key that cannot throw as it is copied is copied into its slot
-    // instead (a key of this set would have been found above): made aside
-    // and copied in, an element's copy loads across members just stored in
-    // other widths, which the processor cannot forward, a stall each.
-    constexpr bool inPlace = std::is_same_v<V, NoValue> && sizeof...(Args) == 0 &&
-                             std::is_nothrow_copy_constructible_v<K>;
+    // What may throw is made before the table changes, so that the table
+    // stays as it was, and arguments that refer into the table are read
+    // before it moves. An element made aside and copied in, though, is
+    // loaded across members just stored in other widths, which the
+    // processor cannot forward (a stall each insertion). So where the key
+    // copies without throwing and cannot lie in the table (none of its keys
+    // equals it, and a value is too small to hold one), only the value is
+    // made aside, and the element is made in its slot; otherwise the whole
+    // element is made aside, and destroyed if growing throws.
+    constexpr bool inPlace = sizeof(V) < sizeof(K) && std::is_nothrow_copy_constructible_v<K> &&
+                             std::is_nothrow_move_constructible_v<V>;
     alignas(Element) unsigned char room[sizeof(Element)];
     Element* made = nullptr;
-    if constexpr (!inPlace) {
-      made = ::new (static_cast<void*>(room))
-          Element(makeElement(rh, key, std::forward<Args>(args)...));
-    }
+    [[maybe_unused]] auto value = [&] {
+      if constexpr (inPlace) {
+        return V(std::forward<Args>(args)...);
+      } else {
+        made = ::new (static_cast<void*>(room))
+            Element(makeElement(rh, key, std::forward<Args>(args)...));
+        return NoValue{};
+      }
+    }();
     struct Unplaced {
       Element*& e;
       ~Unplaced() {
@@ -398,8 +405,7 @@ class HashTable {
       }
       shiftUp(i, e);
       if constexpr (inPlace) {
-        ::new (static_cast<void*>(&at(i)))
-            Element(makeElement(rh, key, std::forward<Args>(args)...));
+        ::new (static_cast<void*>(&at(i))) Element(makeElement(rh, key, std::move(value)));
       } else {
         relocate(&at(i), made);
         made = nullptr;

@@ -1,6 +1,6 @@
 // Helpers that several suites share: the text of the exception a call
-// raises, the trace lines written meanwhile, threads that run at once where
-// reference counts allow it, generic operations and notifications by
+// raises (also of a refused text, which must change nothing), the trace lines written meanwhile,
+// threads that run at once where reference counts allow it, generic operations and notifications by
 // attribute name, a value through the log codec (typed or generic), and an
 // entity tree whose replica follows it through the attribute log and a
 // memory sink; a state-path id; names for the cases of typed suites.
@@ -50,6 +50,16 @@ std::string errorOf(F&& f) {
 template <class T>
 std::string parseError(std::string_view text) {
   return errorOf<Kel::RangeException>([&] { (void)Kel::strepToValue<T>(text); });
+}
+
+// The range error's text that setting a copy of `start` from `text` raises,
+// or "accepted"; the copy must keep its value.
+template <class T>
+std::string refusedText(T const& start, std::string_view text) {
+  T v = start;
+  std::string const error = errorOf<Kel::RangeException>([&] { v.stringValueIs(text); });
+  EXPECT_EQ(v, start) << text;
+  return error;
 }
 
 // Names the cases of a typed suite after their parameter's kName.

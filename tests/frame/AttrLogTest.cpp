@@ -141,7 +141,9 @@ TEST(AttrLog, FlushSendsEachLoggedChangeOnce) {
 }
 
 // A frame cut short is waited for; any flipped byte of a good frame is
-// refused, the replica unchanged and out of step.
+// refused, the replica unchanged and out of step. A lost frame is detected,
+// and the reader refuses everything until it reconnects; a frame over the
+// reader's limit is refused from its header alone.
 TEST(AttrLog, BadBytesAreRefusedAndTheReplicaKept) {
   Link link;
   link.connect();
@@ -150,21 +152,36 @@ TEST(AttrLog, BadBytesAreRefusedAndTheReplicaKept) {
   link.writer.flush();
   std::string const good = link.sink->take();
   std::string const before = Kel::browseText(*link.replica);
-  // A frame cut short is only waited for.
   link.reader.bytesIs(good.substr(0, good.size() - 1));
   EXPECT_EQ(Kel::browseText(*link.replica), before);
-  link.reader.reset();
-
   for (std::size_t i = 0; i < good.size(); ++i) {
     std::string bad = good;
     bad[i] = static_cast<char>(bad[i] ^ 0x20);
     Link fresh;
     fresh.connect();
-    std::string const start = Kel::browseText(*fresh.replica);
     EXPECT_THROW(fresh.reader.bytesIs(bad), Kel::LogException) << "byte " << i;
-    EXPECT_EQ(Kel::browseText(*fresh.replica), start) << "byte " << i;
+    EXPECT_EQ(Kel::browseText(*fresh.replica), before) << "byte " << i;
     EXPECT_FALSE(fresh.reader.inSync());
   }
+
+  link.connect();
+  link.source->countIs(2);
+  link.writer.flush();
+  (void)link.sink->take();  // lost
+  link.source->countIs(3);
+  EXPECT_THROW(link.sync(), Kel::LogException);
+  EXPECT_EQ(errorOf<Kel::LogException>([&] { link.reader.bytesIs(""); }),
+            "The attribute log reader needs a new connection");
+  link.connect();
+  EXPECT_TRUE(link.same());
+
+  link.reader.maxFrameBytesIs(1000);
+  Hand h;
+  h.record(1, logId("label"), enc(Kel::String(2000, 'x')));
+  EXPECT_EQ(errorOf<Kel::LogException>(
+                [&] { link.reader.bytesIs(h.frame(link.reader.frames() + 1).substr(0, 24)); }),
+            "Attribute log frame of 2016 bytes is over the limit of 1000 bytes");
+  EXPECT_EQ(link.replica->label(), "a");
 }
 
 // The reader's reference table against a map: references from a counter as a
@@ -247,8 +264,9 @@ TEST(AttrLog, ReferenceTableFollowsAModel) {
 }
 
 // Through a non-blocking pipe: the reader reads what is there, and sees the
-// end of the stream.
-TEST(AttrLog, OverAPipe) {
+// end of the stream. A subscriber whose socket closed is dropped at the next
+// flush, without SIGPIPE.
+TEST(AttrLog, OverAPipeAndAClosedSocket) {
   Link link;
   int fds[2];
   ASSERT_EQ(::pipe2(fds, O_NONBLOCK), 0);
@@ -268,13 +286,7 @@ TEST(AttrLog, OverAPipe) {
   ::close(fds[1]);
   EXPECT_FALSE(link.reader.readAvailable()) << "end of stream";
   ::close(fds[0]);
-}
 
-// A subscriber whose socket closed is dropped at the next flush, without
-// SIGPIPE.
-TEST(AttrLog, ClosedSocketDropsTheSubscriberWithoutSignal) {
-  Link link;
-  int fds[2];
   ASSERT_EQ(::socketpair(AF_UNIX, SOCK_STREAM | SOCK_NONBLOCK, 0, fds), 0);
   link.writer.subscriberNew(std::make_unique<Kel::FdSink>(fds[0]));
   ::close(fds[1]);  // the replica has gone
@@ -282,21 +294,6 @@ TEST(AttrLog, ClosedSocketDropsTheSubscriberWithoutSignal) {
   link.writer.flush();  // would raise SIGPIPE with a plain write
   EXPECT_EQ(link.writer.subscribers(), 0u);
   ::close(fds[0]);
-}
-
-// A lost frame is detected, and the reader refuses everything until it
-// reconnects.
-TEST(AttrLog, GapIsDetected) {
-  Link link;
-  link.connect();
-  link.source->countIs(1);
-  link.writer.flush();
-  (void)link.sink->take();  // lost
-  link.source->countIs(2);
-  EXPECT_THROW(link.sync(), Kel::LogException);
-  EXPECT_THROW(link.reader.bytesIs(""), Kel::LogException) << "until it reconnects";
-  link.connect();
-  EXPECT_TRUE(link.same());
 }
 
 // Records a replica must refuse, each whole, with the error it raises; one
@@ -538,11 +535,9 @@ TEST(AttrLog, ChecksumIsCrc32) {
 // and by changes.
 TEST(AttrLog, QueueNumbersThatWrappedStillReplicate) {
   Link link;
-  Kel::KelAttr const* points = Root::kelType.attr("points");
   Kel::U32 const start = 0xfffffffeu;
   Sample::Point const first(7, 7);
-  ASSERT_EQ(Root::kelType.attributeOp(nullptr, static_cast<Kel::Entity*>(link.source.get()), points,
-                                      Kel::attrOpEnqAt, &start, &first),
+  ASSERT_EQ(TestSupport::attrOp(*link.source, "points", Kel::attrOpEnqAt, nullptr, &start, &first),
             Kel::attrDone);
   EXPECT_EQ(link.source->newPoints(1, 1), 0xffffffffu);
   EXPECT_EQ(link.source->newPoints(2, 2), 0u);
@@ -564,19 +559,6 @@ TEST(AttrLog, QueueNumbersThatWrappedStillReplicate) {
   link.source->newEvents(9);
   link.sync();
   EXPECT_EQ(link.replica->eventsMetadata(), link.source->eventsMetadata());
-}
-
-// A frame over the reader's limit is refused from its header alone.
-TEST(AttrLog, FrameOverTheLimitIsRefusedFromItsHeader) {
-  Link link;
-  link.connect();
-  link.reader.maxFrameBytesIs(1000);
-  Hand h;
-  h.record(1, logId("label"), enc(Kel::String(2000, 'x')));
-  std::string const header = h.frame(3).substr(0, 24);
-  EXPECT_EQ(errorOf<Kel::LogException>([&] { link.reader.bytesIs(header); }),
-            "Attribute log frame of 2016 bytes is over the limit of 1000 bytes");
-  EXPECT_EQ(link.replica->label(), "");
 }
 
 // A stream that makes an entity refer to itself cannot keep it alive, held
@@ -698,8 +680,7 @@ TEST(AttrLog, DedupTablesAndDedupedValuesReplicate) {
                                                  Sample::dedupHolderFactory("holder"));
   link.connect();
   auto const table = link.source->sessionIdDedupTableIs();
-  RsvpSessionId const id(Lumo::IpGenAddr("10.0.0.2"), RsvpTunnelId(7), Lumo::IpGenAddr("10.0.0.1"));
-  RsvpSessionIdDeduped const session(table->dedupFromValue(id));
+  RsvpSessionIdDeduped const session(table->dedupFromValue(spId(1).sessionId()));
   RsvpNeighborIdDeduped const neighbor(
       rsvpNeighborIdHandleFactory(RsvpNeighborId(Lumo::IpGenAddr("10.0.0.9"))));
   link.source->pathIdIs(RsvpPathIdDeduped(rsvpPathIdHandleFactory(RsvpPathId(3))));
@@ -716,7 +697,8 @@ TEST(AttrLog, DedupTablesAndDedupedValuesReplicate) {
 }
 
 // A snapshot or a flush larger than a frame's part goes as several frames,
-// cut at record boundaries; the replica ends the same either way.
+// cut at record boundaries; the replica ends the same either way. A large
+// snapshot feeds a backlogged sink as it goes.
 TEST(AttrLog, LargePayloadsGoAsSeveralFrames) {
   Link link;
   link.writer.framePartBytesIs(512);
@@ -763,12 +745,11 @@ TEST(AttrLog, LargePayloadsGoAsSeveralFrames) {
   std::string const flushed = sink.take();
   ASSERT_EQ(payloads(flushed).size(), 1u);
   EXPECT_GT(payloads(flushed).front().size(), Kel::logSnapshotPartBytes);
-}
 
-// While it writes a large snapshot, the writer asks a sink holding bytes its
-// descriptor did not take to pass them on every 64 KiB, not only at the end,
-// so that a replica busy with one part is fed the next as soon as it reads.
-TEST(AttrLog, SnapshotFeedsABackloggedSinkAsItGoes) {
+  // While it writes a large snapshot, the writer asks a sink holding bytes
+  // its descriptor did not take to pass them on every 64 KiB, not only at the
+  // end, so that a replica busy with one part is fed the next as soon as it
+  // reads. (The writer looks at its sink between two entities' records.)
   struct Backlogged : Kel::LogSink {
     std::size_t held = 0;
     int retries = 0;
@@ -782,13 +763,10 @@ TEST(AttrLog, SnapshotFeedsABackloggedSinkAsItGoes) {
     }
     [[nodiscard]] bool pending() const override { return held > 0; }
   };
-  Link link;
-  link.writer.framePartBytesIs(512u << 10);
-  // Entities: the writer looks at its sink between two entities' records.
-  for (Kel::U32 i = 0; i < 40000; ++i) link.source->leafIs(i)->weightIs(i);
-  auto sink = std::make_unique<Backlogged>();
-  Backlogged const& seen = *sink;
-  link.writer.subscriberNew(std::move(sink));
+  writer.framePartBytesIs(512u << 10);
+  auto backlogged = std::make_unique<Backlogged>();
+  Backlogged const& seen = *backlogged;
+  writer.subscriberNew(std::move(backlogged));
   ASSERT_GT(seen.held, std::size_t{2} << 20);
   // About one retry for each 64 KiB written after the first part went out
   // (none before: nothing waits); a retry per part would give an eighth.
@@ -865,7 +843,8 @@ std::string followed(Kel::LogPublisher& publisher, Kel::LogReplica& replica, Roo
 }
 
 // Two replicas attach at different times and follow; one leaves, the other
-// keeps following; the publisher going away ends the last one with one line.
+// keeps following; the publisher going away ends the last one with one line,
+// and so is every other error.
 TEST(LogSocket, ReplicasAttachFollowAndLeave) {
   SocketPath const at("follow");
   auto const source = Sample::rootFactory("root");
@@ -907,11 +886,8 @@ TEST(LogSocket, ReplicasAttachFollowAndLeave) {
   EXPECT_EQ(errorOf<Kel::Exception>([&] { replicaB.readAvailable(); }),
             "Publisher at '" + at.path + "' went away");
   EXPECT_EQ(source->kelNboAttrLogSa(), nullptr) << "the publisher unmounted the tree";
-}
 
-TEST(LogSocket, ErrorsAreOneClearLine) {
-  SocketPath const at("errors");
-  auto const root = Sample::rootFactory("root");
+  // Errors are one clear line.
   EXPECT_EQ(errorOf<Kel::Exception>([&] { Kel::LogReplica r(at.path); }),
             "No publisher at '" + at.path + "'");
   std::string const longPath(200, 'x');
@@ -926,22 +902,21 @@ TEST(LogSocket, ErrorsAreOneClearLine) {
     ASSERT_EQ(::bind(fd, reinterpret_cast<sockaddr*>(&a), sizeof a), 0);
     ::close(fd);
   }
-  Kel::LogPublisher publisher(at.path);
-  publisher.treeIs(1, *root);
+  publisher = std::make_unique<Kel::LogPublisher>(at.path);
+  publisher->treeIs(1, *source);
   EXPECT_EQ(errorOf<Kel::Exception>([&] { Kel::LogPublisher p(at.path); }),
             "Publisher socket path '" + at.path + "' is in use by a live publisher");
-  EXPECT_EQ(errorOf<Kel::Exception>([&] { publisher.treeIs(1, *root); }),
+  EXPECT_EQ(errorOf<Kel::Exception>([&] { publisher->treeIs(1, *source); }),
             "Tree 1 is already published");
   auto const status = Rsvp::rsvpStatusFactory("status");
-  auto const copy = Sample::rootFactory("root");
   std::tuple<Kel::U32, Kel::Entity*, std::string> const cases[] = {
-      {2, copy.get(), "Publisher at '" + at.path + "' serves no tree 2"},
+      {2, copyB.get(), "Publisher at '" + at.path + "' serves no tree 2"},
       {1, status.get(),
        "Publisher at '" + at.path + "': tree 1 is a Rsvp::Sample::Root, not a Rsvp::RsvpStatus"}};
   for (auto const& [tree, follows, error] : cases) {
     Kel::LogReplica replica(at.path);  // goes before the roots it follows
     replica.treeIs(tree, *follows);
-    publisher.serve();
+    publisher->serve();
     EXPECT_EQ(errorOf<Kel::Exception>([&] { replica.inSyncAwait(5000); }), error);
   }
 }

@@ -139,7 +139,8 @@ TEST(Notification, DerivedEntityNotifiesBaseAndOwnAttributes) {
   EXPECT_TRUE(special->fwkType().isA(Root::kelType));
 }
 
-// Notifiees hear in the order they joined; one that rejoins goes last.
+// Notifiees hear in the order they joined; one that rejoins goes last; one
+// added during a dispatch hears the next change, not this one.
 TEST(Notification, InListOrder) {
   auto root = Sample::rootFactory("root");
   std::string order;
@@ -156,6 +157,17 @@ TEST(Notification, InListOrder) {
   root->countIs(2);
   EXPECT_EQ(order, "abcacb");
   EXPECT_EQ(root->notifieeList().size(), 3u);
+
+  Recorder late;
+  struct Adder : Root::NotifieeConst {
+    Adder(Root* r, Recorder* l) : NotifieeConst(r), late(l) {}
+    void onCount() override { late->notifierIs(notifier()); }
+    Recorder* late;
+  } adder(root.get(), &late);
+  root->countIs(3);
+  EXPECT_EQ(late.log, Log{}) << "a notifiee added during a dispatch hears the next change";
+  root->countIs(4);
+  EXPECT_EQ(late.log, Log{"count"});
 }
 
 // Children know their parent and full name while in the tree; removal and
@@ -188,35 +200,18 @@ TEST(Parents, SetOnInsertClearedOnRemoval) {
   EXPECT_EQ(slot->parent(), nullptr);
 }
 
-// Find-or-create answers the entity made before; other constructor
-// arguments are refused with the exact text.
-TEST(FindOrCreate, ReinstantiationWithOtherArgumentsIsRefused) {
-  auto root = Sample::rootFactory("root");
-  Kel::Ptr<Sample::Path> const p = root->pathIs(spId(3), true);
-  EXPECT_EQ(root->pathIs(spId(3), true), p);
-  EXPECT_EQ(errorOf<Kel::ReinstantiationException>([&] { root->pathIs(spId(3), false); }),
-            "Reinstantiating the entity with fullName root/" + spId(3).stringValue() +
-                " where constructor parameter attribute 'isBypass' has a different value of false");
-  EXPECT_TRUE(root->path(spId(3))->isBypass());
-  EXPECT_EQ(root->albumIs("first")->name(), "first");
-  EXPECT_EQ(root->albumIs("other")->name(), "first") << "a slot's child is made once";
-}
-
 // A null entity for a queue or a map keyed by its members is refused with
-// the fixed text, changing nothing.
-TEST(Errors, NullPointerMutatorText) {
+// the fixed text, changing nothing; a refused set keeps the value and tells
+// nobody, and both bounds are checked. Find-or-create answers the entity
+// made before, and refuses other constructor arguments with the exact text.
+TEST(Errors, RefusedMutatorsChangeNothing) {
   auto root = Sample::rootFactory("root");
+  TestSupport::Heard heard(root.get());
   EXPECT_EQ(errorOf<Kel::NullPointerException>([&] { root->eventsEnq(nullptr); }),
             "null _events parameter to mutator for Rsvp::Sample::Root::events not allowed\"");
   EXPECT_EQ(errorOf<Kel::NullPointerException>([&] { root->pinnedIs(nullptr); }),
             "null _pinned parameter to mutator for Rsvp::Sample::Root::pinned not allowed\"");
   EXPECT_EQ(root->eventsSize() + root->pinnedSize(), 0u);
-}
-
-// A refused set keeps the value and tells nobody; both bounds are checked.
-TEST(Errors, RangeCheckedSetterLeavesValueAndNotifiesNobody) {
-  auto root = Sample::rootFactory("root");
-  TestSupport::Heard heard(root.get());
   root->epochIs(5);
   EXPECT_EQ(errorOf<Kel::RangeException>([&] { root->epochIs(16777217); }),
             "Root::epoch < 0 or > Rsvp::RsvpMsgIdObj::invalidMsgIdEpochValue not allowed");
@@ -225,6 +220,14 @@ TEST(Errors, RangeCheckedSetterLeavesValueAndNotifiesNobody) {
   EXPECT_EQ(root->slotIs()->level(), 1u);
   EXPECT_THROW(root->slot()->levelIs(8), Kel::RangeException);
   EXPECT_THROW(root->slot()->levelIs(0), Kel::RangeException);
+  Kel::Ptr<Sample::Path> const p = root->pathIs(spId(3), true);
+  EXPECT_EQ(root->pathIs(spId(3), true), p);
+  EXPECT_EQ(errorOf<Kel::ReinstantiationException>([&] { root->pathIs(spId(3), false); }),
+            "Reinstantiating the entity with fullName root/" + spId(3).stringValue() +
+                " where constructor parameter attribute 'isBypass' has a different value of false");
+  EXPECT_TRUE(root->path(spId(3))->isBypass());
+  EXPECT_EQ(root->albumIs("first")->name(), "first");
+  EXPECT_EQ(root->albumIs("other")->name(), "first") << "a slot's child is made once";
 }
 
 // Lifetime cases; the sanitizer build checks that none touches freed memory.
@@ -309,21 +312,6 @@ TEST(Lifetime, CallbackDropsTheLastReferenceToTheEntity) {
   root->countIs(3);
   EXPECT_EQ(d.calls, 2) << "left in its second callback";
   EXPECT_FALSE(root->hasNotifiees());
-}
-
-// A notifiee added during a dispatch hears the next change, not this one.
-TEST(Lifetime, NotifieeAddedDuringDispatchHearsTheNextChange) {
-  auto root = Sample::rootFactory("root");
-  Recorder late;
-  struct Adder : Root::NotifieeConst {
-    Adder(Root* r, Recorder* l) : NotifieeConst(r), late(l) {}
-    void onCount() override { late->notifierIs(notifier()); }
-    Recorder* late;
-  } adder(root.get(), &late);
-  root->countIs(1);
-  EXPECT_EQ(late.log, Log{});
-  root->countIs(2);
-  EXPECT_EQ(late.log, Log{"count"});
 }
 
 // Freezing from within a callback: the entities held (a child's reference,

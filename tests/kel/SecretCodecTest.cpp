@@ -89,7 +89,7 @@ char const* const kBase64 = "Encoded secret is not valid base64";
 char const* const kVerify = "Encoded secret does not verify (wrong key or altered text)";
 char const* const kNoKey = "Secret codec has no key";
 
-TEST_F(SecretCodec, BadTextsAreRefusedWithTheirText) {
+TEST_F(SecretCodec, BadTextsAndKeysAreRefusedWithTheirText) {
   String const body = kVector.substr(4);
   std::pair<String, char const*> const cases[] = {
       {body, kVersion},
@@ -104,9 +104,8 @@ TEST_F(SecretCodec, BadTextsAreRefusedWithTheirText) {
       {kVector.substr(0, kVector.size() - 4), kVerify},
   };
   for (auto const& [text, expected] : cases) EXPECT_EQ(refusal(text), expected) << text;
-}
 
-TEST_F(SecretCodec, KeyDecidesAndBadKeysChangeNothing) {
+  // The key decides; a bad key changes nothing.
   for (std::size_t size : {0, 1, 31, 33, 64}) {
     EXPECT_EQ(errorOf<Ck::CodecException>([&] { Ck::keyIs(String(size, 'k')); }),
               "Secret codec key must be exactly 32 bytes");
@@ -120,7 +119,7 @@ TEST_F(SecretCodec, KeyDecidesAndBadKeysChangeNothing) {
   EXPECT_EQ(refusal("ck2:"), kVersion);  // the form is checked before the key
 }
 
-TEST_F(SecretCodec, PlatformCodecReplacesTheDefaultUntilRemoved) {
+TEST_F(SecretCodec, PlatformCodecReplacesTheDefaultUntilRemovedEvenAcrossThreads) {
   auto const platform = std::make_shared<ReverseCodec const>();
   Ck::codecIs(platform);
   EXPECT_EQ(Ck::codec(), platform);
@@ -129,10 +128,8 @@ TEST_F(SecretCodec, PlatformCodecReplacesTheDefaultUntilRemoved) {
   EXPECT_EQ(refusal(kVector), "not mine");
   Ck::codecIs(nullptr);
   EXPECT_EQ(Ck::doDecodeKey(kVector), kClear);
-}
 
-TEST_F(SecretCodec, ThreadsRoundTripWhileCodecAndKeyAreReplaced) {
-  auto const platform = std::make_shared<ReverseCodec const>();
+  // Threads round trip while the codec and the key are replaced.
   std::atomic<int> wrong = 0;
   std::vector<std::thread> threads;
   for (int t = 0; t < 4; ++t) {

@@ -150,8 +150,9 @@ void PrintTo(TextCase const& c, std::ostream* os) { *os << '\'' << c.text << '\'
 
 class Text : public testing::TestWithParam<TextCase> {};
 
-// Accepted input prints in its canonical form; refused input raises the
-// exact text, and neither the position nor the target moves.
+// Accepted input prints in its canonical form, and a parse stops right
+// behind its value; refused input raises the exact text, and neither the
+// position nor the target moves.
 TEST_P(Text, PrintsCanonicallyOrRaisesTheExactText) {
   EXPECT_EQ(GetParam().fn(GetParam().text), GetParam().result) << GetParam().text;
 }
@@ -185,6 +186,27 @@ std::vector<TextCase> ip6Cases() {
 }
 
 INSTANTIATE_TEST_SUITE_P(Ipv6, Text, testing::ValuesIn(ip6Cases()));
+
+// Parses at the start of `text`; answers the value's strep and what is left.
+template <class T>
+String parseHead(std::string_view text) {
+  T v;
+  Kel::TextIt it = text.data();
+  sequenceToValue(it, text.data() + text.size(), &v);
+  return Kel::valueToStrep(v) + "|" + String(it, text.data() + text.size());
+}
+
+INSTANTIATE_TEST_SUITE_P(
+    StopsBehindTheValue, Text,
+    testing::Values(TextCase{parseHead<Lumo::IpGenAddr>, "10.0.0.2/8", "10.0.0.2|/8"},
+                    TextCase{parseHead<Lumo::IpGenAddr>, "/8", "|/8"},
+                    TextCase{parseHead<Lumo::Ip6Addr>, "fe80::1%eth0", "fe80::1|%eth0"},
+                    TextCase{parseHead<Lumo::IpGenPrefix>, "10.0.0.0/8 up", "10.0.0.0/8| up"},
+                    TextCase{parseHead<Lumo::MplsLabel>, "16 x", "16| x"},
+                    TextCase{parseHead<Lumo::EthType>, "2048x", "0x0800|x"},
+                    TextCase{parseHead<Lumo::IntfId>, "ge-0/0/1.100 up", "ge-0/0/1.100| up"},
+                    TextCase{parseHead<Lumo::IntfId>, " up", "| up"},
+                    TextCase{parseHead<Lumo::NetU8>, "7;", "7|;"}));
 
 INSTANTIATE_TEST_SUITE_P(
     Other, Text,
@@ -281,31 +303,6 @@ TEST(TextErrors, TenMegabytesOfInputGiveAShortMessage) {
        "Invalid IpGenAddr 'xxxxxxxxxxxxxxxxxxxxxxxx...'"},
   };
   for (auto const& [error, expected] : cases) EXPECT_EQ(error, expected);
-}
-
-// Parses at the start of `text`; answers the value's strep and what is left.
-template <class T>
-String parseHead(std::string_view text) {
-  T v;
-  Kel::TextIt it = text.data();
-  sequenceToValue(it, text.data() + text.size(), &v);
-  return Kel::valueToStrep(v) + "|" + String(it, text.data() + text.size());
-}
-
-// A parse stops right behind its value.
-TEST(SequenceToValue, StopsBehindTheValue) {
-  std::pair<String, char const*> const cases[] = {
-      {parseHead<Lumo::IpGenAddr>("10.0.0.2/8"), "10.0.0.2|/8"},
-      {parseHead<Lumo::IpGenAddr>("/8"), "|/8"},
-      {parseHead<Lumo::Ip6Addr>("fe80::1%eth0"), "fe80::1|%eth0"},
-      {parseHead<Lumo::IpGenPrefix>("10.0.0.0/8 up"), "10.0.0.0/8| up"},
-      {parseHead<Lumo::MplsLabel>("16 x"), "16| x"},
-      {parseHead<Lumo::EthType>("2048x"), "0x0800|x"},
-      {parseHead<Lumo::IntfId>("ge-0/0/1.100 up"), "ge-0/0/1.100| up"},
-      {parseHead<Lumo::IntfId>(" up"), "| up"},
-      {parseHead<Lumo::NetU8>("7;"), "7|;"},
-  };
-  for (auto const& [got, want] : cases) EXPECT_EQ(got, want);
 }
 
 // Constructors from whole texts or numbers, and setters, check as parsers do.

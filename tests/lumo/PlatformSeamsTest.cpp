@@ -27,30 +27,22 @@ using Tunnel::TunnelTable::TunnelId;
 
 using TestSupport::errorOf;
 using TestSupport::parseError;
+using TestSupport::refusedText;
 
-// The error of parsing `text` into a copy of `start`, checking that the copy
-// is left as it was.
-template <class T>
-std::string refused(T const& start, std::string_view text) {
-  T v = start;
-  std::string const error = errorOf<Kel::RangeException>([&] { v.stringValueIs(text); });
-  EXPECT_EQ(v, start) << text;
-  return error;
-}
-
-// Every refused text raises its exact error and leaves the target as it was.
-TEST(PlatformSeams, RefusedTextChangesNothing) {
+// Every refused text raises its exact error and leaves the target as it was;
+// so does every other entrance of a priority.
+TEST(PlatformSeams, RefusedTextAndPrioritiesChangeNothing) {
   PathKey const key(IpGenAddr::ipv4(0x0a000001), IpGenAddr::ipv4(0x0a000002), 7);
   BwPriority const prio(3, 2);
   std::pair<std::string, char const*> const cases[] = {
-      {refused(key, "<src=10.0.0.1>_<dst=10.0.0.2>_<tunnelId=65536>"),
+      {refusedText(key, "<src=10.0.0.1>_<dst=10.0.0.2>_<tunnelId=65536>"),
        "Number 65536 out of range for U16 (attribute 'tunnelId')"},
-      {refused(key, "<src=10.0.0.300>_<dst=>_<tunnelId=1>"),
+      {refusedText(key, "<src=10.0.0.300>_<dst=>_<tunnelId=1>"),
        "Invalid IpGenAddr '10.0.0.300' (attribute 'src')"},
       {parseError<PathKey>("<src=>_<dst=>_<tunnelId=1>x"), "Invalid PathKey"},
-      {refused(prio, "<setup=8>_<hold=0>"),
+      {refusedText(prio, "<setup=8>_<hold=0>"),
        "BwPriority::setup < BwPriority::min or > BwPriority::max not allowed (attribute 'setup')"},
-      {refused(prio, "<setup=0>_<hold=255>"),
+      {refusedText(prio, "<setup=0>_<hold=255>"),
        "BwPriority::hold < BwPriority::min or > BwPriority::max not allowed (attribute 'hold')"},
       {parseError<BwPriority>("<setup=0>_<hold=256>"),
        "Number 256 out of range for U8 (attribute 'hold')"},
@@ -60,11 +52,10 @@ TEST(PlatformSeams, RefusedTextChangesNothing) {
       {parseError<TunnelId>("-1"), "Expected a number but found '-1'"},
   };
   for (auto const& [got, want] : cases) EXPECT_EQ(got, want);
-}
 
-// A priority above 7 is refused by the constructor, both setters (with their
-// texts, the value kept) and the wire decoder, which also refuses a short read.
-TEST(PlatformSeams, PriorityRangeAtEveryEntrance) {
+  // A priority above 7 is refused by the constructor, both setters (with
+  // their texts, the value kept) and the wire decoder, which also refuses a
+  // short read.
   for (Kel::U8 v : {Kel::U8{8}, Kel::U8{255}}) {
     BwPriority p(7, 7);
     EXPECT_THROW(BwPriority(v, 0), Kel::RangeException);

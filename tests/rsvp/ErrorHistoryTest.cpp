@@ -17,14 +17,10 @@ namespace {
 using namespace Rsvp;
 using TestSupport::errorOf;
 
-bool isDefault(RsvpErrorState const& s) {
-  return s.error().errorCode() == rsvpErrorCodeUnknown && s.error().errorValue() == 0 &&
-         s.errorDetectedTime() == 0 && s.errorProcessedTime() == 0 && !s.offendingMsg();
-}
-
 // Which attributes differ from their defaults before reset() -> the
 // notifications reset() gives, always in declaration order; a fresh state
-// already holds the defaults (no error known: code 256, not 0).
+// already holds the defaults (no error known: code 256, not 0). reset()
+// traces its entry at level 8 (the levels' gate is TraceTest's).
 TEST(ErrorState, ResetNotifiesEachChangedAttributeInOrder) {
   Kel::Ptr<RsvpMsg const> const msg = rsvpPathMsgFactory();
   // The changes before reset(), and the notifications it gives.
@@ -58,20 +54,15 @@ TEST(ErrorState, ResetNotifiesEachChangedAttributeInOrder) {
     auto state = rsvpErrorStateFactory();
     set(*state);
     TestSupport::Heard heard(state.get());
+    TestSupport::TraceCapture trace("RsvpError", 8);
     state->reset();
     EXPECT_EQ(heard.log, expected);
-    EXPECT_TRUE(isDefault(*state));
+    EXPECT_EQ(trace.lines, std::vector<std::string>{"RsvpError[8] reset fullName=RsvpErrorState"});
+    EXPECT_EQ(Kel::browseText(*state), Kel::browseText(*rsvpErrorStateFactory()));
     heard.log.clear();
     state->reset();
     EXPECT_TRUE(heard.log.empty()) << "a second reset changes nothing";
   }
-}
-
-// reset() traces its entry at level 8 (the levels' gate is TraceTest's).
-TEST(ErrorState, ResetTracesItsEntryAtLevel8) {
-  TestSupport::TraceCapture c("RsvpError", 8);
-  rsvpErrorStateFactory()->reset();
-  EXPECT_EQ(c.lines, std::vector<std::string>{"RsvpError[8] reset fullName=RsvpErrorState"});
 }
 
 // Leaves of the history entry (with no arguments but the timestamp, with an

@@ -70,8 +70,11 @@ TEST(IntegrityDeathTest, FatalMisuse) {
   EXPECT_DEATH(RsvpIntegrityMessageDigest(Cli::none, buf), "Unexpected HMAC type");
 }
 
-// The digest's operations touch its 16 bytes and nothing beside them.
-TEST(Digest, SizeAndSetToZeroTouchExactly16Bytes) {
+// The digest's operations touch its 16 bytes and nothing beside them. Random
+// keys (empty, short, a block, longer) and lengths, in an order that switches
+// keys often: the bytes are the one-shot HMAC's (which makes the RFC 2202
+// vectors' case too).
+TEST(Digest, TouchesExactly16BytesAndMatchesTheOneShotHmac) {
   Kel::U8 buf[18];
   std::memset(buf, 0xAA, sizeof buf);
   RsvpIntegrityMessageDigest const d(Cli::md5, buf + 1);
@@ -87,12 +90,7 @@ TEST(Digest, SizeAndSetToZeroTouchExactly16Bytes) {
   EXPECT_EQ(buf[17], 0xAA);
   // The digest's text is its address, which parses back within the process.
   EXPECT_EQ(strepToValue<RsvpIntegrityMessageDigest>(valueToStrep(d)), d);
-}
 
-// Random keys (empty, short, a block, longer) and lengths, in an order that
-// switches keys often: the bytes are the one-shot HMAC's (which makes the
-// RFC 2202 vectors' case too).
-TEST(Digest, SameBytesAsTheOneShotHmac) {
   std::mt19937 rng(11);
   std::vector<std::string> keys = {"", "k", std::string(64, 'x'), std::string(65, 'y')};
   for (int i = 0; i < 6; ++i)
@@ -119,8 +117,11 @@ TEST(Digest, SameBytesAsTheOneShotHmac) {
 
 // The receive queue's record (head, next, size), also read through
 // reflection and its text. (The numbering itself is the queue's, against a
-// model in ContainersTest.)
-TEST(SecAssociation, QueueRecord) {
+// model in ContainersTest.) The receive window against a plain model: the
+// largest number seen and the set of every number accepted; a number is new
+// when above the largest, or within the window below it and not accepted
+// before.
+TEST(SecAssociation, QueueRecordAndReceiveWindow) {
   auto const sa = rsvpSecAssociationFactory(saKey(5));
   using Md = Kel::QueueMetadata;
   EXPECT_EQ(sa->rxQueuedSeqNoMetadata(), Md(0, 0, 0));
@@ -134,21 +135,14 @@ TEST(SecAssociation, QueueRecord) {
   EXPECT_EQ(sa->rxQueuedSeqNoEnq(1), 11u);
   // The record is reflected read-only under its own attribute.
   Kel::QueueMetadata seen;
-  Kel::KelAttr const* a = RsvpSecAssociation::kelType.attr("rxQueuedSeqNoMetadata");
-  EXPECT_EQ(RsvpSecAssociation::kelType.attributeOp(&seen, sa.get(), a, Kel::attrOpRead, nullptr,
-                                                    nullptr),
+  EXPECT_EQ(TestSupport::attrOp(*sa, "rxQueuedSeqNoMetadata", Kel::attrOpRead, &seen),
             Kel::attrDone);
   EXPECT_EQ(seen, Md(10, 11, 2));
   EXPECT_EQ(strepToValue<Kel::QueueMetadata>(valueToStrep(seen)), seen);
-}
 
-// The receive window against a plain model: the largest number seen and the
-// set of every number accepted; a number is new when above the largest, or
-// within the window below it and not accepted before.
-TEST(SecAssociation, ReceiveWindowAgainstAModel) {
   std::mt19937_64 rng(5);
   for (Kel::U32 window : {1u, 2u, 7u, 64u, 255u}) {
-    auto const sa = rsvpSecAssociationFactory(saKey(window));
+    auto const windowed = rsvpSecAssociationFactory(saKey(window));
     std::set<Kel::U64> accepted;
     Kel::U64 top = 0;
     bool any = false;
@@ -163,7 +157,7 @@ TEST(SecAssociation, ReceiveWindowAgainstAModel) {
       } else if (accepted.count(seq)) {
         want = seqNoDuplicate;
       }
-      ASSERT_EQ(sa->acceptRxSeqNo(seq, window), want) << window << " " << seq << " " << top;
+      ASSERT_EQ(windowed->acceptRxSeqNo(seq, window), want) << window << " " << seq << " " << top;
       if (want == seqNoAccepted) {
         accepted.insert(seq);
         top = any ? std::max(top, seq) : seq;
@@ -171,12 +165,12 @@ TEST(SecAssociation, ReceiveWindowAgainstAModel) {
       }
       // What is stored is exactly the accepted numbers within the window.
       Kel::U64 const min = top >= window - 1 ? top - (window - 1) : 0;
-      ASSERT_EQ(sa->rxSeqNoMin(), min);
+      ASSERT_EQ(windowed->rxSeqNoMin(), min);
       std::set<Kel::U64> inWindow(accepted.lower_bound(min), accepted.end());
-      ASSERT_EQ(sa->rxSeqNoSize(), inWindow.size());
-      ASSERT_EQ(sa->rxQueuedSeqNoSize(), inWindow.size());
-      for (auto it = sa->rxQueuedSeqNoIter(); !it.done(); ++it) {
-        ASSERT_TRUE(inWindow.count(it.value()) && sa->rxSeqNo(it.value()));
+      ASSERT_EQ(windowed->rxSeqNoSize(), inWindow.size());
+      ASSERT_EQ(windowed->rxQueuedSeqNoSize(), inWindow.size());
+      for (auto it = windowed->rxQueuedSeqNoIter(); !it.done(); ++it) {
+        ASSERT_TRUE(inWindow.count(it.value()) && windowed->rxSeqNo(it.value()));
       }
     }
   }

@@ -45,7 +45,7 @@ using Mutation = std::pair<char const*, std::function<void(RsvpPathMsg&)>>;
 TEST(PathEqual, EachComparedObjectChangesTheAnswer) {
   std::vector<Mutation> const compared = {
       // Each attribute alone is MsgClasses'; these change what the objects
-      // hold inside (unknown objects are SelfEmptyAndUnknownObjects').
+      // hold inside (unknown objects are SelfEmptyUnknownAndOpaqueObjects').
       {"explicitRouteObj absent", [](RsvpPathMsg& m) { m.explicitRouteObjIs(nullptr); }},
       {"explicitRouteObj hops",
        [](RsvpPathMsg& m) {
@@ -77,8 +77,9 @@ TEST(PathEqual, EachComparedObjectChangesTheAnswer) {
 }
 
 // A message equals itself and never null; unknown objects compare by bytes
-// and c-type.
-TEST(MsgEqual, SelfEmptyAndUnknownObjects) {
+// and c-type. Opaque objects: lengths from their bytes, equality by bytes,
+// the record route's null cases.
+TEST(MsgEqual, SelfEmptyUnknownAndOpaqueObjects) {
   auto const a = fullPath();
   EXPECT_TRUE(a->equal(a));
   EXPECT_FALSE(a->equal(nullptr));
@@ -92,6 +93,27 @@ TEST(MsgEqual, SelfEmptyAndUnknownObjects) {
   b->unknownObjDeq();
   b->newUnknownObj(50, 2)->dataIs("abc");
   EXPECT_FALSE(a->equal(b)) << "same bytes, another c-type";
+
+  EXPECT_EQ(rsvpUnknownObjFactory(1, 2)->length(), 4u);
+  EXPECT_EQ(rsvpRroUnknownSubObjFactory(1)->length(), 2u);
+  auto frag = rsvpAdSpecUnknownFragFactory();
+  frag->dataIs("12345");
+  EXPECT_EQ(frag->length(), 5u);
+  auto x = rsvpUnknownObjFactory(1, 2);
+  auto y = rsvpUnknownObjFactory(1, 2);
+  x->dataIs("xy");
+  y->dataIs("xz");
+  EXPECT_FALSE(x->equal(y)) << "different bytes, same header";
+  y->dataIs("xy");
+  EXPECT_TRUE(x->equal(y));
+
+  auto r1 = rsvpRecordRouteObjFactory();
+  auto r2 = rsvpRecordRouteObjFactory();
+  EXPECT_TRUE(RsvpRecordRouteObj::recordRouteObjEqual(nullptr, nullptr));
+  EXPECT_FALSE(RsvpRecordRouteObj::recordRouteObjEqual(r1, nullptr));
+  EXPECT_TRUE(RsvpRecordRouteObj::recordRouteObjEqual(r1, r2));
+  r2->newUnknownSubObj(7);
+  EXPECT_FALSE(RsvpRecordRouteObj::recordRouteObjEqual(r1, r2));
 }
 
 // The message type, the transmitted id, the router alert by class and its
@@ -121,31 +143,6 @@ TEST(Msg, OverridableFacts) {
   auto err = rsvpPathErrMsgFactory();
   err->srcIpIs(IpGenAddr("10.5.5.5"));
   EXPECT_EQ(err->hopIp(), IpGenAddr("10.5.5.5")) << "no hop object: the source address";
-}
-
-// Opaque objects: lengths from their bytes, equality by bytes, the record
-// route's null cases.
-TEST(OpaqueObjects, LengthsAndEquality) {
-  EXPECT_EQ(rsvpUnknownObjFactory(1, 2)->length(), 4u);
-  EXPECT_EQ(rsvpRroUnknownSubObjFactory(1)->length(), 2u);
-  auto frag = rsvpAdSpecUnknownFragFactory();
-  frag->dataIs("12345");
-  EXPECT_EQ(frag->length(), 5u);
-  auto a = rsvpUnknownObjFactory(1, 2);
-  auto b = rsvpUnknownObjFactory(1, 2);
-  a->dataIs("xy");
-  b->dataIs("xz");
-  EXPECT_FALSE(a->equal(b)) << "different bytes, same header";
-  b->dataIs("xy");
-  EXPECT_TRUE(a->equal(b));
-
-  auto r1 = rsvpRecordRouteObjFactory();
-  auto r2 = rsvpRecordRouteObjFactory();
-  EXPECT_TRUE(RsvpRecordRouteObj::recordRouteObjEqual(nullptr, nullptr));
-  EXPECT_FALSE(RsvpRecordRouteObj::recordRouteObjEqual(r1, nullptr));
-  EXPECT_TRUE(RsvpRecordRouteObj::recordRouteObjEqual(r1, r2));
-  r2->newUnknownSubObj(7);
-  EXPECT_FALSE(RsvpRecordRouteObj::recordRouteObjEqual(r1, r2));
 }
 
 // Changes one attribute of `msg` (a plain value, a reference or a queue).

@@ -21,8 +21,9 @@ struct Mirror : TestSupport::LogLink<T> {
 };
 
 // A PATH with routes, ADSPEC and unknown objects, entities shared outside the
-// tree, reaches the replica whole and follows changes.
-TEST(MsgLog, PathWithSharedObjectsReachesTheReplica) {
+// tree, reaches the replica whole and follows changes; so does a RESV with its
+// flow descriptors and acknowledgements, and their removal.
+TEST(MsgLog, PathAndResvWithTheirObjectsReachTheReplica) {
   auto path = rsvpPathMsgFactory();
   path->sessionObjIs(RsvpSessionObj(IpGenAddr("10.0.0.2"), 7, IpGenAddr("10.0.0.1")));
   auto ero = rsvpExplicitRouteObjFactory();
@@ -49,20 +50,17 @@ TEST(MsgLog, PathWithSharedObjectsReachesTheReplica) {
   (void)path->unknownObjDeq();
   m.sync();
   EXPECT_TRUE(m.same());
-}
 
-// A RESV with its flow descriptors and acknowledgements, and their removal.
-TEST(MsgLog, ResvWithFlowDescriptors) {
   auto resv = rsvpResvMsgFactory();
   resv->flowDescriptorIs(0)->labelObjIs(RsvpLabelObj(Lumo::MplsLabel(17)));
   resv->flowDescriptorIs(1)->recordRouteObjIs(rsvpRecordRouteObjFactory());
   resv->newMsgIdAckObj(5u, 6u);
-  Mirror<RsvpResvMsg> m(resv, rsvpResvMsgFactory());
-  EXPECT_TRUE(m.same()) << Kel::browseText(*m.replica);
+  Mirror<RsvpResvMsg> r(resv, rsvpResvMsgFactory());
+  EXPECT_TRUE(r.same()) << Kel::browseText(*r.replica);
   resv->flowDescriptorDel(0);
   (void)resv->msgIdAckObjDeq();
-  m.sync();
-  EXPECT_TRUE(m.same()) << Kel::browseText(*m.replica);
+  r.sync();
+  EXPECT_TRUE(r.same()) << Kel::browseText(*r.replica);
 }
 
 // Every entity type that can be made by reflection replicates in its

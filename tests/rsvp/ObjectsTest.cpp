@@ -22,13 +22,15 @@ using Lumo::IpGenAddr;
 
 // The views that decode a raw field fall back to the unknown value (the
 // protocol id to none for the unset 65536), and their setters write the raw
-// field; the flag bits of the error object (ERROR_SPEC).
-TEST(ObjectViews, DecodedViewsFallBackToUnknown) {
+// field. Flag views read their bits, and the unused ones, at their places:
+// those of the error object (ERROR_SPEC), a recorded hop and the session
+// attribute.
+TEST(ObjectViews, DecodedViewsFallBackToUnknownAndFlagsReadTheirBits) {
   std::pair<Kel::U8, RsvpResvStyle> const styles[] = {
       {0x11, resvStyleWf},      {0x0a, resvStyleFf},      {0x12, resvStyleSe},
       {0x00, resvStyleUnknown}, {0x20, resvStyleUnknown}, {0xff, resvStyleUnknown}};
+  RsvpStyleObj s;
   for (auto const& [raw, style] : styles) {
-    RsvpStyleObj s;
     s.optionVectorStyleRawIs(raw);
     EXPECT_EQ(s.style(), style) << int(raw);
   }
@@ -36,17 +38,15 @@ TEST(ObjectViews, DecodedViewsFallBackToUnknown) {
       {9, rsvpErrorCodeUnknown},    {10, rsvpErrorCodeUnknown}, {11, rsvpErrorCodeUnknown},
       {0, rsvpConfirmation},        {25, rsvpNotify},           {256, rsvpErrorCodeUnknown},
       {65535, rsvpErrorCodeUnknown}};
+  RsvpErrorSpecObj e;
   for (auto const& [raw, code] : codes) {
-    RsvpErrorSpecObj e;
     e.errorCodeRawIs(raw);
     EXPECT_EQ(e.errorCode(), code) << raw;
   }
-  RsvpStyleObj s;
   s.styleIs(resvStyleUnknown);
   EXPECT_EQ(s.optionVectorStyleRaw(), 32);
   s.styleIs(resvStyleFf);
   EXPECT_EQ(s.optionVectorStyleRaw(), 10);
-  RsvpErrorSpecObj e;
   e.errorCodeIs(rsvpRoutingProblem);
   EXPECT_EQ(e.errorCodeRaw(), 24);
   e.flagsRawIs(0x03);
@@ -58,10 +58,7 @@ TEST(ObjectViews, DecodedViewsFallBackToUnknown) {
   EXPECT_EQ(r.l3pid(), Lumo::EthType());
   r.l3pidIs(Lumo::EthType(Lumo::EthType::mpls()));
   EXPECT_EQ(r.l3pidRaw(), 0x8847u);
-}
 
-// Flag views read their bits, and the unused ones, at their places.
-TEST(ObjectViews, FlagBits) {
   RsvpRroHopSubObj hop;
   hop.ipFlagsRawIs(0x2b);
   EXPECT_TRUE(hop.localProtectionAvail());
@@ -85,7 +82,9 @@ TEST(ObjectViews, FlagBits) {
   EXPECT_FALSE(attr.localProtectionDesired());
 }
 
-// Random values of every value type read back from text and from the log.
+// Random values of every value type read back from text and from the log;
+// a value read from the log is range-checked with the setter's text, and the
+// target kept.
 TEST(Objects, EveryValueTypeRoundTripsThroughTextAndLog) {
   std::mt19937 rng(21);
   int types = 0;
@@ -109,11 +108,7 @@ TEST(Objects, EveryValueTypeRoundTripsThroughTextAndLog) {
     }
   }
   EXPECT_GE(types, 40);
-}
 
-// A value read from the log is range-checked with the setter's text, and
-// the target kept.
-TEST(Objects, LogReadChecksRanges) {
   Kel::String bytes;
   Kel::LogOut out(bytes);
   out.u8(0);

@@ -28,8 +28,10 @@ struct Consumer : RsvpMsgPipe::NotifieeConst {
 
 // The reactor takes each message as the counter moves; reading does not
 // count. (A counter's wrap and its silence when unchanged are the neighbor's
-// counters', in IntegrityTest.)
-TEST(MsgPipe, HandOver) {
+// counters', in IntegrityTest.) In every keyed collection a pipe deleted and
+// inserted again is a new pipe with its counter at 0; the single neighbor
+// transmit pipe likewise.
+TEST(MsgPipe, HandOverAndFreshPipesAfterADelete) {
   auto const coll = rsvpSpTxMsgPipeCollFactory("tx");
   auto const pipe = coll->msgPipeIs(neighborId("10.0.0.2"));
   EXPECT_EQ(pipe->readableCount(), 0u);
@@ -45,24 +47,13 @@ TEST(MsgPipe, HandOver) {
   EXPECT_EQ(pipe->readableCount(), 2u);
   EXPECT_FALSE(pipe->rxMsg()) << "taken once";
   EXPECT_EQ(pipe->readableCount(), 2u) << "reading does not count";
-}
 
-// Writing into a slot still full is fatal.
-TEST(MsgPipeDeathTest, WriteIntoAFullSlot) {
-  auto const pipe = rsvpMsgPipeFactory("p");
-  pipe->txMsgIs(rsvpPathMsgFactory());
-  EXPECT_DEATH(pipe->txMsgIs(rsvpPathMsgFactory()), "msgHolder_ == __null");
-}
-
-// Every keyed collection: a pipe deleted and inserted again is a new pipe
-// with its counter at 0; the single neighbor transmit pipe likewise.
-TEST(MsgPipe, ReinsertedPipeStartsAfresh) {
-  auto check = [](auto coll, auto key) {
-    auto const first = coll->msgPipeIs(key);
+  auto check = [](auto pipes, auto key) {
+    auto const first = pipes->msgPipeIs(key);
     first->txMsgIs(rsvpHelloMsgFactory());
-    EXPECT_EQ(coll->msgPipeIs(key), first) << "insertion answers the existing pipe";
-    coll->msgPipeDel(key);
-    auto const second = coll->msgPipeIs(key);
+    EXPECT_EQ(pipes->msgPipeIs(key), first) << "insertion answers the existing pipe";
+    pipes->msgPipeDel(key);
+    auto const second = pipes->msgPipeIs(key);
     EXPECT_NE(second, first);
     EXPECT_EQ(second->readableCount(), 0u);
     EXPECT_FALSE(second->msgHolder());
@@ -77,6 +68,13 @@ TEST(MsgPipe, ReinsertedPipeStartsAfresh) {
   single->msgPipeIs("tx")->txMsgIs(rsvpHelloMsgFactory());
   single->msgPipeDel();
   EXPECT_EQ(single->msgPipeIs("tx")->readableCount(), 0u);
+}
+
+// Writing into a slot still full is fatal.
+TEST(MsgPipeDeathTest, WriteIntoAFullSlot) {
+  auto const pipe = rsvpMsgPipeFactory("p");
+  pipe->txMsgIs(rsvpPathMsgFactory());
+  EXPECT_DEATH(pipe->txMsgIs(rsvpPathMsgFactory()), "msgHolder_ == __null");
 }
 
 // The map counts distinct interfaces.

@@ -17,11 +17,7 @@ namespace {
 
 using namespace Rsvp;
 
-RsvpSpId sp(Kel::U32 lsp) {
-  RsvpSpId id;
-  id.pathIdIs(RsvpPathId(lsp));
-  return id;
-}
+using TestSupport::spId;
 
 char const* stateName(Kel::U32 s) {
   static char const* const names[] = {"spOperStateDown", "spOperStateRcvd", "spOperStateSent",
@@ -30,7 +26,8 @@ char const* stateName(Kel::U32 s) {
 }
 
 // Every cell of the table, for both sub-states: the new state, the trace
-// and whether observers heard of it.
+// and whether observers heard of it; an action or a stored state outside the
+// four falls back to Down.
 TEST(SpOperState, EveryCellOfTheTable) {
   Kel::U32 const table[4][4] = {
       // msgRecv, msgSend, tearRecv, tearSend
@@ -43,7 +40,7 @@ TEST(SpOperState, EveryCellOfTheTable) {
   for (bool path : {true, false}) {
     for (Kel::U32 from = 0; from < 4; ++from) {
       for (Kel::U32 action = 0; action < 4; ++action) {
-        auto state = rsvpSpStateFactory(sp(1), false);
+        auto state = rsvpSpStateFactory(spId(1), false);
         auto const start = static_cast<RsvpSpOperState>(from);
         path ? state->spOperPathStateIs(start) : state->spOperResvStateIs(start);
         TestSupport::Heard heard(state.get());
@@ -70,17 +67,14 @@ TEST(SpOperState, EveryCellOfTheTable) {
       }
     }
   }
-}
 
-// An action or a stored state outside the four falls back to Down.
-TEST(SpOperState, OutOfRangeFallsBackToDown) {
   for (Kel::U32 from = 0; from < 4; ++from) {
-    auto state = rsvpSpStateFactory(sp(1), false);
+    auto state = rsvpSpStateFactory(spId(1), false);
     state->spOperPathStateIs(static_cast<RsvpSpOperState>(from));
     state->updateOperPathState(static_cast<RsvpSpOperStateAction>(4));
     EXPECT_EQ(state->spOperPathState(), spOperStateDown) << from;
   }
-  auto state = rsvpSpStateFactory(sp(1), false);
+  auto state = rsvpSpStateFactory(spId(1), false);
   state->spOperResvStateIs(static_cast<RsvpSpOperState>(7));
   state->updateOperResvState(msgRecv);
   EXPECT_EQ(state->spOperResvState(), spOperStateDown);
@@ -107,7 +101,7 @@ TEST(SpRefresh, FastStartDoublesTheTruncatedBase) {
   };
   for (auto const& [what, fastStart, startBase, maxBase, bases] : cases) {
     for (bool downstream : {true, false}) {
-      auto state = rsvpSpStateFactory(sp(1), false);
+      auto state = rsvpSpStateFactory(spId(1), false);
       downstream ? state->currentDsBaseRefreshIs(startBase)
                  : state->currentUsBaseRefreshIs(startBase);
       unsigned int seed = 3;
@@ -128,7 +122,7 @@ TEST(SpRefresh, FastStartDoublesTheTruncatedBase) {
 // by operator id.
 TEST(SpState, BandwidthViewAndOrderByCliId) {
   auto coll = rsvpSpStateCollFactory("spStates");
-  auto state = coll->spStateIs(sp(1), false);
+  auto state = coll->spStateIs(spId(1), false);
   EXPECT_EQ(state->bandwidth(), 0.0f) << "no PATH message held";
   auto msg = rsvpPathMsgFactory();
   RsvpSenderTspecObj tspec;
@@ -136,30 +130,25 @@ TEST(SpState, BandwidthViewAndOrderByCliId) {
   msg->senderTspecObjIs(tspec);
   state->inPathStateIs()->msgIs(msg);
   EXPECT_EQ(state->bandwidth(), 1250.5f);
-  auto other = coll->spStateIs(sp(2), true);
+  auto other = coll->spStateIs(spId(2), true);
   other->spCliIdIs(RsvpCliId(1));
   state->spCliIdIs(RsvpCliId(2));
   EXPECT_TRUE(RsvpSpState::spCliIdLesser(*other, *state));
   EXPECT_FALSE(RsvpSpState::spCliIdLesser(*state, *other));
 }
 
-// The three counts walk the table; checked against a plain count over a
-// random mix.
+// The three counts walk the table: of 200 paths, every second operational,
+// every third a bypass, every fifth with its bypass in use.
 TEST(SpStateColl, CountsAgreeWithAWalk) {
   auto coll = rsvpSpStateCollFactory("spStates");
-  Kel::U32 operational = 0, bypass = 0, inUse = 0;
   for (Kel::U32 i = 0; i < 200; ++i) {
-    bool const isBypass = i % 3 == 0;
-    auto s = coll->spStateIs(sp(i), isBypass);
+    auto s = coll->spStateIs(spId(i), i % 3 == 0);
     s->operationalIs(i % 2 == 0);
     s->dsFrrInUseIs(i % 5 == 0);
-    operational += i % 2 == 0;
-    bypass += isBypass;
-    inUse += i % 5 == 0;
   }
-  EXPECT_EQ(coll->operationalCount(), operational);
-  EXPECT_EQ(coll->bypassCount(), bypass);
-  EXPECT_EQ(coll->bypassInUseCount(), inUse);
+  EXPECT_EQ(coll->operationalCount(), 100u);
+  EXPECT_EQ(coll->bypassCount(), 67u);
+  EXPECT_EQ(coll->bypassInUseCount(), 40u);
 }
 
 // The latest of primary and backup message, ties to the primary; the head
@@ -183,7 +172,7 @@ TEST(StateBlocks, LatestMessageAndHeadEndViews) {
   EXPECT_EQ(head->srcIp(), Lumo::IpGenAddr()) << "no tunnel configuration";
   auto config =
       rsvpTunnelConfigFactory(RsvpTunnelConfigId(1, 2, staticReqType), Lumo::IpGenAddr("10.0.0.1"),
-                              Lumo::IpGenAddr("10.0.0.9"), sp(4));
+                              Lumo::IpGenAddr("10.0.0.9"), spId(4));
   config->hopIs(1, Lumo::IpGenAddr("10.0.1.1"));
   head->tunnelConfigIs(config);
   EXPECT_EQ(head->hop(1), Lumo::IpGenAddr("10.0.1.1"));
@@ -213,7 +202,7 @@ HistoryCase const historyCases[] = {
      "RsvpSp[9] Adding entry to the SP event queue",
      "spHistoryEntrys\\(\\) <= RsvpConstants::maxHistoryQueueSize\\(\\)",
      [](int n, double t) {
-       auto const s = rsvpSpStateFactory(sp(1), false);
+       auto const s = rsvpSpStateFactory(spId(1), false);
        for (int i = 0; i < n; ++i) s->spHistoryEntryEnq(rsvpSpHistoryEntryFactory(i));
        s->addSpHistoryEntry(rsvpSpUsFrrInUseHistoryEntryFactory(t, true));
        return std::pair(s->spHistoryEntrys(), headStamp(s->spHistoryEntryIter()));

@@ -361,6 +361,38 @@ TEST(HashTable, WalksWhileChangingAndGrowsAcrossDoublings) {
   growAcrossDoublings<NamedKey>(5000, false, true);
 }
 
+// An insertion's value may be read from the table itself: it is read before
+// the table moves its elements to make room or to grow. Both ways of making
+// the element: the value alone made aside (small values), and the whole
+// element (a value that may throw as it is copied).
+template <class V>
+void insertFromItself(V (*valueOf)(U32)) {
+  Kel::HashTable<U64, V> t;
+  std::map<U64, V> model;
+  for (U32 i = 0; i < 64; ++i) {
+    t.insert(i, valueOf(i));
+    model.emplace(i, valueOf(i));
+  }
+  std::mt19937 rng(5);
+  for (U32 i = 64; i < 5000; ++i) {
+    U32 const from = static_cast<U32>(rng() % i);
+    V const* const source = t.find(from);
+    ASSERT_NE(source, nullptr);
+    t.insert(i, *source);
+    model.emplace(i, model.at(from));
+  }
+  for (auto const& [key, value] : model) {
+    V const* const found = t.find(key);
+    ASSERT_NE(found, nullptr);
+    ASSERT_EQ(*found, value) << key;
+  }
+}
+
+TEST(HashTable, InsertionReadsItsValueBeforeTheTableMoves) {
+  insertFromItself<U32>([](U32 i) { return i + 7; });
+  insertFromItself<std::string>([](U32 i) { return std::string(40, char('a' + i % 26)); });
+}
+
 // ---- Queue
 
 // The numbering rules of the queue, written out plainly: numbers are 64-bit

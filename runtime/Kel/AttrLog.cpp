@@ -74,10 +74,10 @@ U32 bigEndian(U32 v) noexcept {
 }  // namespace
 
 // Every record opens and closes here, millions to a snapshot: the head goes
-// in one append, and the length in place.
+// in one step, and the length in place.
 std::size_t openLogRecord(LogOut& out, U32 ref, S32 id) {
   // Stored straight from registers: a head built on the stack in 4-byte
-  // halves and copied out with wider loads stalls every record (the
+  // words and copied out with wider loads stalls every record (the
   // processor cannot forward two stores into one load).
   U8* const head = out.reserve(12);
   U32 const fields[2] = {bigEndian(ref), bigEndian(static_cast<U32>(id))};

@@ -56,6 +56,31 @@ TEST(BwMetric, ArithmeticWrapsAndTextIsRangeChecked) {
   EXPECT_EQ(errorOf<Kel::RangeException>([] { (void)BwMetric(8); }), kMetricRange);
 }
 
+// The status built from the traffic-engineering statuses holds both; the
+// factory alone holds neither. Deleting the setup status or the policy sets
+// the reference to null with one notification, and a second delete none.
+TEST(BwResvStatus, BuiltFromTheTeStatusesAndDeletesNotifyOnce) {
+  auto const client = TrafficEngineering::bandwidthClientStatusFactory("client");
+  auto const hold = TrafficEngineering::bandwidthHoldStatusFactory("hold");
+  auto const bare = bwResvStatusFactory("bare");
+  EXPECT_EQ(bare->clientStatus(), nullptr);
+  EXPECT_EQ(bare->holdStatus(), nullptr);
+  auto const status = BwResvStatus::fromTeStatus("bw", client, hold);
+  EXPECT_EQ(status->name(), "bw");
+  EXPECT_EQ(status->clientStatus(), client);
+  EXPECT_EQ(status->holdStatus(), hold);
+  status->setupStatusIs(hold);
+  status->policyIs(bwReclaimPolicyFactory("policy"));
+  TestSupport::Heard heard(status.get());
+  for (int twice = 0; twice < 2; ++twice) {
+    status->setupStatusDel();
+    status->policyDel();
+  }
+  EXPECT_EQ(status->setupStatus(), nullptr);
+  EXPECT_EQ(status->policy(), nullptr);
+  EXPECT_EQ(heard.log, (std::vector<std::string>{"setupStatus", "policy"}));
+}
+
 // The FRR map answers a null entry when absent and notifies once per change.
 TEST(RsvpFrr, SharedDataAnswersDefaultsAndNotifiesOncePerChange) {
   auto const data = rsvpFrrSharedDataFactory("frr");

@@ -36,7 +36,11 @@ TEST(BwMetric, ArithmeticWrapsAndTextIsRangeChecked) {
     BwMetric const b = metric(right);
     BwMetric const viaBinary = op == '+' ? a + b : a - b;
     BwMetric compound = a;
-    op == '+' ? compound += b : compound -= b;
+    if (op == '+') {
+      compound += b;
+    } else {
+      compound -= b;
+    }
     EXPECT_EQ(viaBinary.value(), result) << int(left) << op << int(right);
     EXPECT_EQ(compound, viaBinary);
     EXPECT_EQ(a, metric(left)) << "the binary operators leave their operands alone";

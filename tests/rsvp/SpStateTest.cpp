@@ -42,11 +42,19 @@ TEST(SpOperState, EveryCellOfTheTable) {
       for (Kel::U32 action = 0; action < 4; ++action) {
         auto state = rsvpSpStateFactory(spId(1), false);
         auto const start = static_cast<RsvpSpOperState>(from);
-        path ? state->spOperPathStateIs(start) : state->spOperResvStateIs(start);
+        if (path) {
+          state->spOperPathStateIs(start);
+        } else {
+          state->spOperResvStateIs(start);
+        }
         TestSupport::Heard heard(state.get());
         TestSupport::TraceCapture trace("RsvpSp", 9);
         auto const act = static_cast<RsvpSpOperStateAction>(action);
-        path ? state->updateOperPathState(act) : state->updateOperResvState(act);
+        if (path) {
+          state->updateOperPathState(act);
+        } else {
+          state->updateOperResvState(act);
+        }
         Kel::U32 const to = table[from][action];
         EXPECT_EQ(path ? state->spOperPathState() : state->spOperResvState(), to)
             << stateName(from) << " " << actions[action];
@@ -102,8 +110,11 @@ TEST(SpRefresh, FastStartDoublesTheTruncatedBase) {
   for (auto const& [what, fastStart, startBase, maxBase, bases] : cases) {
     for (bool downstream : {true, false}) {
       auto state = rsvpSpStateFactory(spId(1), false);
-      downstream ? state->currentDsBaseRefreshIs(startBase)
-                 : state->currentUsBaseRefreshIs(startBase);
+      if (downstream) {
+        state->currentDsBaseRefreshIs(startBase);
+      } else {
+        state->currentUsBaseRefreshIs(startBase);
+      }
       unsigned int seed = 3;
       for (unsigned int base : bases) {
         // The draw the call will make: the generator is the process's.

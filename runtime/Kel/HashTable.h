@@ -48,9 +48,9 @@
 // shrinks the table; clear() frees everything.
 //
 // Iterators stand on a slot and remember its reversed hash, and the key
-// only when another key shares that hash (a copy), or the entity's address
-// for KeyOfEntity: keys of one hash sit side by side in insertion order, so
-// a key alone with its hash stays the first of it. key() and value() are
+// only when the key before it has that hash too (a copy), or the entity's
+// address for KeyOfEntity: keys of one hash sit side by side in insertion
+// order, so the first key of a hash stays the first of it. key() and value() are
 // the element's own, valid until the table next changes; the iterator
 // finds its element again after that. While one stands on key k, other
 // keys may be inserted and erased and the table may grow: the next ++
@@ -177,10 +177,10 @@ struct Element<K, V, KeyOfEntity> {
 
 // What an iterator keeps, beside its element's reversed hash, to find the
 // element again after the table changed. A key held in the element is
-// copied only when a neighbour shares its reversed hash: keys of one hash
-// are neighbours, and a key inserted later goes after those present, so a
-// key that was alone with its hash stays the first of it. An entity's key
-// is held by its address.
+// copied only when the key before it has the same reversed hash: keys of
+// one hash are neighbours, and a key inserted later goes after those
+// present, so the first key of a hash stays the first of it until it is
+// erased. An entity's key is held by its address.
 template <class K, class KeyOf>
 struct HeldKey {
   K key{};
@@ -229,11 +229,12 @@ class HashTable {
     friend class HashTable;
     [[nodiscard]] Element& element() const noexcept {
       if (seen_ != table_->changes_) table_->refind(const_cast<Iterator&>(*this));
-      return table_->at(slot_);
+      return *element_;
     }
     HashTable const* table_ = nullptr;
+    Element* element_ = nullptr;  // slot_'s, unless the table changed
     U32 slot_ = kDone;
-    U32 seen_ = 0;   // the table's change count when slot_ and ahead_ were read
+    U32 seen_ = 0;   // the table's change count when slot_, element_ and ahead_ were read
     U32 ahead_ = 0;  // bit k: slot slot_ + 1 + k is used, unless the table changed
     U32 rh_ = 0;     // the reversed hash of the key it stands on
     hash_internal::HeldKey<K, KeyOf> held_;
@@ -758,52 +759,60 @@ class HashTable {
     return tags_[i] != 0 && at(i).rhash < rh;
   }
 
-  // Sets `it` on slot i's element.
+  // Sets `it` on slot i's element, with nothing known of the walk before.
   void standOn(Iterator& it, U32 i) const {
-    it.slot_ = i;
     it.seen_ = changes_;
     it.ahead_ = 0;
-    Element const& e = at(i);
+    Element& e = at(i);
+    placeOn(it, i, e, i > 0 && followsItsHash(i, e.rhash));
+  }
+  // Sets `it` on element e of slot i. `follows`: the key before it has the
+  // same reversed hash, so that the iterator must keep a copy of the key to
+  // find it again. The first key of a hash stays the first of it until it
+  // is erased (a later key of that hash goes after it), so the reversed
+  // hash alone finds that one again.
+  void placeOn(Iterator& it, U32 i, Element& e, bool follows) const {
+    it.slot_ = i;
+    it.element_ = &e;
     it.rh_ = e.rhash;
     if constexpr (std::is_same_v<KeyOf, KeyOfEntity>) {
       it.held_.key = &e.keyOf();
     } else {
-      it.held_.copied = sharesHash(i);
-      if (it.held_.copied) it.held_.key = e.key;
+      it.held_.copied = follows;
+      if (follows) it.held_.key = e.key;
     }
   }
 
   // Finds `it`'s key again after the table changed.
   void refind(Iterator& it) const noexcept {
-    it.slot_ = slotOf(it);
+    U32 const i = slotOf(it);
+    it.slot_ = i;
+    it.element_ = &at(i);
     it.seen_ = changes_;
     it.ahead_ = 0;
   }
   [[nodiscard]] U32 slotOf(Iterator const& it) const noexcept {
     if (it.seen_ == changes_) return it.slot_;
-    auto const& held = it.held_;
+    return slotOfHeld(it.rh_, it.held_);
+  }
+  // The slot of the key of reversed hash rh that `held` names. It takes a
+  // copy, so that no code out of line holds an iterator's address and a
+  // walk's iterator can stay in registers.
+  [[nodiscard, gnu::noinline]] U32 slotOfHeld(
+      U32 rh, hash_internal::HeldKey<K, KeyOf> held) const noexcept {
     bool first = true;  // where() offers the keys of one hash in order
-    U32 const i =
-        where(it.rh_, [&](K const& k) { return held.is(k, std::exchange(first, false)); });
+    U32 const i = where(rh, [&](K const& k) { return held.is(k, std::exchange(first, false)); });
     assert(!(i & kAbsent) && "the iterator's key was erased");
     return i;
   }
 
-  // Whether a neighbour of used slot i holds its reversed hash. Keys of one
-  // hash share their home and position bits, so their tags differ by one
-  // (or are saturated): the tags rule most slots out.
-  [[nodiscard]] bool sharesHash(U32 i) const noexcept {
+  // Whether slot i - 1 holds a key of reversed hash rh, that of used slot
+  // i. Keys of one hash share their home and position bits, so their tags
+  // differ by one (or are saturated): the tags rule most slots out.
+  [[nodiscard]] bool followsItsHash(U32 i, U32 rh) const noexcept {
     U16 const t = tags_[i];
-    U32 const rh = at(i).rhash;
-    if (i + 1 < end_) {
-      U16 const next = tags_[i + 1];
-      if ((next == t + 1 || distOf(next) == 255) && at(i + 1).rhash == rh) return true;
-    }
-    if (i > 0) {
-      U16 const prev = tags_[i - 1];
-      if (prev != 0 && (prev + 1 == t || distOf(t) == 255) && at(i - 1).rhash == rh) return true;
-    }
-    return false;
+    U16 const prev = tags_[i - 1];
+    return prev != 0 && (prev + 1 == t || distOf(t) == 255) && at(i - 1).rhash == rh;
   }
 
   // Bit k: slot s + k holds an element or an end tag, for k < 32.
@@ -832,7 +841,16 @@ class HashTable {
     if (it.seen_ == changes_ && it.ahead_ != 0) {
       auto const k = static_cast<U32>(std::countr_zero(it.ahead_));
       it.ahead_ = (it.ahead_ >> k) >> 1;
-      land(it, it.slot_ + 1 + k);
+      U32 const i = it.slot_ + 1 + k;
+      if (i >= end_) {
+        it.slot_ = kDone;
+        return;
+      }
+      Element& e = at(i);
+      prefetchKeyAhead(i);
+      // Next to the element it leaves (k == 0), the iterator knows the
+      // reversed hash before this one.
+      placeOn(it, i, e, k == 0 && e.rhash == it.rh_);
       return;
     }
     stepFrom(it, slotOf(it) + 1);
@@ -844,20 +862,20 @@ class HashTable {
     U32 used;
     while ((used = usedMask(&tags_[i])) == 0) i += 32;
     auto const k = static_cast<U32>(std::countr_zero(used));
-    it.ahead_ = (used >> k) >> 1;
-    land(it, i + k);
-  }
-
-  // Sets `it` on the element of used slot i, or makes it done at the end
-  // tags.
-  void land(Iterator& it, U32 i) const {
+    i += k;
     if (i >= end_) {
       it.slot_ = kDone;
       return;
     }
+    prefetchKeyAhead(i);
+    standOn(it, i);
+    it.ahead_ = (used >> k) >> 1;
+  }
+
+  // For entities that hold their key: the key lives in the entity, one more
+  // miss per member, so a walk asks for it from an element some slots ahead.
+  void prefetchKeyAhead(U32 i) const noexcept {
     if constexpr (std::is_same_v<KeyOf, KeyOfEntity>) {
-      // The key lives in the entity, one more miss per member: ask for it
-      // from an element some slots ahead.
       U32 const ahead = i + 16;
       if (ahead < end_ && tags_[ahead] != 0) {
         auto const* key = reinterpret_cast<char const*>(&at(ahead).keyOf());
@@ -865,9 +883,6 @@ class HashTable {
         __builtin_prefetch(key + sizeof(K) - 1);
       }
     }
-    U32 const ahead = it.ahead_;
-    standOn(it, i);
-    it.ahead_ = ahead;
   }
 
   static Element* allocateElements(U32 count) {

@@ -585,8 +585,10 @@ struct LogWriter::Tracked final : LogDirtySink {
   bool dead = false;     // no longer tracked; skipped by the flush that meets it
   bool shared = false;   // held by references or queues, not owned in the tree
   bool adapted = false;  // the type's own adapter lives in adapterRoom()
+  bool inTable = false;  // found in the writer's tracked_, not through a notifiee
   int holders = 0;       // of a shared entity: the places that refer to it
   U32 snapshotMark = 0;  // the number of the last snapshot that wrote this shared entity
+  U32 followedAt = 0;    // its index in the writer's followed_
   // What few entities need, made for those that do: a snapshot tracks
   // millions of entities, most of which change one attribute at a time.
   struct Rare {
@@ -695,38 +697,97 @@ LogWriter::LogWriter(Entity& root) : root_(&root), tracker_(std::make_unique<Tra
 }
 
 LogWriter::~LogWriter() {
-  tracked_.visit([](Entity const*, Tracked* t) { delete t; });
+  for (Tracked* t : followed_) delete t;
+}
+
+bool LogWriter::foundByNotifiee(Entity const& e) noexcept {
+  return !e.frozen() && e.fwkType().logStateAdapter() != nullptr;
+}
+
+LogWriter::Tracked* LogWriter::recordByNotifiee(Entity const& e) const noexcept {
+  auto const recordOf = [this](NotifieeBase const* n) -> Tracked* {
+    if (!n || n->logRecordOffset_ == 0) return nullptr;
+    auto* const t = reinterpret_cast<Tracked*>(
+        reinterpret_cast<char*>(const_cast<NotifieeBase*>(n)) + n->logRecordOffset_);
+    return t->writer == this ? t : nullptr;  // another writer's record
+  };
+  if (e.notifiees_ & Entity::kOne) return recordOf(e.one());
+  if (e.notifiees_ == 0) return nullptr;
+  Entity::NotifieeList& list = *e.list();
+  for (U32 i = 0; i < list.count; ++i) {
+    if (Tracked* const t = recordOf(list.at(i))) return t;
+  }
+  return nullptr;
 }
 
 LogWriter::Tracked* LogWriter::trackedOf(Entity const* e) const noexcept {
+  if (foundByNotifiee(*e)) return recordByNotifiee(*e);
   Tracked* const* found = tracked_.find(e);
   return found ? *found : nullptr;
 }
 
-LogWriter::Tracked& LogWriter::track(Entity& e, bool& made) {
-  U32 const rh = decltype(tracked_)::reversedHash(&e);
-  decltype(tracked_)::Place place;
-  if (Tracked* const* found = tracked_.findHashed(rh, &e, place)) {
-    made = false;
-    return **found;
+void LogWriter::entityFreezing(Entity const& e) {
+  auto const keep = [&e](NotifieeBase* n) {
+    if (!n || n->logRecordOffset_ == 0) return;
+    auto* const t = reinterpret_cast<Tracked*>(reinterpret_cast<char*>(n) + n->logRecordOffset_);
+    if (t->inTable) return;
+    t->writer->tracked_.insert(&e, t);
+    t->inTable = true;
+  };
+  if (e.notifiees_ & Entity::kOne) {
+    keep(e.one());
+    return;
   }
+  if (e.notifiees_ == 0) return;
+  Entity::NotifieeList& list = *e.list();
+  for (U32 i = 0; i < list.count; ++i) keep(list.at(i));
+}
+
+LogWriter::Tracked& LogWriter::track(Entity& e, bool& made) {
   // A frozen entity never changes, and may be read by other threads:
   // nothing to observe.
   bool const observed = !e.frozen();
   auto const make = observed ? e.fwkType().logStateAdapter() : nullptr;
+  U32 rh = 0;
+  decltype(tracked_)::Place place;
+  if (make) {
+    if (Tracked* const found = recordByNotifiee(e)) {
+      made = false;
+      return *found;
+    }
+  } else {
+    rh = decltype(tracked_)::reversedHash(&e);
+    if (Tracked* const* found = tracked_.findHashed(rh, &e, place)) {
+      made = false;
+      return **found;
+    }
+  }
   std::unique_ptr<Tracked> t(Tracked::make(e, make ? e.fwkType().logStateAdapterBytes() : 0));
   t->ref = nextRef_;
   t->writer = this;
+  // Room first, so that the push below cannot fail once the adapter is in
+  // place.
+  if (followed_.size() == followed_.capacity()) followed_.reserve(2 * followed_.size() + 64);
   if (make) {
     // The adapter's base is its first part, so the record finds it at the
-    // start of its room.
+    // start of its room. Its reactor, the entity's newest notifiee, learns
+    // how far the record lies after it.
     [[maybe_unused]] LogStateAdapter* const a = make(t->adapterRoom(), e, t.get());
     assert(static_cast<void*>(a) == t->adapterRoom());
     t->adapted = true;
-  } else if (observed) {
-    t->rareNeeded().notifiee = e.fwkType().genericNotifiee(&e, tracker_.get());
+    NotifieeBase* const reactor =
+        e.notifiees_ & Entity::kOne ? e.one() : e.list()->at(e.list()->count - 1);
+    auto const offset = reinterpret_cast<char*>(t.get()) - reinterpret_cast<char*>(reactor);
+    assert(offset > 0 && static_cast<std::size_t>(offset) <= t->roomBefore &&
+           "a state adapter registers its reactor with the entity");
+    reactor->logRecordOffset_ = static_cast<U32>(offset);
+  } else {
+    if (observed) t->rareNeeded().notifiee = e.fwkType().genericNotifiee(&e, tracker_.get());
+    tracked_.insertHashed(place, rh, &e, t.get());
+    t->inTable = true;
   }
-  tracked_.insertHashed(place, rh, &e, t.get());
+  t->followedAt = static_cast<U32>(followed_.size());
+  followed_.push_back(t.get());
   ++nextRef_;
   made = true;
   return *t.release();
@@ -747,7 +808,11 @@ void LogWriter::untrack(Entity& e) {
   if (gone->rare) gone->rare->notifiee.reset();
   gone->adapterDrop();
   graveyard_.emplace_back(gone);
-  tracked_.erase(&e);
+  if (gone->inTable) tracked_.erase(&e);
+  Tracked* const last = followed_.back();
+  followed_[gone->followedAt] = last;
+  last->followedAt = gone->followedAt;
+  followed_.pop_back();
   gone->children.forEach([this](Held held) { drop(held); });
 }
 

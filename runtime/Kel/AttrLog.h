@@ -230,7 +230,11 @@ class LogWriter {
   [[nodiscard]] U64 records() const noexcept { return records_; }
   // Entities whose changes are followed: the tree, and the entities outside
   // it that something in it refers to.
-  [[nodiscard]] std::size_t trackedEntities() const noexcept { return tracked_.size(); }
+  [[nodiscard]] std::size_t trackedEntities() const noexcept { return followed_.size(); }
+
+  // For Entity::frozenIs(): `e` is about to freeze and lose its notifiees,
+  // through which the writers that follow it find their records.
+  static void entityFreezing(Entity const& e);
 
  private:
   class Tracker;
@@ -252,10 +256,7 @@ class LogWriter {
   Tracked& track(Entity& e, bool& made);
   // Asks for `e` and for its home among the tracking records, for a walk
   // that will track it some work from now.
-  void askForTracking(Entity const* e) const noexcept {
-    __builtin_prefetch(e);
-    tracked_.prefetch(decltype(tracked_)::reversedHash(e));
-  }
+  void askForTracking(Entity const* e) const noexcept { __builtin_prefetch(e); }
   Tracked& track(Entity& e) {
     bool made = false;
     return track(e, made);
@@ -285,9 +286,18 @@ class LogWriter {
   std::unique_ptr<GenericNotifiee> tracker_;
   // The record of each tracked entity; null for one the writer never met.
   [[nodiscard]] Tracked* trackedOf(Entity const* e) const noexcept;
-  // The records, which the writer owns, by the entity each follows (its
-  // key): an element is a reversed hash and a pointer, 16 bytes for each of
-  // the millions of entities a snapshot tracks.
+  // Whether the record of `e`, if any, is found through its notifiees
+  // (else in tracked_): an entity that is not frozen and whose type has a
+  // state adapter, whose reactor knows where the record lies.
+  [[nodiscard]] static bool foundByNotifiee(Entity const& e) noexcept;
+  [[nodiscard]] Tracked* recordByNotifiee(Entity const& e) const noexcept;
+  // Every record the writer owns but the graveyard's, each knowing its
+  // place here.
+  std::vector<Tracked*> followed_;
+  // The records of frozen entities and of types without a state adapter,
+  // by the entity each follows (its key). A snapshot tracks millions of
+  // entities: most are found through their notifiees instead, without a
+  // lookup in a table of that size.
   HashTable<Entity const*, Tracked*, KeyOfEntity> tracked_;
   std::vector<Tracked*> dirty_;
   // Entities no longer tracked, kept until the flush that met them ends.

@@ -1,6 +1,7 @@
 #include <Kel/Entity.h>
 
 #include <Kel/Assert.h>
+#include <Kel/AttrLog.h>
 
 #include <algorithm>
 
@@ -57,6 +58,10 @@ void Entity::frozenIs() {
     Entity* const e = todo.back();
     todo.pop_back();
     if (e->frozen_) continue;
+    // A log writer that follows the entity through its state adapter finds
+    // its record through the entity's notifiees, which freezing detaches:
+    // it keeps the record elsewhere from now on.
+    if (e->notifiees_ != 0) LogWriter::entityFreezing(*e);
     e->frozen_ = true;
     e->notifieesDetach();
     TypeDesc const& type = e->fwkType();

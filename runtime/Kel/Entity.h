@@ -55,8 +55,14 @@ class NotifieeBase {
 
  private:
   friend class Entity;
+  friend class LogWriter;
   Entity const* notifier_ = nullptr;
   U32 depth_;
+  // Of a log writer's state adapter: the distance in bytes from this
+  // notifiee to the writer's record of the entity, which lies after it in
+  // one allocation; 0 for every other notifiee. (In the padding after
+  // depth_: no notifiee grows.)
+  U32 logRecordOffset_ = 0;
 };
 
 class LogWriter;
@@ -201,6 +207,7 @@ class Entity : public PtrInterface {
 
  private:
   friend class NotifieeBase;
+  friend class LogWriter;  // finds its records through the notifiees
 
   struct NotifieeList {
     // The notifiees in order, null where one left during a dispatch: the

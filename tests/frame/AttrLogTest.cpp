@@ -482,6 +482,27 @@ TEST(AttrLog, RandomChangesReplicaFollows) {
   }
 }
 
+// A leaf frozen while the writer follows it loses its notifiees, through
+// which the writer finds its record: the writer still finds it, for a new
+// subscriber's snapshot and when the leaf leaves the tree.
+TEST(AttrLog, LeafFrozenWhileFollowedKeepsItsRecord) {
+  Link link;
+  link.connect();
+  link.source->leafIs(3)->weightIs(2);
+  link.sync();
+  std::size_t const followed = link.writer.trackedEntities();
+  link.source->leaf(3)->frozenIs();
+  link.connect();
+  EXPECT_EQ(link.writer.trackedEntities(), followed);
+  EXPECT_TRUE(link.same());
+  EXPECT_TRUE(link.sameSize());
+  link.source->leafDel(3);
+  link.sync();
+  EXPECT_EQ(link.writer.trackedEntities(), followed - 1);
+  EXPECT_TRUE(link.same());
+  EXPECT_TRUE(link.sameSize());
+}
+
 // Through the read-only proxy reads pass and every write raises, the exact
 // text for a plain attribute, changing nothing.
 TEST(ReadOnlyProxy, ReadsPassWritesRaise) {

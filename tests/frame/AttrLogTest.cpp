@@ -482,25 +482,38 @@ TEST(AttrLog, RandomChangesReplicaFollows) {
   }
 }
 
-// A leaf frozen while the writer follows it loses its notifiees, through
-// which the writer finds its record: the writer still finds it, for a new
-// subscriber's snapshot and when the leaf leaves the tree.
-TEST(AttrLog, LeafFrozenWhileFollowedKeepsItsRecord) {
+// A writer finds its record of an entity through the entity's notifiees,
+// among those of other writers. A leaf frozen while followed loses its
+// notifiees: each writer still finds its record, for a new subscriber's
+// snapshot and when the leaf leaves the tree.
+TEST(AttrLog, TwoWritersFollowALeafFrozenOnTheWay) {
   Link link;
   link.connect();
+  Kel::Ptr<Root> const otherReplica = Sample::rootFactory("root");
+  Kel::LogReader otherReader(*otherReplica);
+  Kel::LogWriter other(*link.source);
+  auto otherSink = std::make_unique<Kel::MemorySink>();
+  Kel::MemorySink& otherBytes = *otherSink;
+  other.subscriberNew(std::move(otherSink));
+  auto const bothAgree = [&](std::size_t followed) {
+    link.sync();
+    other.flush();
+    otherReader.bytesIs(otherBytes.take());
+    EXPECT_EQ(link.writer.trackedEntities(), followed);
+    EXPECT_EQ(other.trackedEntities(), followed);
+    EXPECT_TRUE(link.same());
+    EXPECT_TRUE(link.sameSize());
+    EXPECT_EQ(Kel::browseText(*otherReplica), Kel::browseText(*link.source));
+  };
   link.source->leafIs(3)->weightIs(2);
   link.sync();
   std::size_t const followed = link.writer.trackedEntities();
+  bothAgree(followed);
   link.source->leaf(3)->frozenIs();
   link.connect();
-  EXPECT_EQ(link.writer.trackedEntities(), followed);
-  EXPECT_TRUE(link.same());
-  EXPECT_TRUE(link.sameSize());
+  bothAgree(followed);
   link.source->leafDel(3);
-  link.sync();
-  EXPECT_EQ(link.writer.trackedEntities(), followed - 1);
-  EXPECT_TRUE(link.same());
-  EXPECT_TRUE(link.sameSize());
+  bothAgree(followed - 1);
 }
 
 // Through the read-only proxy reads pass and every write raises, the exact

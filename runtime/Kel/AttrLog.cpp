@@ -704,20 +704,27 @@ bool LogWriter::foundByNotifiee(Entity const& e) noexcept {
   return !e.frozen() && e.fwkType().logStateAdapter() != nullptr;
 }
 
-LogWriter::Tracked* LogWriter::recordByNotifiee(Entity const& e) const noexcept {
-  auto const recordOf = [this](NotifieeBase const* n) -> Tracked* {
+// The first of the writers' records that the notifiees of `e` lead to (a
+// state adapter's reactor knows how far after it its record lies) for
+// which `f(record)` answers true, or null.
+template <class F>
+LogWriter::Tracked* LogWriter::recordWhere(Entity const& e, F&& f) {
+  auto const at = [&f](NotifieeBase* n) -> Tracked* {
     if (!n || n->logRecordOffset_ == 0) return nullptr;
-    auto* const t = reinterpret_cast<Tracked*>(
-        reinterpret_cast<char*>(const_cast<NotifieeBase*>(n)) + n->logRecordOffset_);
-    return t->writer == this ? t : nullptr;  // another writer's record
+    auto* const t = reinterpret_cast<Tracked*>(reinterpret_cast<char*>(n) + n->logRecordOffset_);
+    return f(*t) ? t : nullptr;
   };
-  if (e.notifiees_ & Entity::kOne) return recordOf(e.one());
+  if (e.notifiees_ & Entity::kOne) return at(e.one());
   if (e.notifiees_ == 0) return nullptr;
   Entity::NotifieeList& list = *e.list();
   for (U32 i = 0; i < list.count; ++i) {
-    if (Tracked* const t = recordOf(list.at(i))) return t;
+    if (Tracked* const t = at(list.at(i))) return t;
   }
   return nullptr;
+}
+
+LogWriter::Tracked* LogWriter::recordByNotifiee(Entity const& e) const noexcept {
+  return recordWhere(e, [this](Tracked const& t) { return t.writer == this; });
 }
 
 LogWriter::Tracked* LogWriter::trackedOf(Entity const* e) const noexcept {
@@ -727,20 +734,13 @@ LogWriter::Tracked* LogWriter::trackedOf(Entity const* e) const noexcept {
 }
 
 void LogWriter::entityFreezing(Entity const& e) {
-  auto const keep = [&e](NotifieeBase* n) {
-    if (!n || n->logRecordOffset_ == 0) return;
-    auto* const t = reinterpret_cast<Tracked*>(reinterpret_cast<char*>(n) + n->logRecordOffset_);
-    if (t->inTable) return;
-    t->writer->tracked_.insert(&e, t);
-    t->inTable = true;
-  };
-  if (e.notifiees_ & Entity::kOne) {
-    keep(e.one());
-    return;
-  }
-  if (e.notifiees_ == 0) return;
-  Entity::NotifieeList& list = *e.list();
-  for (U32 i = 0; i < list.count; ++i) keep(list.at(i));
+  recordWhere(e, [&e](Tracked& t) {
+    if (!t.inTable) {
+      t.writer->tracked_.insert(&e, &t);
+      t.inTable = true;
+    }
+    return false;  // every writer's record
+  });
 }
 
 LogWriter::Tracked& LogWriter::track(Entity& e, bool& made) {

@@ -291,6 +291,8 @@ class LogWriter {
   // state adapter, whose reactor knows where the record lies.
   [[nodiscard]] static bool foundByNotifiee(Entity const& e) noexcept;
   [[nodiscard]] Tracked* recordByNotifiee(Entity const& e) const noexcept;
+  template <class F>
+  static Tracked* recordWhere(Entity const& e, F&& f);
   // Every record the writer owns but the graveyard's, each knowing its
   // place here.
   std::vector<Tracked*> followed_;

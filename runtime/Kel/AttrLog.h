@@ -254,8 +254,8 @@ class LogWriter {
   // The record of `e`, made when the writer did not follow it yet; `made`
   // says which.
   Tracked& track(Entity& e, bool& made);
-  // Asks for `e` and for its home among the tracking records, for a walk
-  // that will track it some work from now.
+  // Asks for `e`, for a walk that will track it some work from now: its
+  // notifiees lead to its record.
   void askForTracking(Entity const* e) const noexcept { __builtin_prefetch(e); }
   Tracked& track(Entity& e) {
     bool made = false;

@@ -570,12 +570,10 @@ struct LogWriter::Tracked final : LogDirtySink {
   static void operator delete(Tracked* t, std::destroying_delete_t) noexcept;
   [[nodiscard]] void* adapterRoom() noexcept { return reinterpret_cast<char*>(this) - roomBefore; }
 
-  // What a flush reads comes first: the entity, its reference, the room
-  // before the record, the dirty ids and the flags.
-  LogWriter* writer = nullptr;
-  Entity* entity = nullptr;  // holds a reference to the entity
-  U32 ref = 0;
-  U32 roomBefore = 0;  // bytes allocated before the record, for the adapter
+  // What a change touches comes first, right after the adapter's reactor
+  // (the record's vtable pointer, the dirty ids, the flags and the writer),
+  // then what a flush reads besides: the entity, its reference, the room
+  // before the record.
   // Attribute log ids changed since the last flush, each once: the first
   // few here, the others in dirtyMore.
   static constexpr U8 kFewDirty = 4;
@@ -586,6 +584,10 @@ struct LogWriter::Tracked final : LogDirtySink {
   bool shared = false;   // held by references or queues, not owned in the tree
   bool adapted = false;  // the type's own adapter lives in adapterRoom()
   bool inTable = false;  // found in the writer's tracked_, not through a notifiee
+  LogWriter* writer = nullptr;
+  Entity* entity = nullptr;  // holds a reference to the entity
+  U32 ref = 0;
+  U32 roomBefore = 0;  // bytes allocated before the record, for the adapter
   int holders = 0;       // of a shared entity: the places that refer to it
   U32 snapshotMark = 0;  // the number of the last snapshot that wrote this shared entity
   U32 followedAt = 0;    // its index in the writer's followed_

@@ -587,7 +587,7 @@ struct LogWriter::Tracked final : LogDirtySink {
   LogWriter* writer = nullptr;
   Entity* entity = nullptr;  // holds a reference to the entity
   U32 ref = 0;
-  U32 roomBefore = 0;  // bytes allocated before the record, for the adapter
+  U32 roomBefore = 0;    // bytes allocated before the record, for the adapter
   int holders = 0;       // of a shared entity: the places that refer to it
   U32 snapshotMark = 0;  // the number of the last snapshot that wrote this shared entity
   U32 followedAt = 0;    // its index in the writer's followed_

@@ -418,16 +418,6 @@ class HashTable {
     }
   }
 
-  // Asks for the memory a lookup of the key of reversed hash `rh` reads
-  // first (the tags and the element at its home), for a caller that knows
-  // its next key some work ahead.
-  void prefetch(U32 rh) const noexcept {
-    if (!tags_) return;
-    U32 const h = static_cast<U32>(position(rh) >> 32);
-    __builtin_prefetch(&tags_[h]);
-    __builtin_prefetch(&at(h));
-  }
-
   // Room for `n` keys without growing: one re-placing now rather than a
   // growth every eighth as they arrive. The order and the buckets do not
   // change (they follow the keys); only the slots do.

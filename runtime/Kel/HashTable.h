@@ -114,6 +114,19 @@ struct KeyTraits<U64> {
   }
 };
 
+// A key with its bit-reversed hash, computed once: for a caller that asks
+// a table for a lookup's memory some work before making the lookup.
+template <class K>
+struct Hashed {
+  explicit Hashed(K k) : key(std::move(k)), rh(bitReverse32(KeyTraits<K>::hash(key))) {}
+  K key;
+  U32 rh;
+};
+
+// The two steps of a prefetched lookup: the table's slots, then the entity
+// that keeps the key (see HashTable::prefetch).
+enum class PrefetchStep : U8 { slots, key };
+
 // A pointer hashes by its address, mixed so that the low bits, which
 // choose the bucket, depend on every bit. For the library's own tables: no
 // key of the model is a pointer.
@@ -416,6 +429,33 @@ class HashTable {
       ++changes_;
       return {&at(i).value, true};
     }
+  }
+
+  // For lookups in a batch, each asked for some work before it is made:
+  // prefetch(rh) asks for what a lookup of reversed hash `rh` reads first,
+  // the tags and the element at its home; once those have arrived,
+  // prefetchKey(rh) asks for the entity of the element whose tag is the
+  // key's, where a table of entities keeps the key (a no-op for a table
+  // that keeps its keys in its slots). Neither changes anything.
+  void prefetch(U32 rh) const noexcept {
+    if (!tags_) return;
+    U32 const h = static_cast<U32>(position(rh) >> 32);
+    __builtin_prefetch(&tags_[h]);
+    __builtin_prefetch(&at(h));
+  }
+  void prefetchKey([[maybe_unused]] U32 rh) const noexcept {
+#if defined(__SSE2__)
+    if constexpr (std::is_same_v<KeyOf, KeyOfEntity>) {
+      if (!tags_) return;
+      U64 const p = position(rh);
+      U32 const k = tagBlock(static_cast<U32>(p >> 32), 0, static_cast<U32>(p >> 24) & 0xFFu);
+      if (k == kAllBelow || (k & kAbsent)) return;
+      Element const& e = at(static_cast<U32>(p >> 32) + k);
+      // The lookup compares the key; its answer counts a reference.
+      __builtin_prefetch(&e.keyOf());
+      __builtin_prefetch(e.value.get());
+    }
+#endif
   }
 
   // Room for `n` keys without growing: one re-placing now rather than a

@@ -189,6 +189,7 @@ void runTableModel(TableCase const& c) {
       ASSERT_EQ(table.find(key), nullptr);
     } else {
       K const key = pick();
+      table.prefetch(Kel::HashTable<K, int>::reversedHash(key));  // changes nothing
       int const* found = table.find(key);
       auto const it = model.find(key);
       ASSERT_EQ(found ? std::optional(*found) : std::nullopt,

@@ -2,7 +2,8 @@
 // 100 neighbors), each measurement one run:
 // - PATH refreshes and changes per second from the receive pipe to the
 //   transmit pipe, with the attribute-log writer attached (flushing every
-//   10k messages into a sink that counts bytes) and without it;
+//   10k messages into a sink that counts bytes) and without it, the agent
+//   handling each message at once and in batches of 32;
 // - bytes per LSP: heap by the counting allocator, and the resident size;
 //   entity counts and sizes by type, largest first;
 // - a snapshot of the tree into a replica process over a Unix socket, end
@@ -151,12 +152,14 @@ std::vector<Kel::Ptr<RsvpMsg const>> paths(Router const& r, Kel::U32 version) {
 }
 
 // state.range(0): 1 with the writer attached, 0 without; range(1): 1 every
-// message a change, 0 every message a refresh.
+// message a change, 0 every message a refresh; range(2): the agent's batch
+// (1: each message handled as it is taken out of its pipe).
 void BM_RefreshRoad(benchmark::State& state) {
   bool const withWriter = state.range(0) != 0;
   bool const changes = state.range(1) != 0;
   Router r;
   r.load();
+  r.agent->batchIs(static_cast<Kel::U32>(state.range(2)));
   std::unique_ptr<Kel::LogWriter> writer;
   CountingSink* sink = nullptr;
   if (withWriter) {
@@ -188,6 +191,7 @@ void BM_RefreshRoad(benchmark::State& state) {
       rx[lsp]->txMsgIs(set[lsp]);
       if (writer && ++messages % 10000 == 0) writer->flush();
     }
+    r.agent->drain();
     if (writer) writer->flush();
   }
   Road::Counters const& after = r.agent->counters();
@@ -200,8 +204,8 @@ void BM_RefreshRoad(benchmark::State& state) {
   }
 }
 BENCHMARK(BM_RefreshRoad)
-    ->ArgsProduct({{0, 1}, {0, 1}})
-    ->ArgNames({"writer", "changes"})
+    ->ArgsProduct({{0, 1}, {0, 1}, {1, 32}})
+    ->ArgNames({"writer", "changes", "batch"})
     ->Iterations(3)
     ->Unit(benchmark::kMillisecond);
 

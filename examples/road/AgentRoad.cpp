@@ -1,5 +1,7 @@
 #include "AgentRoad.h"
 
+#include <algorithm>
+
 namespace Road {
 
 using namespace Rsvp;
@@ -93,7 +95,7 @@ class Agent::RxReactor : public RsvpMsgPipe::NotifieeConst {
   RxReactor(Agent& agent, RsvpMsgPipe* pipe, RsvpNeighborId from)
       : NotifieeConst(pipe), agent_(agent), pipe_(pipe), from_(std::move(from)) {}
   void onReadableCount() override {
-    if (auto const msg = pipe_->rxMsg()) agent_.handle(from_, msg);
+    if (auto const msg = pipe_->rxMsg()) agent_.take(from_, msg);
   }
 
  private:
@@ -158,17 +160,105 @@ RsvpNeighborRxMsgPipe* Agent::rxPipe(RsvpNeighborId const& from) {
   return pipe.get();
 }
 
-void Agent::handle(RsvpNeighborId const& from, Kel::Ptr<RsvpMsg const> const& msg) {
+void Agent::batchIs(Kel::U32 n) {
+  batch_ = std::max<Kel::U32>(n, 1);
+  if (waiting_.size() >= batch_) drain();
+}
+
+void Agent::take(RsvpNeighborId const& from, Kel::Ptr<RsvpMsg const> const& msg) {
+  if (batch_ == 1 && waiting_.empty()) {
+    handle(from, msg, SpKey(msg->spId()));
+    return;
+  }
+  waiting_.push_back({&from, msg});
+  if (waiting_.size() >= batch_) drain();
+}
+
+void Agent::drain() {
+  // Messages that handling makes wait (none on this road) form the next batch.
+  std::vector<Waiting> batch;
+  batch.swap(waiting_);
+  prefetchBatch(batch);
+  for (std::size_t i = 0; i < batch.size(); ++i) handle(*batch[i].from, batch[i].msg, keys_[i]);
+  batch.clear();
+  if (waiting_.empty()) waiting_.swap(batch);  // keeps the room
+}
+
+namespace {
+
+// Asks for the `n` bytes from `p` (if any), a line at a time.
+void prefetchBytes(void const* p, std::size_t n) {
+  if (p == nullptr) return;
+  for (std::size_t at = 0; at < n; at += 64) Kel::prefetch(static_cast<char const*>(p) + at);
+}
+
+}  // namespace
+
+// Each step asks for the memory that the next one reads, over the whole
+// batch, so that one message's misses wait alongside the others'. Nothing
+// changes here: handling looks the state paths up again.
+void Agent::prefetchBatch(std::vector<Waiting> const& batch) {
+  constexpr std::size_t kMsgBytes = std::max(sizeof(RsvpPathMsg), sizeof(RsvpResvMsg));
+  for (Waiting const& w : batch) prefetchBytes(w.msg.get(), kMsgBytes);
+  auto const states = status_.spStateColl();
+  keys_.clear();
+  for (Waiting const& w : batch) {
+    keys_.emplace_back(w.msg->spId());
+    states->spStatePrefetch(keys_.back(), Kel::PrefetchStep::slots);
+  }
+  for (SpKey const& k : keys_) states->spStatePrefetch(k, Kel::PrefetchStep::key);
+  // The blocks the message goes through, and what changes in them tells.
+  blocks_.clear();
+  for (std::size_t i = 0; i < batch.size(); ++i) {
+    RsvpSpState const* const sp = states->spState(keys_[i]).get();
+    if (!sp) continue;
+    sp->notifieesPrefetch();
+    Blocks b;
+    if (batch[i].msg->msgType() == rsvpPathMsg) {
+      b.inPath = sp->inPathState().get();
+      b.outPath = sp->outPathState().get();
+    } else {
+      b.inResv = sp->inResvState().get();
+      b.outResv = sp->outResvState().get();
+    }
+    prefetchBytes(b.inPath ? static_cast<void const*>(b.inPath) : b.inResv,
+                  std::max(sizeof(RsvpInPathState), sizeof(RsvpInResvState)));
+    prefetchBytes(b.outPath ? static_cast<void const*>(b.outPath) : b.outResv,
+                  std::max(sizeof(RsvpOutPathState), sizeof(RsvpOutResvState)));
+    blocks_.push_back(b);
+  }
+  // The messages the blocks hold (the incoming one is compared whole, the
+  // outgoing one sent again), and the observers that hear of their changes.
+  for (Blocks const& b : blocks_) {
+    if (b.inPath) {
+      b.inPath->notifieesPrefetch();
+      prefetchBytes(b.inPath->msg().get(), kMsgBytes);
+    } else if (b.inResv) {
+      b.inResv->notifieesPrefetch();
+      prefetchBytes(b.inResv->msg().get(), kMsgBytes);
+    }
+    if (b.outPath) {
+      b.outPath->notifieesPrefetch();
+      Kel::prefetch(b.outPath->msg().get());
+    } else if (b.outResv) {
+      b.outResv->notifieesPrefetch();
+      Kel::prefetch(b.outResv->msg().get());
+    }
+  }
+}
+
+void Agent::handle(RsvpNeighborId const& from, Kel::Ptr<RsvpMsg const> const& msg,
+                   SpKey const& id) {
   switch (msg->msgType()) {
     case rsvpPathMsg:
-      handlePath(from, Kel::Ptr<RsvpPathMsg const>(static_cast<RsvpPathMsg const*>(msg.get())));
+      handlePath(from, Kel::Ptr<RsvpPathMsg const>(static_cast<RsvpPathMsg const*>(msg.get())), id);
       break;
     case rsvpResvMsg:
-      handleResv(Kel::Ptr<RsvpResvMsg const>(static_cast<RsvpResvMsg const*>(msg.get())));
+      handleResv(Kel::Ptr<RsvpResvMsg const>(static_cast<RsvpResvMsg const*>(msg.get())), id);
       break;
     case rsvpPathTearMsg:
       handlePathTear(
-          Kel::Ptr<RsvpPathTearMsg const>(static_cast<RsvpPathTearMsg const*>(msg.get())));
+          Kel::Ptr<RsvpPathTearMsg const>(static_cast<RsvpPathTearMsg const*>(msg.get())), id);
       break;
     default: ++counters_.unmatched; break;
   }
@@ -264,9 +354,10 @@ bool Agent::takeIn(Block& in, Kel::Ptr<Msg const> const& msg) {
   return refresh;
 }
 
-void Agent::handlePath(RsvpNeighborId const& from, Kel::Ptr<RsvpPathMsg const> const& msg) {
-  RsvpSpId const id = msg->spId();
-  Kel::Ptr<RsvpSpState> sp = status_.spStateColl()->spState(id);
+void Agent::handlePath(RsvpNeighborId const& from, Kel::Ptr<RsvpPathMsg const> const& msg,
+                       SpKey const& key) {
+  RsvpSpId const& id = key.key;
+  Kel::Ptr<RsvpSpState> sp = status_.spStateColl()->spState(key);
   if (!sp) sp = createPath(id, from, *msg);
   RsvpSpOperState const path0 = sp->spOperPathState();
   RsvpSpOperState const resv0 = sp->spOperResvState();
@@ -309,9 +400,8 @@ void Agent::handlePath(RsvpNeighborId const& from, Kel::Ptr<RsvpPathMsg const> c
   remember(*sp, path0, resv0);
 }
 
-void Agent::handleResv(Kel::Ptr<RsvpResvMsg const> const& msg) {
-  RsvpSpId const id = msg->spId();
-  Kel::Ptr<RsvpSpState> const sp = status_.spStateColl()->spState(id);
+void Agent::handleResv(Kel::Ptr<RsvpResvMsg const> const& msg, SpKey const& key) {
+  Kel::Ptr<RsvpSpState> const sp = status_.spStateColl()->spState(key);
   if (!sp) {
     ++counters_.unmatched;
     return;
@@ -347,9 +437,9 @@ void Agent::handleResv(Kel::Ptr<RsvpResvMsg const> const& msg) {
   remember(*sp, path0, resv0);
 }
 
-void Agent::handlePathTear(Kel::Ptr<RsvpPathTearMsg const> const& msg) {
-  RsvpSpId const id = msg->spId();
-  Kel::Ptr<RsvpSpState> const sp = status_.spStateColl()->spState(id);
+void Agent::handlePathTear(Kel::Ptr<RsvpPathTearMsg const> const& msg, SpKey const& key) {
+  RsvpSpId const& id = key.key;
+  Kel::Ptr<RsvpSpState> const sp = status_.spStateColl()->spState(key);
   if (!sp) {
     ++counters_.unmatched;
     return;

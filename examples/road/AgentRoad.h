@@ -80,7 +80,8 @@ class Agent {
   Agent& operator=(Agent const&) = delete;
 
   // The packet side: a decoded message from neighbor `from`, written into
-  // its receive pipe, whose reactor (the agent) takes it out at once.
+  // its receive pipe, whose reactor (the agent) takes it out at once and
+  // handles it then or with its batch (batchIs()).
   void received(Rsvp::RsvpNeighborId const& from, Kel::Ptr<Rsvp::RsvpMsg const> const& msg) {
     rxPipe(from)->txMsgIs(msg);
   }
@@ -88,6 +89,16 @@ class Agent {
   // it) on first use: a packet side that reads one socket per neighbor
   // binds each socket to its pipe once and writes into it directly.
   Rsvp::RsvpNeighborRxMsgPipe* rxPipe(Rsvp::RsvpNeighborId const& from);
+
+  // Messages are taken out of the receive pipes as they are written, and
+  // handled in batches of up to `n`, in the order they came (1, the
+  // default: each at once). A batch first asks for the memory that its
+  // messages' state-path lookups and blocks read, so that their cache
+  // misses overlap; it is handled when full and at drain().
+  void batchIs(Kel::U32 n);
+  // Handles the messages waiting in a batch. Messages still waiting when
+  // the agent is destroyed are dropped: drain() first.
+  void drain();
 
   // The agent's clock, in seconds; the driver moves it.
   void nowIs(Kel::Seconds now) noexcept { now_ = now; }
@@ -99,10 +110,21 @@ class Agent {
   class TxReactor;
   class LabelReactor;
 
-  void handle(Rsvp::RsvpNeighborId const& from, Kel::Ptr<Rsvp::RsvpMsg const> const& msg);
-  void handlePath(Rsvp::RsvpNeighborId const& from, Kel::Ptr<Rsvp::RsvpPathMsg const> const& msg);
-  void handleResv(Kel::Ptr<Rsvp::RsvpResvMsg const> const& msg);
-  void handlePathTear(Kel::Ptr<Rsvp::RsvpPathTearMsg const> const& msg);
+  using SpKey = Kel::Hashed<Rsvp::RsvpSpId>;
+  // A message taken out of a receive pipe, waiting for its batch.
+  struct Waiting {
+    Rsvp::RsvpNeighborId const* from;  // the reactor's, which outlives the agent's batches
+    Kel::Ptr<Rsvp::RsvpMsg const> msg;
+  };
+
+  void take(Rsvp::RsvpNeighborId const& from, Kel::Ptr<Rsvp::RsvpMsg const> const& msg);
+  void prefetchBatch(std::vector<Waiting> const& batch);
+  void handle(Rsvp::RsvpNeighborId const& from, Kel::Ptr<Rsvp::RsvpMsg const> const& msg,
+              SpKey const& id);
+  void handlePath(Rsvp::RsvpNeighborId const& from, Kel::Ptr<Rsvp::RsvpPathMsg const> const& msg,
+                  SpKey const& id);
+  void handleResv(Kel::Ptr<Rsvp::RsvpResvMsg const> const& msg, SpKey const& id);
+  void handlePathTear(Kel::Ptr<Rsvp::RsvpPathTearMsg const> const& msg, SpKey const& id);
   Kel::Ptr<Rsvp::RsvpSpState> createPath(Rsvp::RsvpSpId const& id, Rsvp::RsvpNeighborId const& from,
                                          Rsvp::RsvpPathMsg const& msg);
   void send(Rsvp::RsvpNeighborId const& to, Kel::Ptr<Rsvp::RsvpMsg const> const& msg);
@@ -119,6 +141,17 @@ class Agent {
   Counters counters_;
   Kel::U32 nextCliId_ = 1;
   Kel::Ptr<Rsvp::RsvpMsg const> lastSent_;
+  Kel::U32 batch_ = 1;
+  std::vector<Waiting> waiting_;
+  // The blocks a message of a batch goes through, found ahead of handling.
+  struct Blocks {
+    Rsvp::RsvpInPathState const* inPath = nullptr;
+    Rsvp::RsvpInResvState const* inResv = nullptr;
+    Rsvp::RsvpOutPathState const* outPath = nullptr;
+    Rsvp::RsvpOutResvState const* outResv = nullptr;
+  };
+  std::vector<SpKey> keys_;  // a batch's state-path ids, hashed once
+  std::vector<Blocks> blocks_;
   std::vector<std::unique_ptr<RxReactor>> rxReactors_;
   std::vector<std::unique_ptr<TxReactor>> txReactors_;
   std::unique_ptr<LabelReactor> labels_;

@@ -74,4 +74,46 @@ TEST(Road, ReplicaFollowsRefreshesChangesAndTearsRoundAfterRound) {
   EXPECT_TRUE(link.same()) << "the printed trees differ where the comparison saw nothing";
 }
 
+// A batched agent handles what an immediate one does, in the same order:
+// the trees end alike, even where one batch tears a path and makes it again.
+TEST(Road, BatchedAgentBuildsTheTreeOfTheImmediateOne) {
+  constexpr Kel::U32 kFew = 60;
+  auto build = [](Kel::U32 batch, Road::Counters& counters) {
+    auto const config = rsvpConfigFactory("config");
+    auto const status = rsvpStatusFactory("status");
+    status->doInit();
+    Road::Shape shape;
+    shape.lsps = kFew;
+    Road::PacketSide packets(shape);
+    Road::Agent agent(*status, *config);
+    Road::LabelAllocator allocator(*status->labelRequestTable(), *status->labelAllocTable());
+    agent.batchIs(batch);
+    RsvpSpState::setRandomSeed(7);
+    for (Kel::U32 round = 0; round < 4; ++round) {
+      agent.nowIs(30.0 * round);
+      for (Kel::U32 lsp = 0; lsp < kFew; ++lsp) {
+        agent.received(packets.upstreamOf(lsp), packets.path(lsp, (lsp + round) % 3 == 0));
+        if (lsp % 7 == round) {
+          agent.received(packets.upstreamOf(lsp), packets.pathTear(lsp));
+          if (lsp % 2 == 0) agent.received(packets.upstreamOf(lsp), packets.path(lsp, 2));
+        }
+        agent.received(packets.downstreamOf(lsp), packets.resv(lsp, 1000 + lsp));
+      }
+      agent.drain();
+    }
+    counters = agent.counters();
+    return Kel::browseText(*status);
+  };
+  Road::Counters immediate;
+  Road::Counters batched;
+  std::string const tree = build(1, immediate);
+  EXPECT_EQ(build(5, batched), tree);
+  EXPECT_EQ(batched.pathChanges, immediate.pathChanges);
+  EXPECT_EQ(batched.pathRefreshes, immediate.pathRefreshes);
+  EXPECT_EQ(batched.tears, immediate.tears);
+  EXPECT_EQ(batched.unmatched, immediate.unmatched);
+  EXPECT_GT(immediate.unmatched, 0u);  // RESVs of torn paths
+  EXPECT_GT(immediate.tears, 0u);
+}
+
 }  // namespace

@@ -207,7 +207,8 @@ void Agent::prefetchBatch(std::vector<Waiting> const& batch) {
     states->spStatePrefetch(keys_.back(), Kel::PrefetchStep::slots);
   }
   for (SpKey const& k : keys_) states->spStatePrefetch(k, Kel::PrefetchStep::key);
-  // The blocks the message goes through, and what changes in them tells.
+  // The blocks the message goes through (by address: counting a reference
+  // would wait for them), and the observers of the state path's changes.
   blocks_.clear();
   for (std::size_t i = 0; i < batch.size(); ++i) {
     RsvpSpState const* const sp = states->spState(keys_[i]).get();
@@ -215,11 +216,11 @@ void Agent::prefetchBatch(std::vector<Waiting> const& batch) {
     sp->notifieesPrefetch();
     Blocks b;
     if (batch[i].msg->msgType() == rsvpPathMsg) {
-      b.inPath = sp->inPathState().get();
-      b.outPath = sp->outPathState().get();
+      b.inPath = static_cast<RsvpInPathState const*>(sp->inPathStateAddress());
+      b.outPath = static_cast<RsvpOutPathState const*>(sp->outPathStateAddress());
     } else {
-      b.inResv = sp->inResvState().get();
-      b.outResv = sp->outResvState().get();
+      b.inResv = static_cast<RsvpInResvState const*>(sp->inResvStateAddress());
+      b.outResv = static_cast<RsvpOutResvState const*>(sp->outResvStateAddress());
     }
     prefetchBytes(b.inPath ? static_cast<void const*>(b.inPath) : b.inResv,
                   std::max(sizeof(RsvpInPathState), sizeof(RsvpInResvState)));
@@ -228,21 +229,21 @@ void Agent::prefetchBatch(std::vector<Waiting> const& batch) {
     blocks_.push_back(b);
   }
   // The messages the blocks hold (the incoming one is compared whole, the
-  // outgoing one sent again), and the observers that hear of their changes.
+  // outgoing one sent again), and the observers of the blocks' changes.
   for (Blocks const& b : blocks_) {
     if (b.inPath) {
       b.inPath->notifieesPrefetch();
-      prefetchBytes(b.inPath->msg().get(), kMsgBytes);
+      prefetchBytes(b.inPath->msgAddress(), kMsgBytes);
     } else if (b.inResv) {
       b.inResv->notifieesPrefetch();
-      prefetchBytes(b.inResv->msg().get(), kMsgBytes);
+      prefetchBytes(b.inResv->msgAddress(), kMsgBytes);
     }
     if (b.outPath) {
       b.outPath->notifieesPrefetch();
-      Kel::prefetch(b.outPath->msg().get());
+      Kel::prefetch(b.outPath->msgAddress());
     } else if (b.outResv) {
       b.outResv->notifieesPrefetch();
-      Kel::prefetch(b.outResv->msg().get());
+      Kel::prefetch(b.outResv->msgAddress());
     }
   }
 }

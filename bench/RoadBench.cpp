@@ -466,15 +466,18 @@ void BM_RedisPeer(benchmark::State& state) {
     auto const t0 = Clock::now();
     r.load(decoded);
     double const ourLoad = since(t0);
-    // A round of refreshes, the best of kRounds on each side.
+    // A round of refreshes, the best of kRounds on each side. Ours in
+    // batches of 32 messages, as Redis's updates go in pipelined batches.
     constexpr int kRounds = 3;
     auto const refresh = paths(r, 0);
     auto const rx = r.rxPipes();
+    r.agent->batchIs(32);
     double ourRefresh = 1e9;
     for (int round = 1; round <= kRounds; ++round) {
       r.agent->nowIs(30.0 * round);
       auto const t1 = Clock::now();
       for (Kel::U32 lsp = 0; lsp < kLsps; ++lsp) rx[lsp]->txMsgIs(refresh[lsp]);
+      r.agent->drain();
       ourRefresh = std::min(ourRefresh, since(t1));
     }
     state.counters["oursLoadS"] = ourLoad;

@@ -1,6 +1,7 @@
 #include "AgentRoad.h"
 
 #include <algorithm>
+#include <iterator>
 
 namespace Road {
 
@@ -175,13 +176,26 @@ void Agent::take(RsvpNeighborId const& from, Kel::Ptr<RsvpMsg const> const& msg)
 }
 
 void Agent::drain() {
-  // Messages that handling makes wait (none on this road) form the next batch.
+  // Messages that handling makes wait (none on this road) form the next
+  // batch; the vectors' room is kept for the next one.
   std::vector<Waiting> batch;
+  std::vector<SpKey> keys;
   batch.swap(waiting_);
-  prefetchBatch(batch);
-  for (std::size_t i = 0; i < batch.size(); ++i) handle(*batch[i].from, batch[i].msg, keys_[i]);
+  keys.swap(keys_);
+  prefetchBatch(batch, keys);
+  std::size_t i = 0;
+  try {
+    for (; i < batch.size(); ++i) handle(*batch[i].from, batch[i].msg, keys[i]);
+  } catch (...) {
+    // The message that threw is gone, as it would be handled at once; those
+    // after it wait again, ahead of any that came meanwhile.
+    waiting_.insert(waiting_.begin(), std::make_move_iterator(batch.begin() + i + 1),
+                    std::make_move_iterator(batch.end()));
+    throw;
+  }
   batch.clear();
-  if (waiting_.empty()) waiting_.swap(batch);  // keeps the room
+  if (waiting_.empty()) waiting_.swap(batch);
+  if (keys_.empty()) keys_.swap(keys);
 }
 
 namespace {
@@ -197,21 +211,21 @@ void prefetchBytes(void const* p, std::size_t n) {
 // Each step asks for the memory that the next one reads, over the whole
 // batch, so that one message's misses wait alongside the others'. Nothing
 // changes here: handling looks the state paths up again.
-void Agent::prefetchBatch(std::vector<Waiting> const& batch) {
+void Agent::prefetchBatch(std::vector<Waiting> const& batch, std::vector<SpKey>& keys) {
   constexpr std::size_t kMsgBytes = std::max(sizeof(RsvpPathMsg), sizeof(RsvpResvMsg));
   for (Waiting const& w : batch) prefetchBytes(w.msg.get(), kMsgBytes);
   auto const states = status_.spStateColl();
-  keys_.clear();
+  keys.clear();
   for (Waiting const& w : batch) {
-    keys_.emplace_back(w.msg->spId());
-    states->spStatePrefetch(keys_.back(), Kel::PrefetchStep::slots);
+    keys.emplace_back(w.msg->spId());
+    states->spStatePrefetch(keys.back(), Kel::PrefetchStep::slots);
   }
-  for (SpKey const& k : keys_) states->spStatePrefetch(k, Kel::PrefetchStep::key);
+  for (SpKey const& k : keys) states->spStatePrefetch(k, Kel::PrefetchStep::key);
   // The blocks the message goes through (by address: counting a reference
   // would wait for them), and the observers of the state path's changes.
   blocks_.clear();
   for (std::size_t i = 0; i < batch.size(); ++i) {
-    RsvpSpState const* const sp = states->spState(keys_[i]).get();
+    RsvpSpState const* const sp = states->spState(keys[i]).get();
     if (!sp) continue;
     sp->notifieesPrefetch();
     Blocks b;

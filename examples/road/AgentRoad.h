@@ -118,7 +118,9 @@ class Agent {
   };
 
   void take(Rsvp::RsvpNeighborId const& from, Kel::Ptr<Rsvp::RsvpMsg const> const& msg);
-  void prefetchBatch(std::vector<Waiting> const& batch);
+  // Hashes the batch's state-path ids into `keys` and asks for the memory
+  // of their roads.
+  void prefetchBatch(std::vector<Waiting> const& batch, std::vector<SpKey>& keys);
   void handle(Rsvp::RsvpNeighborId const& from, Kel::Ptr<Rsvp::RsvpMsg const> const& msg,
               SpKey const& id);
   void handlePath(Rsvp::RsvpNeighborId const& from, Kel::Ptr<Rsvp::RsvpPathMsg const> const& msg,
@@ -150,7 +152,7 @@ class Agent {
     Rsvp::RsvpOutPathState const* outPath = nullptr;
     Rsvp::RsvpOutResvState const* outResv = nullptr;
   };
-  std::vector<SpKey> keys_;  // a batch's state-path ids, hashed once
+  std::vector<SpKey> keys_;  // room for a batch's state-path ids, hashed once
   std::vector<Blocks> blocks_;
   std::vector<std::unique_ptr<RxReactor>> rxReactors_;
   std::vector<std::unique_ptr<TxReactor>> txReactors_;

@@ -108,6 +108,14 @@ String encode(TypeDesc const& type, void const* v) {
   return scratch;
 }
 
+// The same into `into`, whose room serves again: for a walk that encodes
+// the keys of a collection's members one after another.
+void encodeInto(TypeDesc const& type, void const* v, String& into) {
+  into.clear();
+  LogOut out(into);
+  type.ops()->logWrite(out, v);
+}
+
 #if defined(__x86_64__)
 // A lane carried 128 bits on (k3k4) or 512 (k1k2), plus the `next` block.
 [[gnu::target("pclmul,sse4.1")]] inline __m128i crcFold(__m128i lane, __m128i k,
@@ -318,13 +326,20 @@ bool FdSink::flush() {
 namespace {
 
 // The key of entity `e` as the log encodes it; empty for an unkeyed type.
-String encodedKeyOf(Entity const& e) {
+// In a buffer of the calling thread, which the next call reuses: a snapshot
+// compares hundreds of thousands of members' keys, and a copy of each
+// would cost an allocation.
+std::string_view encodedKeyView(Entity const& e) {
   TypeDesc const& type = e.fwkType();
   if (type.keyAttr() == 0) return {};
   KelAttr const& key = *type.attr(type.keyAttr());
   GenericValue v(*key.type);
   type.attributeOp(v.get(), const_cast<Entity*>(&e), &key, attrOpRead);
-  return encode(*key.type, v.get());
+  thread_local String scratch;
+  scratch.clear();
+  LogOut out(scratch);
+  key.type->ops()->logWrite(out, v.get());
+  return scratch;
 }
 
 // Where a holder keeps an entity in its hash table: the attribute's index
@@ -344,7 +359,7 @@ class HeldWhere {
   // Where (attr, key) is for `member`, an owned member or null: a long key
   // that is the member's own is read from it.
   static HeldWhere of(U32 attr, std::string_view key, Entity const* member) {
-    if (member && key.size() > kInPlace && encodedKeyOf(*member) == key)
+    if (member && key.size() > kInPlace && encodedKeyView(*member) == key)
       return HeldWhere(attr, member);
     return HeldWhere(attr, key);
   }
@@ -372,11 +387,14 @@ class HeldWhere {
   [[nodiscard]] bool is(U32 attr, std::string_view key) const {
     if (attr != attr_) return false;
     if (size_ != kOfMember) return bytes() == key;
-    return encodedKeyOf(*member_) == key;
+    return encodedKeyView(*member_) == key;
   }
   bool operator==(HeldWhere const& o) const {
     if (size_ == kOfMember && o.size_ == kOfMember && member_ == o.member_) return attr_ == o.attr_;
-    return size_ == kOfMember ? o.is(attr_, encodedKeyOf(*member_)) : o.is(attr_, bytes());
+    if (size_ != kOfMember) return o.is(attr_, bytes());
+    // A copy: o may read its own member's key into the same buffer.
+    String const mine(encodedKeyView(*member_));
+    return o.is(attr_, mine);
   }
 
  private:
@@ -1124,13 +1142,14 @@ void LogWriter::writeEntity(LogOut& out, Tracked& t) {
       // tracking records lie anywhere in a large heap, and are asked for
       // while the one before is written, subtree and all.
       String key;
+      String nextKey;
       Entity* member = nullptr;
       for (; !it->done(); it->next()) {
         Entity* const next = const_cast<Entity*>(it->entity());
         askForTracking(next);
-        String nextKey = encode(*attr.keyType, it->key());
+        encodeInto(*attr.keyType, it->key(), nextKey);
         if (member) writeOwnedMember(out, t, attr, key, member);
-        key = std::move(nextKey);
+        key.swap(nextKey);
         member = next;
       }
       if (member) writeOwnedMember(out, t, attr, key, member);

@@ -7,8 +7,10 @@
 #include <cassert>
 #include <cerrno>
 #include <cstring>
+#include <limits>
 #include <new>
 #include <optional>
+#include <stdexcept>
 #include <tuple>
 #include <utility>
 
@@ -579,8 +581,8 @@ class LogWriter::Holdings {
 
 // What the writer keeps of a tracked entity. The type's state adapter lives
 // in the same allocation, right before it: a change goes from the entity to
-// the adapter's reactor, its last member, and on to this record, whose first
-// members are what a change touches; a flush comes back the same way.
+// the adapter, its notifiee, and on to this record, whose first members are
+// what a change touches; a flush comes back the same way.
 struct LogWriter::Tracked final : LogDirtySink {
   // A record of `e` with room for an adapter of `adapterBytes` before it.
   static Tracked* make(Entity& e, std::size_t adapterBytes);
@@ -588,24 +590,25 @@ struct LogWriter::Tracked final : LogDirtySink {
   static void operator delete(Tracked* t, std::destroying_delete_t) noexcept;
   [[nodiscard]] void* adapterRoom() noexcept { return reinterpret_cast<char*>(this) - roomBefore; }
 
-  // What a change touches comes first, right after the adapter's reactor
-  // (the record's vtable pointer, the dirty ids, the flags and the writer),
-  // then what a flush reads besides: the entity, its reference, the room
-  // before the record.
+  // What a change touches comes first, right after the adapter (the
+  // record's vtable pointer, the dirty ids, the flags, the room before the
+  // record and the writer), then what a flush reads besides: the entity and
+  // its reference.
   // Attribute log ids changed since the last flush, each once: the first
-  // few here, the others in dirtyMore.
+  // few here (an id fits sixteen bits: a type has far fewer attributes),
+  // the others in dirtyMore.
   static constexpr U8 kFewDirty = 4;
-  U32 dirtyFew[kFewDirty] = {};
+  U16 dirtyFew[kFewDirty] = {};
   U8 fewDirty = 0;
   bool queued = false;
   bool dead = false;     // no longer tracked; skipped by the flush that meets it
   bool shared = false;   // held by references or queues, not owned in the tree
   bool adapted = false;  // the type's own adapter lives in adapterRoom()
   bool inTable = false;  // found in the writer's tracked_, not through a notifiee
+  U16 roomBefore = 0;    // bytes allocated before the record, for the adapter
   LogWriter* writer = nullptr;
   Entity* entity = nullptr;  // holds a reference to the entity
   U32 ref = 0;
-  U32 roomBefore = 0;    // bytes allocated before the record, for the adapter
   int holders = 0;       // of a shared entity: the places that refer to it
   U32 snapshotMark = 0;  // the number of the last snapshot that wrote this shared entity
   U32 followedAt = 0;    // its index in the writer's followed_
@@ -654,10 +657,12 @@ struct LogWriter::Tracked final : LogDirtySink {
   }
   void markDirty(U32 id) {
     // An entity has few attributes, and few change between two flushes.
-    if (std::find(dirtyFew, dirtyFew + fewDirty, id) != dirtyFew + fewDirty) return;
-    if (fewDirty < kFewDirty) {
-      dirtyFew[fewDirty++] = id;
-      return;
+    if (id <= std::numeric_limits<U16>::max()) {
+      if (std::find(dirtyFew, dirtyFew + fewDirty, id) != dirtyFew + fewDirty) return;
+      if (fewDirty < kFewDirty) {
+        dirtyFew[fewDirty++] = static_cast<U16>(id);
+        return;
+      }
     }
     std::vector<U32>& more = rareNeeded().dirtyMore;
     if (std::find(more.begin(), more.end(), id) == more.end()) more.push_back(id);
@@ -683,6 +688,8 @@ LogWriter::Tracked* LogWriter::Tracked::make(Entity& e, std::size_t adapterBytes
   // its own alignment.
   constexpr std::size_t align = alignof(Tracked);
   std::size_t const before = (adapterBytes + align - 1) & ~(align - 1);
+  if (before > std::numeric_limits<U16>::max())
+    throw std::length_error("Kel: state adapter too large");
   auto* const base = static_cast<char*>(::operator new(before + sizeof(Tracked)));
   Tracked* t = nullptr;
   try {
@@ -691,7 +698,7 @@ LogWriter::Tracked* LogWriter::Tracked::make(Entity& e, std::size_t adapterBytes
     ::operator delete(base);
     throw;
   }
-  t->roomBefore = static_cast<U32>(before);
+  t->roomBefore = static_cast<U16>(before);
   return t;
 }
 
@@ -725,7 +732,7 @@ bool LogWriter::foundByNotifiee(Entity const& e) noexcept {
 }
 
 // The first of the writers' records that the notifiees of `e` lead to (a
-// state adapter's reactor knows how far after it its record lies) for
+// state adapter, a notifiee, knows how far after it its record lies) for
 // which `f(record)` answers true, or null.
 template <class F>
 LogWriter::Tracked* LogWriter::recordWhere(Entity const& e, F&& f) {
@@ -789,18 +796,18 @@ LogWriter::Tracked& LogWriter::track(Entity& e, bool& made) {
   // place.
   if (followed_.size() == followed_.capacity()) followed_.reserve(2 * followed_.size() + 64);
   if (make) {
-    // The adapter's base is its first part, so the record finds it at the
-    // start of its room. Its reactor, the entity's newest notifiee, learns
-    // how far the record lies after it.
-    [[maybe_unused]] LogStateAdapter* const a = make(t->adapterRoom(), e, t.get());
+    // The adapter's first base is at its start, so the record finds it at
+    // the start of its room. Its notifiee part, the entity's newest
+    // notifiee, learns how far the record lies after it.
+    [[maybe_unused]] LogStateAdapter* const a = make(t->adapterRoom(), e);
     assert(static_cast<void*>(a) == t->adapterRoom());
     t->adapted = true;
-    NotifieeBase* const reactor =
+    NotifieeBase* const notifiee =
         e.notifiees_ & Entity::kOne ? e.one() : e.list()->at(e.list()->count - 1);
-    auto const offset = reinterpret_cast<char*>(t.get()) - reinterpret_cast<char*>(reactor);
+    auto const offset = reinterpret_cast<char*>(t.get()) - reinterpret_cast<char*>(notifiee);
     assert(offset > 0 && static_cast<std::size_t>(offset) <= t->roomBefore &&
-           "a state adapter registers its reactor with the entity");
-    reactor->logRecordOffset_ = static_cast<U32>(offset);
+           "a state adapter registers with the entity");
+    notifiee->logRecordOffset_ = static_cast<U32>(offset);
   } else {
     if (observed) t->rareNeeded().notifiee = e.fwkType().genericNotifiee(&e, tracker_.get());
     tracked_.insertHashed(place, rh, &e, t.get());
@@ -1119,7 +1126,9 @@ void LogWriter::writeEntity(LogOut& out, Tracked& t) {
   }
   // The plain values first, through the type's typed dispatch, which takes
   // no generic value; the loop below skips them.
-  if (t.adapted) records_ += static_cast<U64>(t.adapter()->handleAnnounceValues(out, t.ref));
+  if (t.adapted) {
+    records_ += static_cast<U64>(t.adapter()->handleAnnounceValues(out, t.ref, *t.entity));
+  }
   auto const visit = [&](KelAttr const& attr) {
     if (!isCollection(attr.kind)) {
       writeAttr(out, t, attr, true);
@@ -1356,7 +1365,10 @@ void LogWriter::flush() {
         __builtin_prefetch(reinterpret_cast<char const*>(dirty_[i + 16]) + 64);
       }
       if (i + 8 < dirty_.size()) {
+        // The entity's first two lines: a block's changed times often lie
+        // past its first.
         __builtin_prefetch(dirty_[i + 8]->entity);
+        __builtin_prefetch(reinterpret_cast<char const*>(dirty_[i + 8]->entity) + 64);
         __builtin_prefetch(dirty_[i + 8]->adapterRoom());
       }
       Tracked& t = *dirty_[i];
@@ -1369,7 +1381,8 @@ void LogWriter::flush() {
       TypeDesc const& type = t.entity->fwkType();
       for (U32 id : attrs) {
         int const written =
-            t.adapted ? t.adapter()->handleAttrFlowOut(static_cast<S32>(id), out, t.ref) : -1;
+            t.adapted ? t.adapter()->handleAttrFlowOut(static_cast<S32>(id), out, t.ref, *t.entity)
+                      : -1;
         KelAttr const& attr = *attrs_.find(type, id);
         if (written >= 0) {
           records_ += static_cast<U64>(written);

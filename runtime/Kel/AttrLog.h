@@ -62,21 +62,23 @@ class LogDirtySink {
 };
 
 // The state adapter that the generator makes for each entity type
-// (X::KelNboAttrLogSa): its reactor observes the entity with the typed
-// callbacks and marks attributes dirty, it keeps the dirty keys of each
-// collection of values in a typed map, and writes their records with the
-// typed accessors and encoders. Children and shared entities are left to the
-// writer.
+// (X::KelNboAttrLogSa): a notifiee of the entity, it hears each change
+// through the typed callbacks and marks the attribute dirty in the writer's
+// record, which lies a known distance after it (NotifieeBase::
+// logDirtySink()); it keeps the dirty keys of each collection of values in
+// a typed map, and writes the records of the entity that the writer hands
+// it with the typed accessors and encoders. Children and shared entities
+// are left to the writer.
 class LogStateAdapter {
  public:
   virtual ~LogStateAdapter() = default;
   // Writes the records of attribute `id` that changed since the last call
   // and answers how many; -1 for an attribute it leaves to the writer.
-  virtual int handleAttrFlowOut(S32 id, LogOut& out, U32 ref) = 0;
+  virtual int handleAttrFlowOut(S32 id, LogOut& out, U32 ref, Entity const& entity) = 0;
   // The records of the plain attributes marked typedAnnounce, of an entity
   // the readers make anew, in declaration order; a value equal to what a new
   // entity holds is left out. Answers how many.
-  virtual int handleAnnounceValues(LogOut& out, U32 ref) = 0;
+  virtual int handleAnnounceValues(LogOut& out, U32 ref, Entity const& entity) = 0;
 };
 
 // Where a writer's bytes go.
@@ -288,7 +290,7 @@ class LogWriter {
   [[nodiscard]] Tracked* trackedOf(Entity const* e) const noexcept;
   // Whether the record of `e`, if any, is found through its notifiees
   // (else in tracked_): an entity that is not frozen and whose type has a
-  // state adapter, whose reactor knows where the record lies.
+  // state adapter, a notifiee that knows where the record lies.
   [[nodiscard]] static bool foundByNotifiee(Entity const& e) noexcept;
   [[nodiscard]] Tracked* recordByNotifiee(Entity const& e) const noexcept;
   template <class F>

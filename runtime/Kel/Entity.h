@@ -34,6 +34,7 @@
 namespace Kel {
 
 class Entity;
+class LogDirtySink;
 
 // The common base of every entity class's NotifieeConst and Notifiee.
 class NotifieeBase {
@@ -50,6 +51,12 @@ class NotifieeBase {
   // `depth` is the depth of the entity class that the notifiee observes:
   // it hears of the attributes of that class and of its bases.
   explicit NotifieeBase(U32 depth) noexcept : depth_(depth) {}
+  // Of a log writer's state adapter, once the writer has placed it: the
+  // writer's record of the entity, which hears what changed.
+  [[nodiscard]] LogDirtySink* logDirtySink() const noexcept {
+    return reinterpret_cast<LogDirtySink*>(const_cast<char*>(reinterpret_cast<char const*>(this)) +
+                                           logRecordOffset_);
+  }
   // Unregisters from the current entity, if any, and registers with `e`.
   void notifierBaseIs(Entity const* e);
 

@@ -185,7 +185,7 @@ using CreateWithArgsFn = Ptr<Entity> (*)(void const* const* args);
 // `entity`, at `at`: logStateAdapterBytes() bytes aligned as operator new
 // aligns, which the caller frees after destroying the adapter. The writer
 // keeps it in the allocation of its own record of the entity.
-using LogStateAdapterFn = LogStateAdapter* (*)(void* at, Entity& entity, LogDirtySink* sink);
+using LogStateAdapterFn = LogStateAdapter* (*)(void* at, Entity const& entity);
 // The typed reading of one record into `entity` (false: left to the generic reader).
 using LogDeserializeFn = bool (*)(Entity& entity, S32 id, LogIn& in);
 // Reads and checks one record as LogDeserializeFn would, applying nothing.

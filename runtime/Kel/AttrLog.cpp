@@ -99,23 +99,21 @@ namespace {
 std::size_t openRecord(LogOut& out, U32 ref, S32 id) { return openLogRecord(out, ref, id); }
 void closeRecord(LogOut& out, std::size_t lengthAt) { closeLogRecord(out, lengthAt); }
 
+// The value's encoding into `into`, whose room serves again: for a walk
+// that encodes the keys of a collection's members one after another.
+void encodeInto(TypeDesc const& type, void const* v, String& into) {
+  into.clear();
+  LogOut out(into);
+  type.ops()->logWrite(out, v);
+}
+
 String encode(TypeDesc const& type, void const* v) {
   // Written where there is room, then copied at its size: a state-path id
   // would grow a fresh string twice on the way, and a short key fits in
   // the string itself.
   thread_local String scratch;
-  scratch.clear();
-  LogOut out(scratch);
-  type.ops()->logWrite(out, v);
+  encodeInto(type, v, scratch);
   return scratch;
-}
-
-// The same into `into`, whose room serves again: for a walk that encodes
-// the keys of a collection's members one after another.
-void encodeInto(TypeDesc const& type, void const* v, String& into) {
-  into.clear();
-  LogOut out(into);
-  type.ops()->logWrite(out, v);
 }
 
 #if defined(__x86_64__)
@@ -338,9 +336,7 @@ std::string_view encodedKeyView(Entity const& e) {
   GenericValue v(*key.type);
   type.attributeOp(v.get(), const_cast<Entity*>(&e), &key, attrOpRead);
   thread_local String scratch;
-  scratch.clear();
-  LogOut out(scratch);
-  key.type->ops()->logWrite(out, v.get());
+  encodeInto(*key.type, v.get(), scratch);
   return scratch;
 }
 

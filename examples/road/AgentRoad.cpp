@@ -180,12 +180,17 @@ void Agent::drain() {
   // batch; the vectors' room is kept for the next one.
   std::vector<Waiting> batch;
   std::vector<SpKey> keys;
+  std::vector<Blocks> blocks;
   batch.swap(waiting_);
   keys.swap(keys_);
-  prefetchBatch(batch, keys);
+  blocks.swap(blocks_);
+  prefetchBatch(batch, keys, blocks);
   std::size_t i = 0;
   try {
-    for (; i < batch.size(); ++i) handle(*batch[i].from, batch[i].msg, keys[i]);
+    for (; i < batch.size(); ++i) {
+      NeighborKey const* const to = blocks[i].to ? &*blocks[i].to : nullptr;
+      handle(*batch[i].from, batch[i].msg, keys[i], to);
+    }
   } catch (...) {
     // The message that threw is gone, as it would be handled at once; those
     // after it wait again, ahead of any that came meanwhile.
@@ -196,6 +201,7 @@ void Agent::drain() {
   batch.clear();
   if (waiting_.empty()) waiting_.swap(batch);
   if (keys_.empty()) keys_.swap(keys);
+  if (blocks_.empty()) blocks_.swap(blocks);
 }
 
 namespace {
@@ -211,7 +217,8 @@ void prefetchBytes(void const* p, std::size_t n) {
 // Each step asks for the memory that the next one reads, over the whole
 // batch, so that one message's misses wait alongside the others'. Nothing
 // changes here: handling looks the state paths up again.
-void Agent::prefetchBatch(std::vector<Waiting> const& batch, std::vector<SpKey>& keys) {
+void Agent::prefetchBatch(std::vector<Waiting> const& batch, std::vector<SpKey>& keys,
+                          std::vector<Blocks>& blocks) {
   constexpr std::size_t kMsgBytes = std::max(sizeof(RsvpPathMsg), sizeof(RsvpResvMsg));
   for (Waiting const& w : batch) prefetchBytes(w.msg.get(), kMsgBytes);
   auto const states = status_.spStateColl();
@@ -222,29 +229,34 @@ void Agent::prefetchBatch(std::vector<Waiting> const& batch, std::vector<SpKey>&
   }
   for (SpKey const& k : keys) states->spStatePrefetch(k, Kel::PrefetchStep::key);
   // The blocks the message goes through (by address: counting a reference
-  // would wait for them), and the observers of the state path's changes.
-  blocks_.clear();
+  // would wait for them), the observers of the state path's changes, and
+  // the neighbor it goes to, hashed at the next step, where the hashing
+  // overlaps the memory the batch waits for.
+  blocks.clear();
   for (std::size_t i = 0; i < batch.size(); ++i) {
+    Blocks& b = blocks.emplace_back();
     RsvpSpState const* const sp = states->spState(keys[i]).get();
     if (!sp) continue;
     sp->notifieesPrefetch();
-    Blocks b;
     if (batch[i].msg->msgType() == rsvpPathMsg) {
       b.inPath = static_cast<RsvpInPathState const*>(sp->inPathStateAddress());
       b.outPath = static_cast<RsvpOutPathState const*>(sp->outPathStateAddress());
+      b.toward = &sp->activeDs();
     } else {
       b.inResv = static_cast<RsvpInResvState const*>(sp->inResvStateAddress());
       b.outResv = static_cast<RsvpOutResvState const*>(sp->outResvStateAddress());
+      b.toward = &sp->activeUs();
     }
+    Kel::prefetch(b.toward);
     prefetchBytes(b.inPath ? static_cast<void const*>(b.inPath) : b.inResv,
                   std::max(sizeof(RsvpInPathState), sizeof(RsvpInResvState)));
     prefetchBytes(b.outPath ? static_cast<void const*>(b.outPath) : b.outResv,
                   std::max(sizeof(RsvpOutPathState), sizeof(RsvpOutResvState)));
-    blocks_.push_back(b);
   }
   // The messages the blocks hold (the incoming one is compared whole, the
   // outgoing one sent again), and the observers of the blocks' changes.
-  for (Blocks const& b : blocks_) {
+  for (Blocks& b : blocks) {
+    if (b.toward) b.to.emplace(*b.toward);
     if (b.inPath) {
       b.inPath->notifieesPrefetch();
       prefetchBytes(b.inPath->msgAddress(), kMsgBytes);
@@ -262,14 +274,15 @@ void Agent::prefetchBatch(std::vector<Waiting> const& batch, std::vector<SpKey>&
   }
 }
 
-void Agent::handle(RsvpNeighborId const& from, Kel::Ptr<RsvpMsg const> const& msg,
-                   SpKey const& id) {
+void Agent::handle(RsvpNeighborId const& from, Kel::Ptr<RsvpMsg const> const& msg, SpKey const& id,
+                   NeighborKey const* to) {
   switch (msg->msgType()) {
     case rsvpPathMsg:
-      handlePath(from, Kel::Ptr<RsvpPathMsg const>(static_cast<RsvpPathMsg const*>(msg.get())), id);
+      handlePath(from, Kel::Ptr<RsvpPathMsg const>(static_cast<RsvpPathMsg const*>(msg.get())), id,
+                 to);
       break;
     case rsvpResvMsg:
-      handleResv(Kel::Ptr<RsvpResvMsg const>(static_cast<RsvpResvMsg const*>(msg.get())), id);
+      handleResv(Kel::Ptr<RsvpResvMsg const>(static_cast<RsvpResvMsg const*>(msg.get())), id, to);
       break;
     case rsvpPathTearMsg:
       handlePathTear(
@@ -347,9 +360,13 @@ void Agent::remember(RsvpSpState& sp, RsvpSpOperState path, RsvpSpOperState resv
   sp.operationalIs(up);
 }
 
-void Agent::send(RsvpNeighborId const& to, Kel::Ptr<RsvpMsg const> const& msg) {
+void Agent::send(RsvpNeighborId const& to, Kel::Ptr<RsvpMsg const> const& msg,
+                 NeighborKey const* hint) {
   auto const pipes = status_.spTxMsgPipeColl();
-  Kel::Ptr<RsvpSpTxMsgPipe> pipe = pipes->msgPipe(to);
+  // The batch hashed the neighbor the state path had then; one handled
+  // before in the batch may have moved it.
+  Kel::Ptr<RsvpSpTxMsgPipe> pipe =
+      hint && hint->key == to ? pipes->msgPipe(*hint) : pipes->msgPipe(to);
   if (!pipe) {
     pipe = pipes->msgPipeIs(to);
     txReactors_.push_back(std::make_unique<TxReactor>(*this, pipe.get()));
@@ -370,7 +387,7 @@ bool Agent::takeIn(Block& in, Kel::Ptr<Msg const> const& msg) {
 }
 
 void Agent::handlePath(RsvpNeighborId const& from, Kel::Ptr<RsvpPathMsg const> const& msg,
-                       SpKey const& key) {
+                       SpKey const& key, NeighborKey const* hint) {
   RsvpSpId const& id = key.key;
   Kel::Ptr<RsvpSpState> sp = status_.spStateColl()->spState(key);
   if (!sp) sp = createPath(id, from, *msg);
@@ -409,13 +426,14 @@ void Agent::handlePath(RsvpNeighborId const& from, Kel::Ptr<RsvpPathMsg const> c
   } else {
     ++counters_.pathRefreshes;
   }
-  send(to, sendMsg);
+  send(to, sendMsg, hint);
   out->msgLastSentIs(now_);
   sp->updateOperPathState(msgSend);
   remember(*sp, path0, resv0);
 }
 
-void Agent::handleResv(Kel::Ptr<RsvpResvMsg const> const& msg, SpKey const& key) {
+void Agent::handleResv(Kel::Ptr<RsvpResvMsg const> const& msg, SpKey const& key,
+                       NeighborKey const* hint) {
   Kel::Ptr<RsvpSpState> const sp = status_.spStateColl()->spState(key);
   if (!sp) {
     ++counters_.unmatched;
@@ -446,7 +464,7 @@ void Agent::handleResv(Kel::Ptr<RsvpResvMsg const> const& msg, SpKey const& key)
   } else {
     ++counters_.resvRefreshes;
   }
-  send(sp->activeUs(), sendMsg);
+  send(sp->activeUs(), sendMsg, hint);
   out->msgLastSentIs(now_);
   sp->updateOperResvState(msgSend);
   remember(*sp, path0, resv0);

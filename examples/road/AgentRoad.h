@@ -17,6 +17,7 @@
 #include <Rsvp/Rsvp.h>
 
 #include <memory>
+#include <optional>
 #include <vector>
 
 namespace Road {
@@ -111,6 +112,7 @@ class Agent {
   class LabelReactor;
 
   using SpKey = Kel::Hashed<Rsvp::RsvpSpId>;
+  using NeighborKey = Kel::Hashed<Rsvp::RsvpNeighborId>;
   // A message taken out of a receive pipe, waiting for its batch.
   struct Waiting {
     Rsvp::RsvpNeighborId const* from;  // the reactor's, which outlives the agent's batches
@@ -118,18 +120,36 @@ class Agent {
   };
 
   void take(Rsvp::RsvpNeighborId const& from, Kel::Ptr<Rsvp::RsvpMsg const> const& msg);
-  // Hashes the batch's state-path ids into `keys` and asks for the memory
-  // of their roads.
-  void prefetchBatch(std::vector<Waiting> const& batch, std::vector<SpKey>& keys);
+  // The blocks a message of a batch goes through, and the neighbor it will
+  // be sent to, found ahead of handling (none for a new state path).
+  struct Blocks {
+    Rsvp::RsvpInPathState const* inPath = nullptr;
+    Rsvp::RsvpInResvState const* inResv = nullptr;
+    Rsvp::RsvpOutPathState const* outPath = nullptr;
+    Rsvp::RsvpOutResvState const* outResv = nullptr;
+    Rsvp::RsvpNeighborId const* toward = nullptr;  // in the state path
+    std::optional<NeighborKey> to;
+  };
+
+  // Hashes the batch's state-path ids into `keys`, finds what `blocks` says
+  // of each message, and asks for the memory of their roads.
+  void prefetchBatch(std::vector<Waiting> const& batch, std::vector<SpKey>& keys,
+                     std::vector<Blocks>& blocks);
+  // `to`, when known, is the hashed neighbor that the message's state path
+  // sent to when the batch was prefetched.
   void handle(Rsvp::RsvpNeighborId const& from, Kel::Ptr<Rsvp::RsvpMsg const> const& msg,
-              SpKey const& id);
+              SpKey const& id, NeighborKey const* to = nullptr);
   void handlePath(Rsvp::RsvpNeighborId const& from, Kel::Ptr<Rsvp::RsvpPathMsg const> const& msg,
-                  SpKey const& id);
-  void handleResv(Kel::Ptr<Rsvp::RsvpResvMsg const> const& msg, SpKey const& id);
+                  SpKey const& id, NeighborKey const* to);
+  void handleResv(Kel::Ptr<Rsvp::RsvpResvMsg const> const& msg, SpKey const& id,
+                  NeighborKey const* to);
   void handlePathTear(Kel::Ptr<Rsvp::RsvpPathTearMsg const> const& msg, SpKey const& id);
   Kel::Ptr<Rsvp::RsvpSpState> createPath(Rsvp::RsvpSpId const& id, Rsvp::RsvpNeighborId const& from,
                                          Rsvp::RsvpPathMsg const& msg);
-  void send(Rsvp::RsvpNeighborId const& to, Kel::Ptr<Rsvp::RsvpMsg const> const& msg);
+  // Writes `msg` into the transmit pipe of `to`; `hint`, if it names `to`,
+  // saves hashing it again.
+  void send(Rsvp::RsvpNeighborId const& to, Kel::Ptr<Rsvp::RsvpMsg const> const& msg,
+            NeighborKey const* hint = nullptr);
   void remember(Rsvp::RsvpSpState& sp, Rsvp::RsvpSpOperState path, Rsvp::RsvpSpOperState resv);
   template <class Block, class Msg>
   bool takeIn(Block& in, Kel::Ptr<Msg const> const& msg);
@@ -145,15 +165,8 @@ class Agent {
   Kel::Ptr<Rsvp::RsvpMsg const> lastSent_;
   Kel::U32 batch_ = 1;
   std::vector<Waiting> waiting_;
-  // The blocks a message of a batch goes through, found ahead of handling.
-  struct Blocks {
-    Rsvp::RsvpInPathState const* inPath = nullptr;
-    Rsvp::RsvpInResvState const* inResv = nullptr;
-    Rsvp::RsvpOutPathState const* outPath = nullptr;
-    Rsvp::RsvpOutResvState const* outResv = nullptr;
-  };
-  std::vector<SpKey> keys_;  // room for a batch's state-path ids, hashed once
-  std::vector<Blocks> blocks_;
+  std::vector<SpKey> keys_;     // room for a batch's state-path ids, hashed once
+  std::vector<Blocks> blocks_;  // room for a batch's blocks
   std::vector<std::unique_ptr<RxReactor>> rxReactors_;
   std::vector<std::unique_ptr<TxReactor>> txReactors_;
   std::unique_ptr<LabelReactor> labels_;

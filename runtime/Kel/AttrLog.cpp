@@ -952,6 +952,9 @@ void LogWriter::writeAttr(LogOut& out, Tracked& t, KelAttr const& attr, bool ann
         drop(old);
       }
       if (!child) {
+        // A new entity's slot is empty already (a kept one's the reader
+        // empties at the snapshot's end).
+        if (announcing) return;
         closeRecord(out, openRecord(out, t.ref, -id));
         ++records_;
         return;
@@ -983,6 +986,10 @@ void LogWriter::writeAttr(LogOut& out, Tracked& t, KelAttr const& attr, bool ann
         type.attributeOp(&read, &e, &attr, attrOpRead);
         target = read.get();
       }
+      // A new entity's reference is null already (a kept one's the reader
+      // clears at the snapshot's end), unless the writer must let go of
+      // the target it held there.
+      if (announcing && !target && !t.children.find(attr.index, {}).entity) return;
       if (!writingRefs_) {
         // After every announcement of the frame, so that the target is known.
         deferredRefs_.push_back({&t, &attr, target});
@@ -1618,7 +1625,7 @@ LogReader::~LogReader() {
 void LogReader::reset() {
   announced_.clear();
   reused_.clear();
-  reusedPlain_.clear();
+  reusedWritten_.clear();
   pending_.clear();
   pending_.shrink_to_fit();
   expectedSeq_ = 1;
@@ -1764,8 +1771,8 @@ void LogReader::frameIs(U8 kind, U64 seq, LogIn payload) {
     nameIs(1, replica_);
     seen_.clear();
     reused_.clear();
-    reusedPlain_.clear();
-    reusedPlain_[replica_];
+    reusedWritten_.clear();
+    reusedWritten_[replica_];
   }
   // (entity, attribute) per record, for the transaction's end; entities the
   // frame releases are forgotten after it.
@@ -2137,8 +2144,10 @@ void LogReader::apply(Entity& entity, Decoded& d) {
     }
     if (!named->second.wasEmpty) named->second.keys.emplace(d.key);
   }
-  if (snapshot_ && a.kind == AttrKind::plain && !reusedPlain_.empty()) {
-    if (auto const r = reusedPlain_.find(e); r != reusedPlain_.end()) r->second.push_back(a.index);
+  if (snapshot_ && !reusedWritten_.empty() &&
+      (a.kind == AttrKind::plain || a.kind == AttrKind::child || a.kind == AttrKind::ref)) {
+    if (auto const r = reusedWritten_.find(e); r != reusedWritten_.end())
+      r->second.push_back(a.index);
   }
   // Plain values and members of maps and sets of values go through the
   // type's own typed dispatch when it has one.
@@ -2240,7 +2249,7 @@ void LogReader::applyChild(Entity& e, Decoded& d) {
   // An entity from before the snapshot: its members may need sweeping.
   if (kept) {
     reused_.push_back(ptrConstCast(existing));
-    reusedPlain_[existing.get()];
+    reusedWritten_[existing.get()];
   }
   if (there == attrDone && existing && !kept) {
     bool was = false;
@@ -2381,7 +2390,7 @@ void LogReader::collect(bool everything) {
 // forgotten.
 void LogReader::settle() {
   reused_.clear();
-  reusedPlain_.clear();
+  reusedWritten_.clear();
   // A replica that held nothing before the snapshot has nothing to forget.
   if (!previous_.empty()) {
     std::unordered_set<Entity const*> named;
@@ -2397,26 +2406,40 @@ void LogReader::settle() {
   if (!limbo_.empty()) collect(false);
 }
 
-// After a snapshot: removes every member that the snapshot did not name.
-// Only the entities that lived before the snapshot can hold such members:
-// the root and those the snapshot kept; the others it made empty.
+// After a snapshot: puts back what a new entity holds in every plain
+// value, child slot and reference that the snapshot did not write, and
+// removes every member that it did not name. Only the entities that lived
+// before the snapshot can hold anything else: the root and those the
+// snapshot kept; the others it made anew.
 void LogReader::sweep() {
   reused_.push_back(replica_);
   for (Ptr<Entity> const& kept : reused_) {
     Entity* const entity = kept.get();
     TypeDesc const& type = entity->fwkType();
-    if (auto const plain = reusedPlain_.find(entity); plain != reusedPlain_.end()) {
-      std::vector<U32>& written = plain->second;
+    if (auto const kept = reusedWritten_.find(entity); kept != reusedWritten_.end()) {
+      std::vector<U32>& written = kept->second;
       std::sort(written.begin(), written.end());
       type.forEachAttr([&](KelAttr const& a) {
-        if (a.kind != AttrKind::plain || a.logId == 0 ||
-            std::binary_search(written.begin(), written.end(), a.index))
-          return;
-        bool isDefault = true;
-        type.attributeOp(&isDefault, entity, &a, attrOpIsDefault);
-        if (!isDefault) type.attributeOp(nullptr, entity, &a, attrOpDefaultIs);
+        if (a.logId == 0 || std::binary_search(written.begin(), written.end(), a.index)) return;
+        if (a.kind == AttrKind::plain) {
+          bool isDefault = true;
+          type.attributeOp(&isDefault, entity, &a, attrOpIsDefault);
+          if (!isDefault) type.attributeOp(nullptr, entity, &a, attrOpDefaultIs);
+        } else if (a.kind == AttrKind::child || a.kind == AttrKind::ref) {
+          // Emptied or cleared. What it held, no longer named, is forgotten
+          // with the snapshot's other leftovers.
+          Ptr<Entity const> held;
+          type.attributeOp(&held, entity, &a, attrOpRead);
+          if (!held) return;
+          if (a.kind == AttrKind::child) {
+            type.attributeOp(nullptr, entity, &a, attrOpDelAll);
+          } else {
+            Ptr<Entity const> const none;
+            type.attributeOp(nullptr, entity, &a, attrOpWrite, &none);
+          }
+        }
       });
-      reusedPlain_.erase(plain);  // once, though the root may be listed twice
+      reusedWritten_.erase(kept);  // once, though the root may be listed twice
     }
     type.forEachAttr([&](KelAttr const& a) {
       if (!isCollection(a.kind) || a.logId == 0) return;

@@ -610,10 +610,11 @@ class LogReader {
   // Entities from before the snapshot that it kept (a child with the same
   // constructor arguments), swept with the root at its end.
   std::vector<Ptr<Entity>> reused_;
-  // Of those and the root: the plain attributes the snapshot wrote. The
-  // writer leaves out those that hold the value a new entity has, so the
+  // Of those and the root: the plain values, child slots and references
+  // the snapshot wrote. The writer leaves out those that hold what a new
+  // entity holds (a default value, no child, a null reference), so the
   // others go back to it at the end.
-  std::unordered_map<Entity const*, std::vector<U32>> reusedPlain_;
+  std::unordered_map<Entity const*, std::vector<U32>> reusedWritten_;
   LogAttrIndex attrs_;
   // Entities no longer named that something still held when they were
   // forgotten (see collect()).

@@ -759,7 +759,7 @@ TEST(AttrLog, LargePayloadsGoAsSeveralFrames) {
   // Unless told otherwise, a snapshot goes in parts of at most
   // logSnapshotPartBytes, and a flush of the same size in one frame.
   auto const source = Sample::rootFactory("root");
-  for (Kel::U32 i = 0; i < 40000; ++i) source->leafIs(i)->weightIs(i);
+  for (Kel::U32 i = 0; i < 80000; ++i) source->leafIs(i)->weightIs(i);
   Kel::LogWriter writer(*source);
   auto owned = std::make_unique<Kel::MemorySink>();
   Kel::MemorySink& sink = *owned;
@@ -774,7 +774,7 @@ TEST(AttrLog, LargePayloadsGoAsSeveralFrames) {
   EXPECT_LE(parts.size(), 2 * total / Kel::logSnapshotPartBytes + 2)
       << "parts are half full or more";
   ASSERT_GT(total, 2 * Kel::logSnapshotPartBytes);
-  for (Kel::U32 i = 0; i < 40000; ++i) source->leafIs(i)->weightIs(i + 1);
+  for (Kel::U32 i = 0; i < 80000; ++i) source->leafIs(i)->weightIs(i + 1);
   writer.flush();
   std::string const flushed = sink.take();
   ASSERT_EQ(payloads(flushed).size(), 1u);

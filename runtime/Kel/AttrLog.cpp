@@ -1116,15 +1116,21 @@ void LogWriter::writeEntity(LogOut& out, Tracked& t) {
   if (stream_) streamParts(out);
   TypeDesc const& type = t.entity->fwkType();
   std::vector<KelAttr const*> const& walk = attrs_.walk(type, t.adapted);
+  // The children of the slots, and their places among the tracking
+  // records, lie anywhere in a large heap: asked for now, they arrive while
+  // the values below are written, and their records while the children
+  // before them are.
+  constexpr std::size_t kAsked = 8;
+  std::array<Entity const*, kAsked> asked{};
+  std::size_t children = 0;
   if (snapshotting_) {
-    // The children of the slots, and their places among the tracking
-    // records, lie anywhere in a large heap: asked for now, they arrive
-    // while the values below are written.
     for (KelAttr const* attr : walk) {
       if (attr->kind != AttrKind::child) continue;
       Entity const* child = nullptr;
       type.attributeOp(&child, t.entity, attr, attrOpPeek);
-      if (child) askForTracking(child);
+      if (!child) continue;
+      askForTracking(child);
+      if (children < kAsked) asked[children++] = child;
     }
   }
   // The plain values first, through the type's typed dispatch, which takes
@@ -1132,6 +1138,7 @@ void LogWriter::writeEntity(LogOut& out, Tracked& t) {
   if (t.adapted) {
     records_ += static_cast<U64>(t.adapter()->handleAnnounceValues(out, t.ref, *t.entity));
   }
+  for (std::size_t i = 0; i < children; ++i) askForRecord(asked[i]);
   auto const visit = [&](KelAttr const& attr) {
     if (!isCollection(attr.kind)) {
       writeAttr(out, t, attr, true);
@@ -1150,21 +1157,28 @@ void LogWriter::writeEntity(LogOut& out, Tracked& t) {
       // Owned members, straight from the walk: writing them changes nothing
       // in the collection.
       if (sized) t.children.reserve(members);
-      // One member behind the walk: the next member and its place among the
-      // tracking records lie anywhere in a large heap, and are asked for
-      // while the one before is written, subtree and all.
-      String key;
-      String nextKey;
-      Entity* member = nullptr;
+      // Two members behind the walk: the next member and its place among
+      // the tracking records lie anywhere in a large heap. Its notifiees
+      // are asked for while the member before the last is written, subtree
+      // and all, and then its record while the last one is.
+      struct Pending {
+        Entity* member = nullptr;
+        String key;
+      };
+      Pending older;  // its record asked for
+      Pending last;   // its notifiees asked for
       for (; !it->done(); it->next()) {
         Entity* const next = const_cast<Entity*>(it->entity());
         askForTracking(next);
-        encodeInto(*attr.keyType, it->key(), nextKey);
-        if (member) writeOwnedMember(out, t, attr, key, member);
-        key.swap(nextKey);
-        member = next;
+        if (last.member) askForRecord(last.member);
+        if (older.member) writeOwnedMember(out, t, attr, older.key, older.member);
+        std::swap(older, last);
+        last.member = next;
+        encodeInto(*attr.keyType, it->key(), last.key);
       }
-      if (member) writeOwnedMember(out, t, attr, key, member);
+      if (last.member) askForRecord(last.member);
+      if (older.member) writeOwnedMember(out, t, attr, older.key, older.member);
+      if (last.member) writeOwnedMember(out, t, attr, last.key, last.member);
       if (attr.kind == AttrKind::queue) writeQueueNext(out, t, attr, false);
       return;
     }

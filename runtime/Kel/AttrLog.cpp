@@ -1118,8 +1118,8 @@ void LogWriter::writeEntity(LogOut& out, Tracked& t) {
   std::vector<KelAttr const*> const& walk = attrs_.walk(type, t.adapted);
   // The children of the slots, and their places among the tracking
   // records, lie anywhere in a large heap: asked for now, they arrive while
-  // the values below are written, and their records while the children
-  // before them are.
+  // the values below are written, and the records of the first few while
+  // the children before them are.
   constexpr std::size_t kAsked = 8;
   std::array<Entity const*, kAsked> asked{};
   std::size_t children = 0;

@@ -2430,8 +2430,8 @@ void LogReader::sweep() {
   for (Ptr<Entity> const& kept : reused_) {
     Entity* const entity = kept.get();
     TypeDesc const& type = entity->fwkType();
-    if (auto const kept = reusedWritten_.find(entity); kept != reusedWritten_.end()) {
-      std::vector<U32>& written = kept->second;
+    if (auto const found = reusedWritten_.find(entity); found != reusedWritten_.end()) {
+      std::vector<U32>& written = found->second;
       std::sort(written.begin(), written.end());
       type.forEachAttr([&](KelAttr const& a) {
         if (a.logId == 0 || std::binary_search(written.begin(), written.end(), a.index)) return;
@@ -2453,7 +2453,7 @@ void LogReader::sweep() {
           }
         }
       });
-      reusedWritten_.erase(kept);  // once, though the root may be listed twice
+      reusedWritten_.erase(found);  // once, though the root may be listed twice
     }
     type.forEachAttr([&](KelAttr const& a) {
       if (!isCollection(a.kind) || a.logId == 0) return;

@@ -37,6 +37,7 @@
 #include <fcntl.h>
 #include <malloc.h>
 #include <poll.h>
+#include <sys/resource.h>
 #include <sys/socket.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -308,10 +309,19 @@ void BM_MemoryPerLsp(benchmark::State& state) {
 }
 BENCHMARK(BM_MemoryPerLsp)->Iterations(1)->Unit(benchmark::kMillisecond);
 
+// The processor time of this process so far, user and system.
+double cpuSeconds() {
+  rusage u{};
+  ::getrusage(RUSAGE_SELF, &u);
+  auto const seconds = [](timeval t) { return static_cast<double>(t.tv_sec) + t.tv_usec / 1e6; };
+  return seconds(u.ru_utime) + seconds(u.ru_stime);
+}
+
 // The replica: reads the snapshot from `fd` and answers one byte once in
 // sync ('!' when it holds every LSP). Runs in its own process.
 [[noreturn]] void replicaProcess(int fd) {
   long const residentBefore = residentBytes();
+  double const cpuBefore = cpuSeconds();
   auto replica = rsvpStatusFactory("status");
   Kel::LogReader reader(*replica);
   ::fcntl(fd, F_SETFL, ::fcntl(fd, F_GETFL) | O_NONBLOCK);
@@ -327,11 +337,14 @@ BENCHMARK(BM_MemoryPerLsp)->Iterations(1)->Unit(benchmark::kMillisecond);
   }
   // The answer, then how much the replica's resident memory grew: the pages
   // the kernel cleared for it (pages inherited at the fork, from a heap the
-  // parent had freed, do not count).
-  char answer[1 + sizeof(long)];
+  // parent had freed, do not count), and the processor time it took (it
+  // waits idle while the tree is built).
+  char answer[1 + sizeof(long) + sizeof(double)];
   answer[0] = replica->spStateColl()->spStateSize() == kLsps ? '!' : '?';
   long const grown = residentBytes() - residentBefore;
+  double const cpu = cpuSeconds() - cpuBefore;
   std::memcpy(answer + 1, &grown, sizeof grown);
+  std::memcpy(answer + 1 + sizeof grown, &cpu, sizeof cpu);
   if (::write(fd, answer, sizeof answer) != static_cast<ssize_t>(sizeof answer)) ::_exit(1);
   ::_exit(0);
 }
@@ -376,6 +389,7 @@ void BM_Snapshot100k(benchmark::State& state) {
     // has not taken yet.
     ::fcntl(sv[0], F_SETFL, ::fcntl(sv[0], F_GETFL) | O_NONBLOCK);
     long const writerBefore = residentBytes();
+    double const writerCpuBefore = cpuSeconds();
     auto const start = Clock::now();
     if (!writer) writer.emplace(*r.status);
     // Counts what goes on the wire on its way to the socket.
@@ -401,9 +415,10 @@ void BM_Snapshot100k(benchmark::State& state) {
       writer->flush();
     }
     long const writerGrown = residentBytes() - writerBefore;
+    double const writerCpu = cpuSeconds() - writerCpuBefore;
     pollfd answered{sv[0], POLLIN, 0};
     ::poll(&answered, 1, 60000);
-    char reply[1 + sizeof(long)] = {};
+    char reply[1 + sizeof(long) + sizeof(double)] = {};
     ::fcntl(sv[0], F_SETFL, ::fcntl(sv[0], F_GETFL) & ~O_NONBLOCK);
     if (::recv(sv[0], reply, sizeof reply, MSG_WAITALL) != static_cast<ssize_t>(sizeof reply) ||
         reply[0] != '!') {
@@ -420,7 +435,14 @@ void BM_Snapshot100k(benchmark::State& state) {
     state.counters["wireBytesPerLsp"] = static_cast<double>(wire) / kLsps;
     state.counters["writtenS"] = written;
     long replicaGrown = 0;
+    double replicaCpu = 0;
     std::memcpy(&replicaGrown, reply + 1, sizeof replicaGrown);
+    std::memcpy(&replicaCpu, reply + 1 + sizeof replicaGrown, sizeof replicaCpu);
+    // The two sides' processor times: where the two processes slow each
+    // other (two virtual processors on one core, or the memory they share),
+    // the time end to end follows their sum more than the larger of them.
+    state.counters["writerCpuS"] = writerCpu;
+    state.counters["replicaCpuS"] = replicaCpu;
     state.counters["writerFreshMiB"] = static_cast<double>(writerGrown) / (1 << 20);
     state.counters["replicaFreshMiB"] = static_cast<double>(replicaGrown) / (1 << 20);
   }

@@ -264,7 +264,7 @@ class LogWriter {
   // a writer's state adapter is, and its record right after it.
   static void askForRecord(Entity const* e) noexcept {
     if (!(e->notifiees_ & Entity::kOne)) return;
-    auto const* const n = reinterpret_cast<char const*>(e->notifiees_ & ~Entity::kOne);
+    auto const* const n = reinterpret_cast<char const*>(e->one());
     __builtin_prefetch(n);
     __builtin_prefetch(n + 64);
   }

@@ -1,8 +1,9 @@
 // The framework's containers against reference models: the hash table against
 // std::map, the numbered queue against a model written from its numbering
-// rules, and the reference counts of Kel::Ptr.
+// rules, the ordered map's copies, and the reference counts of Kel::Ptr.
 #include <Kel/Hash.h>
 #include <Kel/HashTable.h>
+#include <Kel/OrderedMap.h>
 #include <Kel/Ptr.h>
 #include <Kel/Queue.h>
 
@@ -668,6 +669,41 @@ TEST(Ptr, ConversionsAndCopiesShareOneCount) {
   }
   h = Holders{};
   EXPECT_EQ(destroyed, 1) << "destroyed exactly once";
+}
+
+// ---- OrderedMap: its tree is made on the first insertion and freed by
+// clear(), so an empty map and a copied or moved one must still behave as
+// values.
+
+TEST(OrderedMap, CopiesAreIndependentValuesWhetherEmptyOrNot) {
+  auto keysOf = [](Kel::OrderedMap<U32, int> const& m) {
+    std::vector<U32> keys;
+    for (auto it = m.begin(); !it.done(); ++it) keys.push_back(it.key());
+    return keys;
+  };
+  Kel::OrderedMap<U32, int> empty;
+  auto const emptyIt = empty.begin();
+  EXPECT_TRUE(emptyIt.done());
+  Kel::OrderedMap<U32, int> m;
+  for (U32 k : {5u, 1u, 3u}) m.insert(k, int(k) * 10);
+  EXPECT_TRUE(emptyIt.done()) << "another map's tree is not the empty map's";
+  Kel::OrderedMap<U32, int> copy = m;
+  m.erase(1);
+  *m.find(3) = -1;
+  EXPECT_EQ(keysOf(copy), (std::vector<U32>{1, 3, 5}));
+  EXPECT_EQ(*copy.find(3), 30);
+  copy = empty;
+  EXPECT_TRUE(copy.empty());
+  EXPECT_EQ(copy.find(5), nullptr);
+  copy = m;
+  Kel::OrderedMap<U32, int> moved = std::move(m);
+  EXPECT_EQ(keysOf(moved), (std::vector<U32>{3, 5}));
+  EXPECT_EQ(keysOf(copy), keysOf(moved));
+  moved.clear();
+  EXPECT_EQ(moved.size(), 0u);
+  EXPECT_FALSE(moved.erase(3));
+  EXPECT_TRUE(moved.insert(2, 7).second) << "a cleared map takes keys again";
+  EXPECT_EQ(keysOf(moved), (std::vector<U32>{2}));
 }
 
 }  // namespace

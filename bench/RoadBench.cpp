@@ -367,6 +367,11 @@ void BM_Snapshot100k(benchmark::State& state) {
     return;
   }
   std::fflush(nullptr);
+  // Pages the heap holds free (an earlier benchmark's tree) go back to the
+  // kernel first: shared with the child after the fork, each would be
+  // copied at the parent's first write to it as the tree is built, and a
+  // huge page split into small ones, slowing every walk of the tree after.
+  ::malloc_trim(0);
   pid_t const pid = ::fork();
   if (pid == 0) {
     ::close(sv[0]);

@@ -359,8 +359,12 @@ double cpuSeconds() {
 // replica of a publisher), 1 when the tree was mounted before the load
 // with one subscriber that a flush every 10k LSPs kept up to date (a
 // replica joining others: the writer already follows every entity).
+// state.range(1): 1 when the sink paces the writer to the replica (at most
+// 4 MiB waiting, 5 s of patience), 0 when it keeps whatever the replica has
+// not taken.
 void BM_Snapshot100k(benchmark::State& state) {
   bool const mountedBefore = state.range(0) != 0;
+  bool const paced = state.range(1) != 0;
   int sv[2];
   if (::socketpair(AF_UNIX, SOCK_STREAM, 0, sv) < 0) {
     state.SkipWithError("socketpair failed");
@@ -409,6 +413,7 @@ void BM_Snapshot100k(benchmark::State& state) {
     Kel::U64 wire = 0;
     auto sink = std::make_unique<Counted>(sv[0]);
     sink->total = &wire;
+    if (paced) sink->paceIs(std::size_t{4} << 20, std::chrono::seconds(5));
     Kel::U64 const recordsBefore = writer->records();
     writer->subscriberNew(std::move(sink));
     writer->flush();
@@ -455,9 +460,8 @@ void BM_Snapshot100k(benchmark::State& state) {
   ::waitpid(pid, nullptr, 0);
 }
 BENCHMARK(BM_Snapshot100k)
-    ->ArgName("mountedBefore")
-    ->Arg(0)
-    ->Arg(1)
+    ->ArgNames({"mountedBefore", "paced"})
+    ->ArgsProduct({{0, 1}, {0, 1}})
     ->Iterations(1)
     ->UseManualTime()
     ->Unit(benchmark::kMillisecond);

@@ -14,6 +14,7 @@
 #include <tuple>
 #include <utility>
 
+#include <poll.h>
 #include <sys/socket.h>
 #include <sys/uio.h>
 #include <unistd.h>
@@ -267,18 +268,37 @@ bool FdSink::write(std::string_view bytes) {
   if (broken_) return false;
   if (!parts_.empty()) {
     append(bytes);
-    return flush();
+    flush();
+  } else {
+    // Nothing waits: the descriptor takes what it can straight from the
+    // caller's bytes, and only the rest is copied.
+    while (!bytes.empty()) {
+      iovec iov{const_cast<char*>(bytes.data()), bytes.size()};
+      std::size_t const n = sendSome(fd_, &iov, 1, broken_);
+      if (n == 0) break;
+      bytes.remove_prefix(n);
+    }
+    append(bytes);
   }
-  // Nothing waits: the descriptor takes what it can straight from the
-  // caller's bytes, and only the rest is copied.
-  while (!bytes.empty()) {
-    iovec iov{const_cast<char*>(bytes.data()), bytes.size()};
-    std::size_t const n = sendSome(fd_, &iov, 1, broken_);
-    if (n == 0) break;
-    bytes.remove_prefix(n);
-  }
-  append(bytes);
+  if (paceBytes_ != 0 && backlog() > paceBytes_) paceWait();
   return !broken_;
+}
+
+void FdSink::paceIs(std::size_t backlogBytes, std::chrono::milliseconds patience) noexcept {
+  paceBytes_ = backlogBytes;
+  patience_ = patienceLeft_ = patience;
+}
+
+void FdSink::paceWait() {
+  using Clock = std::chrono::steady_clock;
+  while (!broken_ && backlog() > paceBytes_ && patienceLeft_.count() > 0) {
+    auto const start = Clock::now();
+    pollfd p{fd_, POLLOUT, 0};
+    auto const ms = std::chrono::ceil<std::chrono::milliseconds>(patienceLeft_).count();
+    ::poll(&p, 1, static_cast<int>(std::min<decltype(ms)>(ms, 60000)));
+    patienceLeft_ -= Clock::now() - start;
+    flush();
+  }
 }
 
 bool FdSink::flush() {
@@ -315,8 +335,10 @@ bool FdSink::flush() {
     spares_.clear();
     backlog_ = sent_ = 0;
   } else if (parts_.empty()) {
-    // Caught up: large parts are not kept for a backlog that may not come.
+    // Caught up: large parts are not kept for a backlog that may not come,
+    // and a paced writer may wait again.
     std::erase_if(spares_, [](String const& p) { return p.capacity() > kPartBytes; });
+    patienceLeft_ = patience_;
   }
   return !broken_;
 }

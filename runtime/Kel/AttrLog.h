@@ -25,6 +25,7 @@
 
 #include <algorithm>
 #include <array>
+#include <chrono>
 #include <cstdint>
 #include <deque>
 #include <map>
@@ -127,8 +128,20 @@ class FdSink : public LogSink {
   // Queues bytes without sending them: the next write() or flush() sends
   // them first.
   void append(std::string_view bytes);
+  // Paces a writer that outruns its reader (a snapshot of a large tree):
+  // while more than `backlogBytes` wait after a write(), it waits for the
+  // descriptor to take bytes, for at most `patience` in all until the
+  // backlog next empties. Past that it keeps what the descriptor does not
+  // take, as an unpaced sink does: a reader that stopped reading holds the
+  // writer up once, for `patience`. Off (the default) when `backlogBytes`
+  // is 0. A paced snapshot keeps a few megabytes instead of whatever the
+  // reader has not applied yet, and fresh memory for that backlog costs
+  // the writer more than the wait.
+  void paceIs(std::size_t backlogBytes, std::chrono::milliseconds patience) noexcept;
 
  private:
+  void paceWait();
+
   static constexpr std::size_t kPartBytes = 1u << 20;
   static constexpr std::size_t kSpares = 2;
   int fd_;
@@ -139,6 +152,9 @@ class FdSink : public LogSink {
   // does not ask for fresh memory at each part.
   std::vector<String> spares_;
   bool broken_ = false;
+  std::size_t paceBytes_ = 0;  // 0: unpaced
+  std::chrono::nanoseconds patience_{0};
+  std::chrono::nanoseconds patienceLeft_{0};  // until the backlog next empties
 };
 
 // Frame kinds. A payload larger than logFramePartBytes is cut at record

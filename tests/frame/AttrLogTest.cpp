@@ -19,10 +19,13 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <atomic>
+#include <chrono>
 #include <cstring>
 #include <map>
 #include <numeric>
 #include <random>
+#include <thread>
 #include <tuple>
 #include <vector>
 
@@ -853,6 +856,61 @@ TEST(AttrLog, FdSinkBacklogKeepsEveryByteInOrder) {
   drain(~std::size_t{0});
   EXPECT_EQ(received.size(), sent.size());
   EXPECT_TRUE(received == sent) << "the bytes arrived out of order";
+  ::close(fds[0]);
+  ::close(fds[1]);
+}
+
+// A paced sink keeps its backlog under the bound while a slow reader
+// takes the bytes, and all arrive in order; a reader that stops reading
+// holds the writer up once for the patience, and again only after the
+// backlog emptied.
+TEST(AttrLog, FdSinkPacesItsWriterUntilPatienceRunsOut) {
+  using namespace std::chrono;
+  int fds[2];
+  ASSERT_EQ(::socketpair(AF_UNIX, SOCK_STREAM | SOCK_NONBLOCK, 0, fds), 0);
+  Kel::FdSink sink(fds[0]);
+  constexpr std::size_t kBound = 256u << 10;
+  sink.paceIs(kBound, seconds(30));
+  std::string sent, received;
+  std::atomic<std::size_t> total{~std::size_t{0}};  // known once all is written
+  std::thread reader([&] {
+    char buf[16384];
+    while (received.size() < total) {
+      ssize_t const n = ::read(fds[1], buf, sizeof buf);
+      if (n > 0) received.append(buf, static_cast<std::size_t>(n));
+      std::this_thread::sleep_for(microseconds(50));
+    }
+  });
+  for (int i = 0; i < 64; ++i) {
+    std::string bytes(100000 + i, static_cast<char>(i));
+    sent += bytes;
+    // (EXPECT: the reader thread must be joined.)
+    EXPECT_TRUE(sink.write(bytes));
+    EXPECT_LE(sink.backlog(), kBound);
+  }
+  while (sink.pending() && sink.flush()) {
+  }
+  total = sent.size();
+  reader.join();
+  EXPECT_TRUE(received == sent) << "the bytes arrived out of order";
+
+  // Nobody reads now.
+  sink.paceIs(64u << 10, milliseconds(50));
+  auto const timed = [&](std::size_t size) {
+    auto const start = steady_clock::now();
+    EXPECT_TRUE(sink.write(std::string(size, 'x')));
+    return steady_clock::now() - start;
+  };
+  EXPECT_GE(timed(4u << 20), milliseconds(50));
+  EXPECT_GT(sink.backlog(), std::size_t{64} << 10);
+  EXPECT_LT(timed(1u << 20), milliseconds(40)) << "waited again before catching up";
+  char buf[65536];
+  while (sink.pending()) {
+    while (::read(fds[1], buf, sizeof buf) > 0) {
+    }
+    ASSERT_TRUE(sink.flush());
+  }
+  EXPECT_GE(timed(4u << 20), milliseconds(50)) << "caught up, the patience is whole again";
   ::close(fds[0]);
   ::close(fds[1]);
 }

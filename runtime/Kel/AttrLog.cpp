@@ -1829,7 +1829,7 @@ void LogReader::frameIs(U8 kind, U64 seq, LogIn payload) {
       }
       if (!last.entity) throw LogException("Bad reference in the attribute log");
       Entity* const e = last.entity;
-      apply(*e, d);
+      apply(*e, d, last.reused);
       if (!e->fwkType().logTransactionSettles()) continue;
       auto const id = static_cast<S32>(d.attr->logId);
       if (changed.empty() || changed.back().first.get() != e || changed.back().second != id)
@@ -1900,7 +1900,8 @@ void LogReader::decode(LogIn& in, Decoded& d, Check* check, Last* last) {
     if (last) {
       if (ref != last->ref || !last->entity) {
         Entity* const named = namedBy(ref);
-        *last = Last{ref, named, named ? &named->fwkType() : nullptr};
+        bool const reused = snapshot_ && named && reusedWritten_.contains(named);
+        *last = Last{ref, named, named ? &named->fwkType() : nullptr, reused};
       }
       return last->type;
     }
@@ -2153,16 +2154,18 @@ void LogReader::checkQueue(Check& check, Decoded const& d) {
   q.push_back({seq, d.element, true});
 }
 
-void LogReader::apply(Entity& entity, Decoded& d) {
+void LogReader::apply(Entity& entity, Decoded& d, bool reused) {
   Entity* const e = &entity;
   TypeDesc const& type = e->fwkType();
   KelAttr const& a = *d.attr;
   auto refuse = [&] {
     throw LogException("Attribute log record for " + String(a.name) + " refused");
   };
-  // A queue's next number may be all a snapshot says of it (a queue used
-  // and emptied): it starts the queue again too.
-  if (snapshot_ && isCollection(a.kind) && (!d.del || d.queueNext)) {
+  // Of an entity from before the snapshot, the members it names are noted
+  // for sweep(), and a queue starts again at its first record (a queue's
+  // next number may be all a snapshot says of it: a queue used and
+  // emptied). An entity the snapshot made holds only what it names.
+  if (reused && isCollection(a.kind) && (!d.del || d.queueNext)) {
     auto [named, first] = seen_.try_emplace(SeenKey{e, a.index});
     if (first) {
       std::size_t size = 0;
@@ -2180,10 +2183,9 @@ void LogReader::apply(Entity& entity, Decoded& d) {
     }
     if (!named->second.wasEmpty) named->second.keys.emplace(d.key);
   }
-  if (snapshot_ && !reusedWritten_.empty() &&
+  if (reused &&
       (a.kind == AttrKind::plain || a.kind == AttrKind::child || a.kind == AttrKind::ref)) {
-    if (auto const r = reusedWritten_.find(e); r != reusedWritten_.end())
-      r->second.push_back(a.index);
+    reusedWritten_.find(e)->second.push_back(a.index);
   }
   // Plain values and members of maps and sets of values go through the
   // type's own typed dispatch when it has one.

@@ -598,11 +598,15 @@ class LogReader {
     U32 ref = 0;
     Entity* entity = nullptr;
     TypeDesc const* type = nullptr;
+    // During a snapshot: the entity lived before it (the root, or a child
+    // the snapshot kept), so what the snapshot writes to it is noted for
+    // sweep(). The others it made anew, and they hold nothing else.
+    bool reused = false;
   };
   void decode(LogIn& in, Decoded& d, Check* check, Last* last = nullptr);
   void checkQueue(Check& check, Decoded const& d);
   void checkQueue(Check& check, Decoded const& d, std::size_t recordNo);
-  void apply(Entity& e, Decoded& d);
+  void apply(Entity& e, Decoded& d, bool reused);
   void applyChild(Entity& e, Decoded& d);
   Ptr<Entity const> shared(Decoded const& d);
   void forget(Ptr<Entity> e);

@@ -39,9 +39,12 @@
 // when the table would hold more keys than buckets. The slots, which the
 // buckets only order, are at most 0.9 full (0.8 for elements of up to 24
 // bytes, whose empty slots cost little: an insertion shifts the run after
-// its place, longer the fuller the table). A growth adds an eighth of the
-// slots for larger elements that move by memcpy in tables past 1024 slots,
-// which so stay 0.8 to 0.9 full, and a half otherwise. Past 1024 slots the
+// its place, longer the fuller the table). For larger elements that move by
+// memcpy, a growth adds a quarter of the slots in tables of 1024 to 65536
+// slots (a neighbor's or a session's members, filled as paths come: fewer
+// growths, each moving every element, and shorter shifts) and an eighth past
+// that (the largest tables, whose empty slots cost the most memory, stay 0.8
+// to 0.9 full); a half otherwise. Past 1024 slots the
 // elements live in segments of 1024 slots; an element's new place is never
 // before its old one, so growth adds segments and moves the elements back
 // to front within them rather than into fresh memory. Erasing never
@@ -459,7 +462,7 @@ class HashTable {
   }
 
   // Room for `n` keys without growing: one re-placing now rather than a
-  // growth every eighth as they arrive. The order and the buckets do not
+  // growth at each step as they arrive. The order and the buckets do not
   // change (they follow the keys); only the slots do.
   void reserve(std::size_t n) {
     if (tags_ && n <= maxSize()) return;
@@ -531,7 +534,7 @@ class HashTable {
   static constexpr U32 kEndRun = 32;
   static constexpr U16 kEndTag = 1;
   // Small elements cost little in empty slots: the table grows by half
-  // rather than by an eighth, rebuilding less often.
+  // rather than by a quarter or an eighth, rebuilding less often.
   static constexpr bool kSmall = sizeof(Element) <= 24;
   static constexpr bool kRelocatable = KelRelocatable<K>::value && KelRelocatable<V>::value;
   static_assert(std::is_nothrow_move_constructible_v<Element>,
@@ -560,9 +563,11 @@ class HashTable {
   [[nodiscard]] U32 grownSlots() const {
     // By half while the elements fit in one segment (small tables grow
     // often, and their empty slots cost little) and when elements move one
-    // by one.
-    U64 const more =
-        kSmall || !kRelocatable || end_ < kSegmentSlots ? slotCount_ / 2 : slotCount_ / 8;
+    // by one; else by a quarter, or an eighth in the largest tables (see
+    // the growth policy above).
+    U64 more = slotCount_ / 2;
+    if (!kSmall && kRelocatable && end_ >= kSegmentSlots)
+      more = end_ < kQuarterGrowthSlots ? slotCount_ / 4 : slotCount_ / 8;
     U64 const slots = U64{slotCount_} + std::max<U64>(more, 4);
     if (slots > (U64{1} << 31)) throw std::length_error("Kel::HashTable is full");
     return static_cast<U32>(slots);
@@ -1057,6 +1062,7 @@ class HashTable {
   // rather than moving everything into fresh memory.
   static constexpr unsigned kSegmentBits = 10;
   static constexpr U32 kSegmentSlots = U32{1} << kSegmentBits;
+  static constexpr U32 kQuarterGrowthSlots = U32{1} << 16;
   std::vector<Element*> segments_;
   U32 segmentSlots_ = 0;         // the slots of each segment
   std::unique_ptr<U16[]> tags_;  // end_ tags, then kEndRun end tags

@@ -312,6 +312,10 @@ int publishRun(Options const& o) {
   std::unique_ptr<Kel::LogPublisher> publisher;
   if (!o.publish.empty()) {
     publisher = std::make_unique<Kel::LogPublisher>(o.publish);
+    // A front end attaching to a large tree applies its snapshot more slowly
+    // than the agent writes it: the agent waits (up to two seconds) rather
+    // than keep hundreds of megabytes the front end has not read.
+    publisher->paceIs(std::size_t{4} << 20, std::chrono::seconds(2));
     publisher->treeIs(1, *agent.status);
     publisher->treeIs(2, *agent.config);
     publisher->treeIs(3, *agent.cli);

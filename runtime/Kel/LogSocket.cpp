@@ -145,6 +145,7 @@ void LogPublisher::serve() {
       break;  // EAGAIN: none left; anything else is retried at the next call
     }
     auto conn = std::make_shared<Connection>(fd);
+    conn->out.paceIs(paceBytes_, patience_);
     std::string directory;
     for (Tree const& t : trees_) {
       directory += std::to_string(t.number) + " " + std::string(t.root->fwkType().name()) + "\n";

@@ -23,6 +23,8 @@
 #include <Kel/Entity.h>
 #include <Kel/Exception.h>
 
+#include <chrono>
+#include <cstddef>
 #include <map>
 #include <memory>
 #include <string>
@@ -57,6 +59,16 @@ class LogPublisher {
   // Kel::Exception for number 0 or a number already published.
   void treeIs(U32 number, Entity& root);
 
+  // Paces the replicas that attach from now on (FdSink::paceIs): a
+  // snapshot waits for a replica past `backlogBytes` waiting on its socket,
+  // within `patience`, instead of keeping all that the replica has not read.
+  // For replicas in other processes or threads: one served by the
+  // publisher's own thread cannot read while it waits. Off by default.
+  void paceIs(std::size_t backlogBytes, std::chrono::milliseconds patience) noexcept {
+    paceBytes_ = backlogBytes;
+    patience_ = patience;
+  }
+
   // The listening descriptor: readable when a replica waits to attach.
   [[nodiscard]] int fd() const noexcept { return listen_; }
   [[nodiscard]] std::string const& path() const noexcept { return path_; }
@@ -87,6 +99,8 @@ class LogPublisher {
   std::vector<Tree> trees_;
   std::map<U32, std::shared_ptr<Connection>> connections_;  // by stream number
   U32 nextStream_ = logPublisherStreamBase;
+  std::size_t paceBytes_ = 0;  // 0: unpaced
+  std::chrono::milliseconds patience_{0};
 };
 
 class LogReplica {

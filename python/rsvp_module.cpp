@@ -590,6 +590,17 @@ class Publisher {
     roots_.push_back(root.e);  // the publisher needs its trees to outlive it
   }
   void serve() { live().serve(); }
+  // Seconds, as everywhere in the module; a patience that is negative, not a
+  // number or over a day is refused before the publisher changes.
+  void pace(std::size_t backlogBytes, double patience) {
+    if (!(patience >= 0.0 && patience <= 86400.0)) {
+      char text[64];
+      std::snprintf(text, sizeof text, "Invalid patience %g s", patience);
+      throw Kel::RangeException(text);
+    }
+    live().paceIs(backlogBytes,
+                  std::chrono::milliseconds(static_cast<long>(patience * 1000.0 + 0.5)));
+  }
   [[nodiscard]] int fd() { return live().fd(); }
   [[nodiscard]] std::size_t replicas() { return live().replicas(); }
   [[nodiscard]] bool pending() { return live().pending(); }
@@ -883,6 +894,10 @@ PYBIND11_MODULE(rsvp, m) {
       .def(py::init<std::string>(), py::arg("path"))
       .def("publish", &Publisher::publish, py::arg("number"), py::arg("root"))
       .def("serve", &Publisher::serve)
+      .def("pace", &Publisher::pace, py::arg("backlog_bytes"), py::arg("patience"),
+           "Paces the replicas that attach from now on: serving waits for a replica "
+           "with more than backlog_bytes unread, for at most patience seconds until it "
+           "catches up. For replicas in other processes.")
       .def_property_readonly("fd", &Publisher::fd)
       .def_property_readonly("path", &Publisher::path)
       .def_property_readonly("replicas", &Publisher::replicas)

@@ -73,14 +73,24 @@ def test_replica_refuses_writes(published, write, message):
         assert str(e.value) == message and replica.root.browse() == before
 
 
+@pytest.mark.parametrize("patience", [-1.0, float("nan"), 1e9])
+def test_pace_refuses_a_bad_patience(published, patience):
+    with pytest.raises(rsvp.RangeError, match="^Invalid patience "):
+        published[1].pace(4 << 20, patience)
+
+
 def test_no_publisher(tmp_path):
     path = str(tmp_path / "none.sock")
     with pytest.raises(rsvp.Error, match="^No publisher at '%s'$" % path):
         rsvp.Replica(path, "Rsvp::RsvpStatus")
 
 
-def test_script_lists_the_replica_paths_that_are_up(published):
+@pytest.mark.parametrize("paced", [False, True])
+def test_script_lists_the_replica_paths_that_are_up(published, paced):
     status, publisher = published
+    if paced:
+        # A backlog of one byte: serving waits for the other process at each write.
+        publisher.pace(1, 0.5)
     script = os.path.join(os.path.dirname(paths_up.__file__), "paths_up.py")
     env = dict(os.environ, PYTHONPATH=os.pathsep.join(sys.path))
     proc = subprocess.Popen([sys.executable, script, "--socket", publisher.path, "--wait", "20"],

@@ -896,8 +896,8 @@ PYBIND11_MODULE(rsvp, m) {
       .def("serve", &Publisher::serve)
       .def("pace", &Publisher::pace, py::arg("backlog_bytes"), py::arg("patience"),
            "Paces the replicas that attach from now on: serving waits for a replica "
-           "with more than backlog_bytes unread, for at most patience seconds until it "
-           "catches up. For replicas in other processes.")
+           "whose socket leaves more than backlog_bytes waiting, for at most patience "
+           "seconds until it catches up. For replicas in other processes.")
       .def_property_readonly("fd", &Publisher::fd)
       .def_property_readonly("path", &Publisher::path)
       .def_property_readonly("replicas", &Publisher::replicas)

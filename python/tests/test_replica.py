@@ -89,7 +89,7 @@ def test_no_publisher(tmp_path):
 def test_script_lists_the_replica_paths_that_are_up(published, paced):
     status, publisher = published
     if paced:
-        # A backlog of one byte: serving waits for the other process at each write.
+        # A backlog of one byte: serving waits whenever the other process's socket is full.
         publisher.pace(1, 0.5)
     script = os.path.join(os.path.dirname(paths_up.__file__), "paths_up.py")
     env = dict(os.environ, PYTHONPATH=os.pathsep.join(sys.path))

@@ -46,11 +46,11 @@
 // members, filled as paths come: fewer growths, each moving every element,
 // and shorter shifts) and an eighth past that (the largest tables, whose
 // empty slots cost the most memory, stay 0.75 to 0.85 full); a half
-// otherwise. Past 1024 slots the elements live in
-// segments of 1024 slots; an element's new place is never before its old
-// one, so growth adds segments and moves the elements back to front within
-// them rather than into fresh memory. Erasing never shrinks the table;
-// clear() frees everything.
+// otherwise. Past 1024 slots the elements live in segments of 1024 slots;
+// an element's new place is never before its old one, so growth adds
+// segments and moves the elements back to front within them rather than
+// into fresh memory. Erasing never shrinks the table; clear() frees
+// everything.
 //
 // Iterators stand on a slot and remember its reversed hash, and the key
 // only when the key before it has that hash too (a copy), or the entity's

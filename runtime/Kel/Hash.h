@@ -73,15 +73,17 @@ class OneAtATime {
 // instead of a walk over the key's bytes.
 //
 // The memo keeps and compares the key's bytes: a hash is a function of the
-// key's members, so the same bytes have the same hash. Equal keys with
-// different bytes (padding, say) merely miss the memo, and the answer is the
-// same whether the memo held the key or not. Meant for a `static
+// key's members, so the same bytes have the same hash, and a key without
+// padding (which the memo requires) has no bytes outside its members. The
+// answer is the same whether the memo held the key or not. Meant for a `static
 // thread_local` inside the key type's hash(): it is constant-initialized,
 // so a thread pays no guard for it.
 template <class K>
 class HashMemo {
   static_assert(std::is_trivially_copyable_v<K>,
                 "a hash memo keeps the bytes of keys that are trivially copyable");
+  static_assert(std::has_unique_object_representations_v<K>,
+                "a hash memo compares the bytes of keys without padding");
 
  public:
   constexpr HashMemo() noexcept = default;

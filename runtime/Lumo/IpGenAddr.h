@@ -1,6 +1,9 @@
-// An IP address of either family, or none: a 4-byte family and a 16-byte
-// address. IPv4 sits in the first four bytes in network order with the other
-// twelve zero, so one layout serves every family.
+// An IP address of either family, or none: a 16-byte address and its family
+// in one byte (17 bytes, aligned to one, so that the keys made of addresses
+// and numbers have no padding: a state-path id, two addresses, a 16-bit
+// tunnel id and a 32-bit LSP id, is 40 bytes). IPv4 sits in the first
+// four bytes in network order with the other twelve zero, so one layout
+// serves every family. On the wire the family comes first, as a 4-byte word.
 #ifndef LUMO_IPGENADDR_H
 #define LUMO_IPGENADDR_H
 
@@ -45,7 +48,9 @@ class IpGenAddr {
     return IpGenAddr(afIpv6, addr);
   }
 
-  [[nodiscard]] constexpr AddressFamily family() const noexcept { return family_; }
+  [[nodiscard]] constexpr AddressFamily family() const noexcept {
+    return static_cast<AddressFamily>(family_);
+  }
   [[nodiscard]] constexpr bool isIpv4() const noexcept { return family_ == afIpv4; }
   [[nodiscard]] constexpr bool isIpv6() const noexcept { return family_ == afIpv6; }
   [[nodiscard]] constexpr bool isUnspecified() const noexcept { return family_ == afUnspecified; }
@@ -69,7 +74,7 @@ class IpGenAddr {
   // Raises Kel::RangeException on truncation, on a family other than 0, 2
   // and 10 ("Invalid IpGenAddr family <n>"), and when the bytes an IPv4 or
   // unspecified address leaves unused are not zero ("Invalid IpGenAddr bytes").
-  // Inline, and stored the way a copy loads it (sixteen bytes, then four):
+  // Inline, and stored the way a copy loads it (sixteen bytes, then one):
   // a replica reads millions of addresses, and copies each right after
   // reading it; a value stored in other widths cannot be forwarded to the
   // copy's loads, a stall each.
@@ -89,17 +94,13 @@ class IpGenAddr {
       throwBadWire(family);
     IpGenAddr out;
 #if defined(__SSE2__)
-    // The family's word in host order, then the first twelve bytes.
-    __m128i first = _mm_loadu_si128(reinterpret_cast<__m128i const*>(in));
-    first = _mm_or_si128(_mm_and_si128(first, _mm_set_epi32(-1, -1, -1, 0)),
-                         _mm_cvtsi32_si128(static_cast<int>(family)));
-    _mm_storeu_si128(reinterpret_cast<__m128i*>(&out), first);
-    std::memcpy(reinterpret_cast<char*>(&out) + 16, in + 16, 4);
+    // The address is the first member (a standard layout).
+    _mm_storeu_si128(reinterpret_cast<__m128i*>(&out),
+                     _mm_loadu_si128(reinterpret_cast<__m128i const*>(in + 4)));
 #else
-    Ip6Addr::Bytes b;
-    std::memcpy(b.data(), in + 4, b.size());
-    out = IpGenAddr(static_cast<AddressFamily>(family), Ip6Addr(b));
+    std::memcpy(static_cast<void*>(&out), in + 4, Ip6Addr::wireSize);
 #endif
+    out.family_ = static_cast<Kel::U8>(family);
     return out;
   }
 
@@ -123,14 +124,16 @@ class IpGenAddr {
   static bool parseRun(Kel::TextIt begin, Kel::TextIt end, IpGenAddr* out) noexcept;
 
   constexpr IpGenAddr(AddressFamily family, Ip6Addr const& addr) noexcept
-      : family_(family), addr_(addr) {}
+      : addr_(addr), family_(static_cast<Kel::U8>(family)) {}
 
-  AddressFamily family_ = afUnspecified;
   Ip6Addr addr_;
+  Kel::U8 family_ = afUnspecified;  // an AddressFamily
 };
 
-static_assert(sizeof(IpGenAddr) == IpGenAddr::wireSize);
-// fromNetwork() stores the family as the first four bytes.
+// Keys made of addresses and numbers have no padding, which a hash memo
+// compares (Kel::HashMemo).
+static_assert(sizeof(IpGenAddr) == 17 && alignof(IpGenAddr) == 1);
+// fromNetwork() stores the address as the first sixteen bytes.
 static_assert(std::is_standard_layout_v<IpGenAddr>);
 static_assert(std::is_trivially_copyable_v<IpGenAddr>);
 

@@ -540,7 +540,7 @@ class HashTable {
   static constexpr bool kSmall = sizeof(Element) <= 24;
   // At most this percentage of the slots used. For large elements 85 rather
   // than 90 made the road's load about 7% faster (shorter shifts of its
-  // 52-byte state-path ids) for 17 more heap bytes per LSP.
+  // state-path ids, 52 bytes then) for 17 more heap bytes per LSP.
   static constexpr U32 kMaxLoadPercent = kSmall ? 80 : 85;
   static constexpr bool kRelocatable = KelRelocatable<K>::value && KelRelocatable<V>::value;
   static_assert(std::is_nothrow_move_constructible_v<Element>,
